@@ -1,0 +1,131 @@
+// Writing and reading record files (.imf) with their packets. docs/FORMAT.md has every byte of the format.
+//
+// A record file keeps its size and its old bytes for ever; a new recording makes the file its own by stamping a
+// header with its start time and a fresh generation number. A chunk counts only when it carries the header's
+// generation and its checksum holds, so bytes of an earlier recording can't come back to life.
+//
+// Threads: an object is used by one thread at a time. Any number of readers beside one writer is fine, in other
+// processes too.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+constexpr int IMF_CHANNEL_LIMIT = 32;  // channels 0 to 31: one bit each in a channel mask
+
+// What a decoder needs to know of a channel's video.
+struct ImfStreamInfo {
+  int channel = 0;
+  std::string codecName;           // libavcodec's name of the coding, as "h264"
+  uint32_t codecTag = 0;
+  int32_t profile = 0;
+  int32_t level = 0;
+  int32_t width = 0;               // pixels
+  int32_t height = 0;
+  int32_t timeBaseNumerator = 1;   // of the packets' pts, dts and duration
+  int32_t timeBaseDenominator = 1000000;
+  int32_t frameRateNumerator = 0;  // frames per second, 0/1 when unknown
+  int32_t frameRateDenominator = 1;
+  std::vector<uint8_t> extraData;  // as the container gave it: parameter sets and the like
+};
+
+struct ImfPacket {
+  int channel = 0;
+  bool keyFrame = false;
+  int64_t time = 0;      // recording time of the packet's presentation, microseconds since the epoch
+  int64_t pts = 0;       // in the stream's time base
+  int64_t dts = 0;
+  int64_t duration = 0;  // in the stream's time base, 0 when unknown
+  std::vector<uint8_t> data;
+};
+
+enum class ImfWriteResult {
+  kWritten,
+  kFull,    // does not fit any more; the file is as it was before the call and can still be closed
+  kFailed,  // the device or the file system refused (errno); the file should be quarantined
+};
+
+// Writes one recording into an existing file. Never creates, truncates or grows a file.
+class ImfWriter {
+ public:
+  ImfWriter();
+  ~ImfWriter();  // closes without a final checkpoint, as a crash would
+  ImfWriter(const ImfWriter&) = delete;
+  ImfWriter& operator=(const ImfWriter&) = delete;
+
+  // Opens the file (not through a symbolic link), stamps the header with `startTime` (seconds since the epoch, as
+  // in the file's name) and a generation number that differs from the old one, and makes the header durable.
+  // False: errno tells why, and the file is as it was unless the device failed.
+  bool Open(const std::string& path, uint32_t startTime);
+
+  // Makes a channel known; its packets may follow. Call it again when the parameters change in mid-file.
+  ImfWriteResult AddStream(const ImfStreamInfo& stream);
+
+  // Appends a packet with one system call. The bytes are the kernel's afterwards: they survive the process.
+  ImfWriteResult Write(const ImfPacket& packet);
+
+  // Final checkpoint: end time and channel mask into the header, made durable. The writer is closed whatever the
+  // result. False: errno tells why; the file can be repaired by ImfFile.
+  bool Close();
+
+  bool IsOpen() const;
+  // End of the recording so far, in seconds, rounded up; always later than the start time.
+  uint32_t EndTime() const;
+  // Bit n: a packet of channel n was written.
+  uint32_t ChannelMask() const;
+  uint64_t Capacity() const;  // bytes of the file
+  uint64_t Used() const;      // bytes written, the header included
+  uint64_t Generation() const;
+
+  // Seconds between two checkpoints that are made durable while recording (default 2): what a power cut may cost.
+  void SetCheckpointInterval(int seconds);
+
+ private:
+  struct State;
+  std::unique_ptr<State> mState;
+};
+
+// Reads the packets of one record file in the order in which they were written, also while it grows.
+class ImfReader {
+ public:
+  ImfReader();
+  ~ImfReader();
+  ImfReader(const ImfReader&) = delete;
+  ImfReader& operator=(const ImfReader&) = delete;
+
+  // False when the file can't be read or has no valid header; Error() says which, in one line.
+  bool Open(const std::string& path);
+  const std::string& Error() const;
+
+  uint32_t StartTime() const;    // seconds since the epoch, from the header
+  uint32_t EndTime() const;      // as of the last checkpoint, 0 when there was none
+  uint32_t ChannelMask() const;  // as of the last checkpoint
+  uint64_t Generation() const;
+
+  enum class Item {
+    kStream,   // Stream() holds the parameters of a channel
+    kPacket,   // Packet() holds a packet
+    kDamage,   // bytes that are not sound were skipped; reading goes on behind them. DamagedBytes() says how many
+    kEnd,      // nothing sound follows (yet: a growing file may have more later, call Next again)
+    kReplaced, // the header carries another generation now: the file was recycled under the reader
+    kFailed,   // the device reports an error; Error() says what
+  };
+  Item Next();
+  const ImfStreamInfo& Stream() const;
+  const ImfPacket& Packet() const;
+  uint64_t DamagedBytes() const;
+
+  // Reading starts over at the first chunk.
+  void Rewind();
+  // Whether the header still carries the generation seen by Open.
+  bool IsSameRecording() const;
+  // Skips the payload of packets: Packet().data stays empty and the checksum of the payload is not verified.
+  void SetHeadersOnly(bool headersOnly);
+
+ private:
+  struct State;
+  std::unique_ptr<State> mState;
+};
