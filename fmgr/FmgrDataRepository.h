@@ -1,9 +1,9 @@
 // One numbered data directory (data_N) of record files on one disk.
 //
-// A record file's name is the truth about it (RecordFileName.h has the grammar). The list of record files is kept
-// in the file list cache driver (cache mode) or in `files` (list mode: bare names, oldest first); the constructor's
-// cache flag decides. Every move of a file is mirrored in that list; results of the mirroring are not checked, so a
-// failed one leaves list and disk out of step until the directory is listed again.
+// A record file's name is the truth about it (RecordFileName.h has the grammar). The list of record files is
+// kept in the file list cache driver (cache mode) or in `files` (list mode: bare names, oldest first); the
+// constructor's cache flag decides. Every move of a file is mirrored in that list; results of the mirroring are
+// not checked, so a failed one leaves list and disk out of step until the directory is listed again.
 //
 // Times are whole seconds since the epoch; 0 means "no time". Paths are full paths, names are bare file names.
 #pragma once
@@ -32,9 +32,9 @@ class RecordList;
 
 class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
  public:
-  // For an existing directory `name` below `parent`. A missing pool or a name without "_" is logged and leaves an
-  // object with index -1 in list mode, without a list, whose path is empty unless only the name was wrong; its
-  // owner must not use it.
+  // For an existing directory `name` below `parent`. A missing pool or a name without "_" is logged and leaves
+  // an object with index -1 in list mode, without a list, whose path is empty unless only the name was wrong;
+  // its owner must not use it.
   FmgrDataRepository(std::string parent, std::string name, FmgrFreeRepository* freeRepository,
                      FmgrErrorRepository* errorRepository, unsigned useCache);
   // For a new directory; nothing is made on disk before Make(). The pools are not checked.
@@ -47,12 +47,12 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
 
   // Makes the directory. 1 made; 0 with a line logged when it exists or can't be made.
   int Make();
-  // Unregisters the directory from the driver and deletes it with all that is in it. 1 done; 0 with a line logged
-  // when it still holds record files. A count that fails does not stop the removal, and neither is the deletion
-  // itself checked.
+  // Unregisters the directory from the driver and deletes it with all that is in it. 1 done; 0 with a line
+  // logged when it still holds record files. A count that fails does not stop the removal, and neither is the
+  // deletion itself checked.
   unsigned Remove();
-  // Reads the record files' names from the directory into the list; repairs every unfinished one when an observer
-  // is set. 1 done, also for none; 0 with a line logged.
+  // Reads the record files' names from the directory into the list; repairs every unfinished one when an
+  // observer is set. 1 done, also for none; 0 with a line logged.
   int RecordFileListUp();
   // Number of record files; -1 when the driver fails.
   int GetFileCount() const override;
@@ -70,27 +70,27 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
   // --- Names (no disk access; RecordFileName.h has the rules) ---
 
   unsigned IsValidFileName(std::string name) override;
-  static int FileNameToStartTimeSec(std::string name);
-  static int FileNameToEndTimeSec(std::string name);
-  static unsigned FileNameToChannelMask(std::string name);
-  bool IsCompletedFile(std::string name) const;
+  static int FileNameToStartTimeSec(const std::string& name);
+  static int FileNameToEndTimeSec(const std::string& name);
+  static unsigned FileNameToChannelMask(const std::string& name);
+  bool IsCompletedFile(const std::string& name) const;
   static void FlcFileInfoToFileName(std::string& out, flc_file_info_param_t info);
   std::string MakeRepositoryName(int index) const;
-  static int PathToRepositoryId(std::string path);
+  static int PathToRepositoryId(const std::string& path);
   // The last component of the disk's directory; empty with a line logged when that holds no "/".
   std::string GetDiskName() const;
   // Index -1: this directory's path and the name. Else the name in data directory `index` of the disk at
   // LINKROOT/disk/diskName, or of this disk when `diskName` is null.
-  std::string FileNameToPath(std::string name, int index, const char* diskName) const;
+  std::string FileNameToPath(const std::string& name, int index, const char* diskName) const;
 
   // --- Record files in and out. `mode` 1 tells the recovery observer before the file leaves. ---
 
-  // Renames the first free file into this directory under the name of a file in progress. 1 and its path; 0 when
-  // the pool is empty, and nothing is changed. The rename is not checked. Precondition: no record file of this
-  // directory started in the same second; that file would be replaced.
+  // Renames the first free file into this directory under the name of a file in progress. 1 and its path; 0
+  // when the pool is empty, and nothing is changed. The rename is not checked. Precondition: no record file of
+  // this directory started in the same second; that file would be replaced.
   int MakeRecordFile(timeval& time, std::string& newPath);
-  // Gives a file back to the free pool, found by its name or else by its start time. 1 done; 0 with a line logged,
-  // the file stays. The list of record files is not changed.
+  // Gives a file back to the free pool, found by its name or else by its start time. 1 done; 0 with a line
+  // logged, the file stays. The list of record files is not changed.
   unsigned RemoveRecordFile(const std::string& name, int mode);
   // Gives the oldest record file back to the free pool. 1 done; 0 with a line logged, the file stays.
   unsigned RemoveOldestRecordFile();
@@ -122,8 +122,8 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
   // Full paths; false (and the output left alone) when there is none.
   bool GetFirstFilePath(std::string& path) const;
   bool GetLastFilePath(std::string& path) const;
-  // The recording after that at `path`, in cache mode over all directories and disks. The path of a file that was
-  // in progress when the caller got it yields the same recording under its present name.
+  // The recording after that at `path`, in cache mode over all directories and disks. The path of a file that
+  // was in progress when the caller got it yields the same recording under its present name.
   bool GetNextFilePath(const std::string& path, std::string& next) const;
   bool GetPrevFilePath(const std::string& path, std::string& prev) const;
   // The file for a time. mode >= 1: the one that covers it, else the next; <= 0: the last that started by then.
@@ -134,8 +134,8 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
   // Adds the paths of completed files that overlap the interval to `paths`. Result: how many were added. Cache
   // mode appends in order of end time; list mode inserts by start time.
   int CollectFileList(std::list<std::string>& paths, const ImfSearchCondition& condition) const;
-  // Adds this directory's recordings to the chart, or widens its hints when it lies wholly outside the interval.
-  // True when the search database was read.
+  // Adds this directory's recordings to the chart, or widens its hints when it lies wholly outside the
+  // interval. True when the search database was read.
   bool CollectSearchData(TimeSearchChart* chart) const;
 
   // --- Recovery after a power loss (DataRepositoryRecovery.cpp) ---
@@ -170,9 +170,8 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
   std::string mLinkRoot;
 
  private:
-  bool HasFreeRepositoryAndFiles(const char* what, int line) const;
-  void NotifyRemoved(const std::string& path, const std::string& name) const;
-  bool OpenedEndTime(const std::string& path, int& end) const;
+  bool CanRemove(int line) const;
+  void NotifyRemoved(const std::string& path) const;
   unsigned Quarantine(std::string path, int mode, int missingPoolLine, int pushFailedLine);
 
   FmgrFreeRepository* mFreeRepository = nullptr;

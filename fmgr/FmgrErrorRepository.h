@@ -12,7 +12,8 @@ class FMGR_EXPORT FmgrErrorRepository : public FmgrRepository {
   explicit FmgrErrorRepository(std::string mount);
   ~FmgrErrorRepository() override;
 
-  // Appends the directory's "*.imf" names to the list. 1 done, also for a missing directory; 0 with a line logged.
+  // Appends the directory's "*.imf" names to the list. 1 done, also for a missing directory; 0 with a line
+  // logged.
   int ListUp();
   int GetFileCount() const override;
   std::string FileNameToPath(const std::string& name);

@@ -8,8 +8,8 @@
 //   manager->MakeRecordFile(start, path);                    // 0: write to path
 //   manager->RenameRecordFile(path, end, channels, newPath); // once, when the segment is closed
 //
-// Threads: none inside; not guarded: one caller at a time. Nothing is thrown: failures are results, with one line
-// on standard error. Partial work is never rolled back.
+// Threads: none inside; not guarded: one caller at a time. Nothing is thrown: failures are results, with one
+// line on standard error. Partial work is never rolled back.
 #pragma once
 
 #include <sys/time.h>
@@ -32,9 +32,9 @@ struct TimeSearchChart;
 // Results of the record operations.
 enum fmgr_result_e {
   FMGR_DONE = 0,
-  FMGR_NO_SPACE = 2,          // no free file, and nothing may be or could be overwritten
-  FMGR_CAN_NOT_MAKE = 11,     // a data directory or a record file could not be made
-  FMGR_NO_DISK_OR_OWNER = 12, // no disk is managed, no directory owns the path, or nothing was found
+  FMGR_NO_SPACE = 2,           // no free file, and nothing may be or could be overwritten
+  FMGR_CAN_NOT_MAKE = 11,      // a data directory or a record file could not be made
+  FMGR_NO_DISK_OR_OWNER = 12,  // no disk is managed, no directory owns the path, or nothing was found
 };
 
 class FMGR_EXPORT FmgrFileManager {
@@ -43,8 +43,8 @@ class FMGR_EXPORT FmgrFileManager {
 
   // --- The instance ---
 
-  // The instance, made with `option` on the first call; null when memory is short. Option 1: the disks' directories
-  // are watched for data directories that others make or delete.
+  // The instance, made with `option` on the first call; null when memory is short. Option 1: the disks'
+  // directories are watched for data directories that others make or delete.
   static FmgrFileManager* GetInstance(int option);
   // Destroys the instance with its groups and clears the driver's cache. 1 done, 0 when there was none.
   static int ReleaseInstance();
@@ -56,26 +56,27 @@ class FMGR_EXPORT FmgrFileManager {
 
   // --- Preparing a disk ---
 
-  // Lays down `count` files of `sizeMiB` MiB in MOUNT/imf_prealloc and links them into MOUNT/imf_free. 1 done; 0
-  // with lines logged, and what was made stays. The disk is not added, and removing MOUNT/imf_prealloc is the
+  // Lays down `count` files of `sizeMiB` MiB in MOUNT/imf_prealloc and links them into MOUNT/imf_free. 1 done;
+  // 0 with lines logged, and what was made stays. The disk is not added, and removing MOUNT/imf_prealloc is the
   // caller's last step. `indicator` may be null.
-  static int BuildRepositoryGroup(std::string mount, unsigned sizeMiB, unsigned count, ProgressIndicator* indicator);
-  // While a build runs: MiB in the free pool; `preallocMiB` gets the MiB in the pre-allocation directory. Both 0
-  // while that holds no file.
+  static int BuildRepositoryGroup(std::string mount, unsigned sizeMiB, unsigned count,
+                                  ProgressIndicator* indicator);
+  // While a build runs: MiB in the free pool; `preallocMiB` gets the MiB in the pre-allocation directory. Both
+  // 0 while that holds no file.
   int RemainRecordSize(const char* mount, int& preallocMiB) const;
-  // Free MiB over all disks. `totalMiB` adds the recorded MiB, and counts a disk's free MiB again for every later
-  // disk: exact for one disk only, deliberately kept.
+  // Free MiB over all disks. `totalMiB` adds the recorded MiB, and counts a disk's free MiB again for every
+  // later disk: exact for one disk only, deliberately kept.
   int GetRemainSize(int& totalMiB) const;
 
   // --- Disks (ManagerDisks.cpp) ---
 
   // For disks added afterwards: the directory that holds "disk/NAME" for each of them.
   void SetRootDirOfTemp(std::string dir);
-  // Adds a disk, with recovery of its last recordings. 1 done; 0 with a line logged when it is managed already or
-  // can't be listed.
+  // Adds a disk, with recovery of its last recordings. 1 done; 0 with a line logged when it is managed already
+  // or can't be listed.
   int AddRepositoryGroup(std::string mount);
-  // Takes the disk off the list. The group object stays alive, for callers that still hold it: deleting it is the
-  // application's business. The links are not refreshed.
+  // Takes the disk off the list. The group object stays alive, for callers that still hold it: deleting it is
+  // the application's business. The links are not refreshed.
   void RemoveRepositoryGroup(std::string mount);
   // Destroys every group. Always 1.
   int CleanUpRepositoryGroup();
@@ -101,19 +102,19 @@ class FMGR_EXPORT FmgrFileManager {
 
   // --- Recording (ManagerRecords.cpp) ---
 
-  // Hands out a record file for a stream that starts at `time` (its seconds count). FMGR_DONE and the path, else
-  // FMGR_NO_SPACE, FMGR_CAN_NOT_MAKE or FMGR_NO_DISK_OR_OWNER. Starts must be strictly ascending.
+  // Hands out a record file for a stream that starts at `time` (its seconds count). FMGR_DONE and the path,
+  // else FMGR_NO_SPACE, FMGR_CAN_NOT_MAKE or FMGR_NO_DISK_OR_OWNER. Starts must be strictly ascending.
   int MakeRecordFile(timeval& time, std::string& path);
-  // To be called right before MakeRecordFile: starts a new data directory, or goes to the next disk, when a stream
-  // that starts at `newTime` would lie before what is recorded already (the clock was set back).
+  // To be called right before MakeRecordFile: starts a new data directory, or goes to the next disk, when a
+  // stream that starts at `newTime` would lie before what is recorded already (the clock was set back).
   void CheckRepositoryChangeCondition(int newTime);
   // Non-zero when data directory `index` was made on the current disk.
   int CreateDataRepository(int index);
   int MakeCheckInitDataRepository();
   // Recycles the oldest record file of all disks. 1 done, 0 not.
   int RemoveOldestRecordFile();
-  // Quarantines a record file; errorCode 1 tells the recovery observer. 1 done, also for a path that belongs to no
-  // data directory. Meant for the file being recorded only: the newest entry of its directory is dropped.
+  // Quarantines a record file; errorCode 1 tells the recovery observer. 1 done, also for a path that belongs to
+  // no data directory. Meant for the file being recorded only: the newest entry of its directory is dropped.
   int MoveRecordFileToErrorRepository(std::string path, int errorCode);
   // Completes a record file with its end time and channel mask. FMGR_DONE and its new path, or
   // FMGR_NO_DISK_OR_OWNER.
@@ -124,8 +125,8 @@ class FMGR_EXPORT FmgrFileManager {
 
   // --- Playback, search, menus (ManagerQueries.cpp) ---
 
-  // The file for a time over all disks. mode > 0: the one that covers it, else the next; of several the one that
-  // ends first. Else the last that started by then; of several the one that ends last. FMGR_DONE or
+  // The file for a time over all disks. mode > 0: the one that covers it, else the next; of several the one
+  // that ends first. Else the last that started by then; of several the one that ends last. FMGR_DONE or
   // FMGR_NO_DISK_OR_OWNER.
   int GetFilePath(int time, std::string& path, int mode);
   unsigned GetNextFilePath(const std::string& path, std::string& next);

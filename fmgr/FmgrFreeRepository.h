@@ -9,8 +9,8 @@
 
 class FmgrPreAllocRepository;
 
-// `files` holds bare names in pool order: ascending by name as found at construction, then in the order of pushing.
-// The directory is read once, by the constructor; afterwards only Pop and Push change the list.
+// `files` holds bare names in pool order: ascending by name as found at construction, then in the order of
+// pushing. The directory is read once, by the constructor; afterwards only Pop and Push change the list.
 class FMGR_EXPORT FmgrFreeRepository : public FmgrRepository {
  public:
   // Lists MOUNT/imf_free/. A directory that can't be listed is logged and leaves an empty pool.
@@ -35,8 +35,9 @@ class FMGR_EXPORT FmgrFreeRepository : public FmgrRepository {
   int Push(std::string& source);
 
   // Makes the directory and hard-links every pre-allocated file into it, numbered from 0. 1 done; 0 with a line
-  // logged when the directory was there before or can't be made. The pre-allocated names stay, this object's list
-  // stays empty: build a new object to use the pool. A single failed link leaves a gap and is not reported.
+  // logged when the directory was there before or can't be made. The pre-allocated names stay, this object's
+  // list stays empty: build a new object to use the pool. A single failed link leaves a gap and is not
+  // reported.
   int Make(FmgrPreAllocRepository& prealloc, ProgressIndicator* indicator);
 
  private:

@@ -9,8 +9,8 @@
 // `files` holds full paths.
 class FMGR_EXPORT FmgrPreAllocRepository : public FmgrRepository {
  public:
-  // Touches nothing on disk. A mount with a trailing slash gives a path with a double one, which the file system
-  // takes as one.
+  // Touches nothing on disk. A mount with a trailing slash gives a path with a double one, which the file
+  // system takes as one.
   explicit FmgrPreAllocRepository(std::string mount);
   ~FmgrPreAllocRepository() override;
 
@@ -18,9 +18,9 @@ class FMGR_EXPORT FmgrPreAllocRepository : public FmgrRepository {
   // logged, and a file that could be created but not reserved stays, empty or partly reserved.
   unsigned CreateFile(std::string path, unsigned size);
 
-  // Makes the directory and `count` files of `sizeMiB` MiB each. 1 when all were made. 0 with a line logged: the
-  // directory was there before (then nothing was touched), or could not be made, or a file failed; files made so
-  // far stay on disk and in `files`. `indicator` may be null.
+  // Makes the directory and `count` files of `sizeMiB` MiB each. 1 when all were made. 0 with a line logged:
+  // the directory was there before (then nothing was touched), or could not be made, or a file failed; files
+  // made so far stay on disk and in `files`. `indicator` may be null.
   unsigned Make(unsigned sizeMiB, unsigned count, ProgressIndicator* indicator);
 
   // The directory, with a slash at its end.

@@ -4,8 +4,8 @@
 //
 // Request numbers follow the kernel's ioctl encoding (asm-generic/ioctl.h): direction in the top two bits
 // (1: to the driver, 2: from the driver), the size field below it, type byte 0xf3, then the number. The size
-// field says 4 for the file requests although their record has 28 bytes: the driver was built that way and takes
-// the record through the pointer, so the numbers are fixed values here and not made with _IOW()/_IOR().
+// field says 4 for the file requests although their record has 28 bytes: the driver was built that way and
+// takes the record through the pointer, so the numbers are fixed values here and not made with _IOW()/_IOR().
 //
 // Threads: a request is one system call on a shared descriptor; the wrappers hold no state and no lock.
 #pragma once
@@ -35,8 +35,9 @@ constexpr unsigned long FLC_OLDEST_FILE = 0x8004f30f;
 constexpr unsigned long FLC_NEWEST_FILE = 0x8004f310;
 constexpr unsigned long FLC_FILE_COUNT = 0x8004f311;
 
-constexpr size_t FLC_DISK_NAME_SIZE = 8;    // bytes; a name of 8 bytes has no terminator in a record
-constexpr int32_t FLC_ANY_REPOSITORY = -1;  // together with an all-zero disk name: every directory of every disk
+constexpr size_t FLC_DISK_NAME_SIZE = 8;  // bytes; a name of 8 bytes has no terminator in a record
+constexpr int32_t FLC_ANY_REPOSITORY =
+    -1;  // together with an all-zero disk name: every directory of every disk
 constexpr uint32_t FLC_ALL_CHANNELS = 0xffffffffu;
 constexpr int FLC_PAGE_SIZE = 100;  // records in the answer of FLC_FILES_IN_INTERVAL
 
@@ -114,11 +115,13 @@ inline int FlcRemoveFile(const char* diskName, int32_t repository, uint32_t star
 
 inline int FlcClear() { return FlcIoctl(FLC_CLEAR, nullptr); }
 
-// --- Questions. A null disk name means that the caller has none: one line, -1, and the driver is not asked. ---
-// The line numbers in that line are fixed identifiers which field logs are searched for, not this file's lines.
+// --- Questions. A null disk name means that the caller has none: one line, -1, and the driver is not asked.
+// --- The line numbers in that line are fixed identifiers which field logs are searched for, not this file's
+// lines.
 
 inline int FlcRefuseNullDisk(int line) {
-  std::fprintf(stderr, "\033[31;1mErr (%s/%s:%d) Invalid parameter\n\033[0m", gpDebugPrefix, "include/Flc", line);
+  std::fprintf(stderr, "\033[31;1mErr (%s/%s:%d) Invalid parameter\n\033[0m", gpDebugPrefix, "include/Flc",
+               line);
   return -1;
 }
 
@@ -129,7 +132,8 @@ inline int FlcAskFile(unsigned long request, int line, const char* diskName, flc
 }
 
 // The record's start time is the time asked for. Query word >= 1: the file that covers it, else the next one;
-// <= 0: the last file that starts at or before it. 0 and the file in `param`, or negative and `param` untouched.
+// <= 0: the last file that starts at or before it. 0 and the file in `param`, or negative and `param`
+// untouched.
 inline int FlcGetFileByTime(const char* diskName, flc_file_info_param_t* param) {
   return FlcAskFile(FLC_FILE_BY_TIME, 93, diskName, param);
 }
@@ -165,5 +169,6 @@ inline int FlcGetFileCount(const char* diskName, int32_t repository) {
 }
 
 // `page` is FLC_PAGE_SIZE records; the first carries the request (disk, repository, interval start and end in
-// seconds, channel mask), the answer overwrites the page from the first record on. Result: the number of records.
+// seconds, channel mask), the answer overwrites the page from the first record on. Result: the number of
+// records.
 inline int FlcGetFilesInInterval(flc_file_info_param_t* page) { return FlcIoctl(FLC_FILES_IN_INTERVAL, page); }

@@ -4,14 +4,19 @@
 #include <memory>
 #include <string>
 
+// The library acts on what a repair answers: 1 completes the file, 7 gives it up, 8 frees it for the next
+// recording, and anything else leaves it alone. So 7 and 8 are only said of what was looked at and is lost.
 enum imf_error_code_e {
-  IMF_ERROR_NONE = 0,         // opened for reading
-  IMF_ERROR_REPAIRED = 1,     // repair: a usable recording, its end and channels are known
-  IMF_ERROR_NOT_FOUND = 2,    // no such file, or not a regular file
-  IMF_ERROR_NOT_A_RECORD = 3, // reading: no valid header
-  IMF_ERROR_MODE = 4,         // an open mode that this reader does not have
-  IMF_ERROR_IO = 7,           // the device itself reports an error
-  IMF_ERROR_UNREPAIRABLE = 8, // repair: nothing usable is there
+  IMF_ERROR_NONE = 0,          // opened for reading
+  IMF_ERROR_REPAIRED = 1,      // repair: a usable recording, its end and channels are known
+  IMF_ERROR_NOT_FOUND = 2,     // no such file; reading: or not a regular file
+  IMF_ERROR_NOT_A_RECORD = 3,  // reading: no valid header, or the header of another recording than the name's
+  IMF_ERROR_MODE = 4,          // an open mode that this reader does not have
+  IMF_ERROR_IO = 7,            // the device itself could not read, and nothing usable is left
+  IMF_ERROR_UNREPAIRABLE =
+      8,  // repair: nothing usable is there, the name is another recording's, not a regular file
+  IMF_ERROR_ACCESS =
+      9,  // a missing right, a read-only or vanished disk, no memory: nothing is known of the file
 };
 
 enum imf_file_open_mode_e {
@@ -21,7 +26,8 @@ enum imf_file_open_mode_e {
 
 class ImfFile;
 
-// Hears of a record file that was closed on behalf of the application, as after a repair. Not owned by the reader.
+// Hears of a record file that was closed on behalf of the application, as after a repair. Not owned by the
+// reader.
 class ImfSegmentCloseInterface {
  public:
   virtual ~ImfSegmentCloseInterface() = default;
@@ -40,14 +46,16 @@ class ImfStreamCountSummary {
   unsigned mVideoChannelMask = 0;
 };
 
-// One open record file; closed by the destructor. Not copyable. Used by one thread at a time; several readers of
-// one file, and a reader beside the writer, are fine.
+// One open record file; closed by the destructor. Not copyable. Used by one thread at a time; several readers
+// of one file, and a reader beside the writer, are fine.
 class ImfFile {
  public:
   // Opens `path`. `error` tells the outcome and is always set; after anything but IMF_ERROR_NONE and
-  // IMF_ERROR_REPAIRED the object only answers 0. IMF_OPEN_READ changes nothing on disk. IMF_OPEN_REPAIR writes
-  // the end time and the channel mask found into the file's header, never more, and calls `segmentClose`, when
-  // given, for a file that it repaired. The two strings and the integer are the recorder's and unused.
+  // IMF_ERROR_REPAIRED the object only answers 0. IMF_OPEN_READ changes nothing on disk and reads a few blocks
+  // only, however large the file. IMF_OPEN_REPAIR reads the whole recording; it writes the end time and the
+  // channel mask found into the file's header, never more, and calls `segmentClose`, when given, for a file
+  // that it repaired. A recording whose header can't be written is usable all the same. The two strings and the
+  // integer are the recorder's and unused.
   ImfFile(imf_error_code_e& error, std::string path, imf_file_open_mode_e mode, std::string, std::string, int,
           ImfSegmentCloseInterface* segmentClose);
   ~ImfFile();
@@ -55,7 +63,7 @@ class ImfFile {
   ImfFile& operator=(const ImfFile&) = delete;
 
   // End of the recording in seconds since the epoch, 0 when unknown. Of a growing file: its end as of the
-  // writer's last checkpoint.
+  // writer's last checkpoint before the opening.
   int GetEndTime() const;
 
   const ImfStreamCountSummary& GetStreamCountSummary() const;

@@ -9,12 +9,12 @@ constexpr int IPC_MENU_DISK_NAME_SIZE = 8;
 constexpr int IPC_MENU_DISK_PATH_SIZE = 144;
 
 struct ipc_menu_disk_entry_t {
-  int32_t inUse;                           // set by the application; entries with 0 are left alone
+  int32_t inUse;  // set by the application; entries with 0 are left alone
   int32_t reserved0[2];
-  int32_t recordedSize;                    // decimal megabytes (10^6 bytes)
+  int32_t recordedSize;  // decimal megabytes (10^6 bytes)
   int32_t reserved1;
-  int32_t writing;                         // 1: this disk is being recorded to
-  int32_t startTime;                       // seconds since the epoch, 0 when nothing is recorded
+  int32_t writing;    // 1: this disk is being recorded to
+  int32_t startTime;  // seconds since the epoch, 0 when nothing is recorded
   int32_t endTime;
   int32_t reserved2[12];
   char diskName[IPC_MENU_DISK_NAME_SIZE];  // set by the application; terminated unless it has 8 bytes
@@ -37,8 +37,8 @@ static_assert(sizeof(ipc_menu_disk_stream_t) == 8 + 232 * 16);
 static_assert(offsetof(ipc_menu_disk_stream_t, kind) == 4);
 static_assert(offsetof(ipc_menu_disk_stream_t, entries) == 8);
 
-// How long recordings are kept. The values are the menu's and stored in its settings; they are not in the order of
-// the hours they stand for.
+// How long recordings are kept. The values are the menu's and stored in its settings; they are not in the order
+// of the hours they stand for.
 enum ipc_preserve_limit_e {
   IPC_PRESERVE_UNLIMITED = 0,
   IPC_PRESERVE_12_HOURS = 1,

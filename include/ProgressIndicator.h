@@ -12,9 +12,9 @@ enum progress_stage_e {
 // The library is built against this table and these members: keep the order of both. BeginStage and Refresh are
 // the fourth and fifth slot; the library calls no other operation.
 //
-// A step i of the library is reported only while mActive is not 0; it then sets mCurrent to i when i is not below
-// it, and calls Refresh() when mGate is not 0. Once mActive has reached mGate and mCurrent has reached mLimit,
-// steps are ignored.
+// A step i of the library is reported only while mActive is not 0; it then sets mCurrent to i when i is not
+// below it, and calls Refresh() when mGate is not 0. Once mActive has reached mGate and mCurrent has reached
+// mLimit, steps are ignored.
 class ProgressIndicator {
  public:
   virtual ~ProgressIndicator() = default;  // two slots

@@ -17,10 +17,10 @@ struct TimeSearchRecording {
 
 // The chart that a search fills.
 struct TimeSearchChart {
-  int32_t startTime = 0;            // interval asked for, seconds since the epoch
+  int32_t startTime = 0;  // interval asked for, seconds since the epoch
   int32_t endTime = 0;
-  int32_t latestEndBefore = 0;      // hint: recordings before the interval end here; 0 when none are known
-  int32_t earliestStartAfter = 0;   // hint: recordings after the interval start here; 0 when none are known
+  int32_t latestEndBefore = 0;     // hint: recordings before the interval end here; 0 when none are known
+  int32_t earliestStartAfter = 0;  // hint: recordings after the interval start here; 0 when none are known
   std::vector<TimeSearchRecording> recordings;  // those that overlap the interval, in no particular order
 };
 
@@ -44,18 +44,41 @@ class FileDb {
 constexpr int SEARCH_DB_WRITE = 0;  // opened for writing, made when missing
 constexpr int SEARCH_DB_READ = 1;   // opened for reading only, never made
 
-// "search.fdb" in a data directory. Operations return false on failure and leave the database as it was.
+namespace searchdb {
+class DirectoryLock;
+}
+
+// "search.fdb" in a data directory. Operations return false on failure, say why in one line on standard error, and
+// leave the database as it was. When one fails that was to write, a file "search.fdb.0.err" marks the database, and
+// the next start rebuilds it. One thread at a time; any number of processes: an operation waits up to 2 seconds for
+// others.
 class SearchDb : public FileDb {
  public:
-  // `directory` ends with "/". A database that can't be opened is reported in one line on standard error; every
-  // operation then answers false. A database found damaged while open for writing is marked by a file
-  // "search.fdb.0.err", which makes the next start rebuild it.
+  // `directory` ends with "/". When the database can't be opened, IsOpen() answers false; every operation tries
+  // again. The database may be replaced by a rebuild meanwhile: operations notice.
   SearchDb(const std::string& directory, int mode);
 
   // A recording of the same start is replaced.
   bool Add(const TimeSearchRecording& recording);
-  // True also when there was none of that start.
+  // True also when there was none of that start, or no database at all; makes none.
   bool Remove(int32_t startTime);
-  // Appends the recordings that overlap the chart's interval, ends included, to the chart.
+  // Appends the recordings that overlap the chart's interval, ends included, to the chart. An empty file, as it
+  // lies there while the database is rebuilt, holds none.
   bool CollectData(TimeSearchChart* chart);
+
+ private:
+  bool Fail(const std::string& why);
+  bool Lock(searchdb::DirectoryLock* lock);
+  bool Open();
+  int Connect(const std::string& path, int flags);
+  bool CheckSchema(bool existed);
+  void Close();
+  bool Refresh();
+  bool Change(const char* statement, const int64_t* values, int count);
+
+  const std::string mDirectory;
+  const int mMode;
+  uint64_t mDevice = 0;
+  uint64_t mInode = 0;
+  bool mIsBlank = false;
 };

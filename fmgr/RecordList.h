@@ -1,0 +1,106 @@
+// Where a data directory's list of record files is kept: in the file list cache driver, or in memory. A data
+// repository owns one of the two and delegates to it whatever differs between them.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <string>
+
+#include "Flc.h"
+
+class FmgrDataRepository;
+struct ImfSearchCondition;
+
+namespace fmgr {
+
+class RecordList {
+ public:
+  virtual ~RecordList() = default;
+
+  virtual int Count() const = 0;  // -1: the driver failed
+  virtual bool IsEmpty() const = 0;
+
+  // Names.
+  virtual std::string Oldest() const = 0;
+  virtual std::string Newest() const = 0;
+  // End of the file before the newest of `count` files (2 or more), 0 when unknown.
+  virtual int EndBeforeNewest(int count) const = 0;
+
+  virtual void Add(const std::string& name) = 0;
+  virtual void Rename(const std::string& oldName, const std::string& newName) = 0;
+  virtual void DropOldest() = 0;
+  virtual void DropNewest() = 0;
+  // Drops the oldest entry when its file is due for removal at `limit`, else answers false.
+  virtual bool DropOldestBefore(long limit) = 0;
+
+  // The questions of the same names of FmgrDataRepository.
+  virtual bool NextFilePath(const std::string& path, std::string& next) const = 0;
+  virtual bool PrevFilePath(const std::string& path, std::string& prev) const = 0;
+  virtual int FilePath(int time, std::string& path, int mode) const = 0;
+  // `from` and `to` in seconds since the epoch.
+  virtual int Collect(std::list<std::string>& paths, int from, int to, uint32_t channelMask) const = 0;
+};
+
+// The driver's list (cache mode).
+class DriverRecordList : public RecordList {
+ public:
+  // `owner` outlives the list.
+  explicit DriverRecordList(const FmgrDataRepository& owner) : mOwner(owner) {}
+
+  int Count() const override;
+  bool IsEmpty() const override { return Count() == 0; }
+  std::string Oldest() const override;
+  std::string Newest() const override;
+  int EndBeforeNewest(int count) const override;
+  void Add(const std::string& name) override;
+  void Rename(const std::string& oldName, const std::string& newName) override;
+  void DropOldest() override;
+  void DropNewest() override;
+  bool DropOldestBefore(long limit) override;
+  bool NextFilePath(const std::string& path, std::string& next) const override;
+  bool PrevFilePath(const std::string& path, std::string& prev) const override;
+  int FilePath(int time, std::string& path, int mode) const override;
+  int Collect(std::list<std::string>& paths, int from, int to, uint32_t channelMask) const override;
+
+ private:
+  flc_file_info_param_t AskExtreme(int (*request)(const char*, flc_file_info_param_t*)) const;
+  std::string PathOf(const flc_file_info_param_t& answer) const;
+  void Remove(uint32_t start);
+
+  const FmgrDataRepository& mOwner;
+};
+
+// Bare names, oldest first (list mode).
+class MemoryRecordList : public RecordList {
+ public:
+  // Both outlive the list.
+  MemoryRecordList(const FmgrDataRepository& owner, std::list<std::string>& names)
+      : mOwner(owner), mNames(names) {}
+
+  int Count() const override { return static_cast<int>(mNames.size()); }
+  bool IsEmpty() const override { return mNames.empty(); }
+  std::string Oldest() const override { return mNames.empty() ? "" : mNames.front(); }
+  std::string Newest() const override { return mNames.empty() ? "" : mNames.back(); }
+  int EndBeforeNewest(int count) const override;
+  void Add(const std::string& name) override { mNames.push_back(name); }
+  void Rename(const std::string& oldName, const std::string& newName) override;
+  void DropOldest() override;
+  void DropNewest() override;
+  bool DropOldestBefore(long limit) override;
+  bool NextFilePath(const std::string& path, std::string& next) const override;
+  bool PrevFilePath(const std::string& path, std::string& prev) const override;
+  int FilePath(int time, std::string& path, int mode) const override;
+  int Collect(std::list<std::string>& paths, int from, int to, uint32_t channelMask) const override;
+
+ private:
+  std::list<std::string>::const_iterator FindStart(int start) const;
+
+  const FmgrDataRepository& mOwner;
+  std::list<std::string>& mNames;
+};
+
+// Opens the record file at `path` and asks it for its end time. False, and `end` untouched, when it is not a
+// regular file or can't be opened.
+bool ReadEndTime(const std::string& path, int& end);
+
+}  // namespace fmgr
