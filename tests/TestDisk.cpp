@@ -1,0 +1,102 @@
+#include "TestDisk.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/host/FlcHost.h"
+
+namespace fs = std::filesystem;
+
+TestRoot::TestRoot() {
+  char path[] = "/tmp/fm.XXXXXX";
+  if (mkdtemp(path) == nullptr) std::abort();
+  mPath = path;
+  fs::create_directories(mPath + "/disk");
+}
+
+TestRoot::~TestRoot() {
+  for (const std::string& name : mNames) FlcDetachDisk(name.c_str());
+  std::error_code ignored;
+  fs::remove_all(mPath, ignored);
+}
+
+std::string TestRoot::AddDisk(const std::string& name, int freeFiles, int size) {
+  const std::string disk = mPath + "/disk/" + name;
+  fs::create_directories(disk + "/imf_free");
+  for (int i = 0; i < freeFiles; ++i) {
+    char file[32];
+    std::snprintf(file, sizeof file, "/imf_free/%08d.imf", i);
+    MakeTestFile(disk + file, size);
+  }
+  EXPECT_EQ(0, FlcAttachDisk(name.c_str(), disk.c_str()));
+  mNames.push_back(name);
+  return disk;
+}
+
+void TestRoot::ForgetAll() {
+  for (const std::string& name : mNames) FlcForget(name.c_str(), -1);
+}
+
+std::string MakeTestFile(const std::string& path, int size) {
+  fs::create_directories(fs::path(path).parent_path());
+  const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  EXPECT_GE(descriptor, 0) << path;
+  EXPECT_EQ(0, ftruncate(descriptor, size)) << path;
+  close(descriptor);
+  return path;
+}
+
+std::vector<std::string> NamesIn(const std::string& directory) {
+  std::set<std::string> names;
+  std::error_code missing;
+  for (const auto& entry : fs::directory_iterator(directory, missing))
+    names.insert(entry.path().filename().string());
+  return {names.begin(), names.end()};
+}
+
+std::map<unsigned long, std::multiset<std::string>> PlacesOf(const std::string& disk) {
+  std::map<unsigned long, std::multiset<std::string>> places;
+  for (const std::string& place : NamesIn(disk)) {
+    for (const std::string& name : NamesIn(disk + "/" + place)) {
+      struct stat status;
+      if (name.find(".imf") == std::string::npos) continue;
+      if (lstat((disk + "/" + place + "/" + name).c_str(), &status) == 0) places[status.st_ino].insert(place);
+    }
+  }
+  return places;
+}
+
+std::set<unsigned long> InodesOf(const std::string& disk) {
+  std::set<unsigned long> inodes;
+  for (const auto& [inode, where] : PlacesOf(disk)) inodes.insert(inode);
+  return inodes;
+}
+
+void ExpectEachInOnePlace(const std::string& disk, const std::set<unsigned long>& inodes) {
+  EXPECT_EQ(inodes, InodesOf(disk)) << disk;
+  for (const auto& [inode, where] : PlacesOf(disk)) {
+    EXPECT_EQ(1u, where.size()) << disk << " inode " << inode << " is in " << where.size() << " places";
+  }
+}
+
+void RecordingObserver::NotifyStage(int stage, int active) {
+  heard.push_back("stage " + std::to_string(stage) + " " + std::to_string(active));
+}
+
+void RecordingObserver::NotifyFileFixed(ImfFile&, const std::string& newName, unsigned videoChannelMask) {
+  char mask[16];
+  std::snprintf(mask, sizeof mask, " %x", videoChannelMask);
+  heard.push_back("fixed " + newName + mask);
+}
+
+void RecordingObserver::NotifyFileRemoved(const std::string& path, unsigned start, unsigned end,
+                                          unsigned mask) {
+  char fields[64];
+  std::snprintf(fields, sizeof fields, " %x %x %x", start, end, mask);
+  heard.push_back("removed " + path + fields);
+}
