@@ -1,0 +1,52 @@
+# Shared by the scripts in this folder; sourced, not run.
+# shellcheck shell=bash
+
+TOP=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+JOBS=$(nproc 2>/dev/null || echo 2)
+
+# What a build of everything needs, and what the demo and the tests run.
+BUILD_PACKAGES=(build-essential cmake ninja-build pkg-config
+  libavformat-dev libavcodec-dev libavutil-dev libcli11-dev nlohmann-json3-dev libcairo2-dev
+  libsqlite3-dev zlib1g-dev)
+DEMO_PACKAGES=(ffmpeg)
+TEST_PACKAGES=(libgtest-dev ffmpeg sqlite3 e2fsprogs shellcheck)
+BENCH_PACKAGES=(libbenchmark-dev)
+
+say() { printf '%s\n' "== $*"; }
+fail() {
+  printf '%s\n' "$0: $*" >&2
+  exit 1
+}
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null 2>&1; then
+    sudo "$@"
+  else
+    fail "needs root or sudo to run: $*"
+  fi
+}
+
+# Installs those of the packages that are missing.
+need_packages() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  command -v apt-get >/dev/null 2>&1 || fail "please install: ${missing[*]}"
+  say "Installing ${missing[*]}"
+  as_root apt-get update -qq || fail "apt-get update failed"
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" \
+    >/dev/null || fail "could not install: ${missing[*]}"
+}
+
+# Configures and builds a preset in build/PRESET; further arguments go to cmake --build.
+build_preset() {
+  local preset=$1
+  shift
+  say "Building $preset in build/$preset"
+  (cd "$TOP" && cmake --preset "$preset" >/dev/null && cmake --build --preset "$preset" -j "$JOBS" "$@") ||
+    fail "the $preset build failed"
+}
