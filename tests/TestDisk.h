@@ -52,7 +52,7 @@ std::string StderrOf(Body body) {
 
 // Remembers what it hears, one text per call: "stage 2 1", "fixed PATH MASK", "removed PATH START END MASK"
 // (numbers in lower-case hexadecimal).
-class RecordingObserver : public RecoveryObserver {
+class RecordingObserver final : public RecoveryObserver {
  public:
   void NotifyStage(int stage, int active) override;
   void NotifyFileFixed(ImfFile& file, const std::string& newName, unsigned videoChannelMask) override;
