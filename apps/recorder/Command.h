@@ -1,0 +1,25 @@
+// The recorder's commands. Each lives in a file of its own, adds its options to the command line, and leaves
+// what is to be done in the context; main() runs it once the command line is known to be sound.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace recorder {
+
+enum ExitStatus { kDone = 0, kFound = 1, kRefused = 2 };
+
+struct Context {
+  std::string root;          // as given; Disks.h makes an absolute path of it
+  std::function<int()> run;  // set by the command that was chosen; its result is the exit status
+};
+
+void AddPrepareCommand(CLI::App& app, Context& context);
+void AddRecordCommand(CLI::App& app, Context& context);
+void AddStatusCommand(CLI::App& app, Context& context);
+
+}  // namespace recorder

@@ -1,0 +1,26 @@
+// Small file system helpers of the recorder.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace recorder {
+
+bool IsDirectory(const std::string& path);
+// Whether something of that name exists; a dangling symbolic link counts.
+bool Exists(const std::string& path);
+// Names in a directory without "." and "..", sorted; empty when it can't be read.
+std::vector<std::string> ListDirectory(const std::string& path);
+bool HasSuffix(const std::string& text, const std::string& suffix);
+// The part up to and including the last slash; the part behind it.
+std::string DirectoryOf(const std::string& path);
+std::string NameOf(const std::string& path);
+
+// Makes names that were given, taken or moved in a directory durable. False: errno tells why.
+bool SyncDirectory(const std::string& path);
+
+// One line on standard error, "recorder: " in front.
+void Complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace recorder

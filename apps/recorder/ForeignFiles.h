@@ -1,0 +1,20 @@
+// Saves what others have put into a data directory. The file manager removes a data directory that has become
+// empty with everything in it; what its list of record files does not know would go as well.
+#pragma once
+
+class FmgrRepositoryGroup;
+
+namespace recorder {
+
+struct Disk;
+
+// How many recordings may be recycled between two calls of SaveForeignFiles: directories that hold no more are
+// looked at, larger ones can't become empty before the next call.
+constexpr int kSmallDirectory = 4;
+
+// Moves what is no record file (search databases aside) out of the disk's small data directories into its
+// quarantine, one line each, and has the file list cache read a directory afresh that does not agree with its
+// list. To be called while no record file is open, before anything is recycled.
+void SaveForeignFiles(const Disk& disk, FmgrRepositoryGroup& group);
+
+}  // namespace recorder

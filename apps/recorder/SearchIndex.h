@@ -1,0 +1,36 @@
+// Keeps the search databases of the data directories in step with what is recorded and recycled.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "SearchDb.h"
+
+namespace recorder {
+
+class SearchIndex {
+ public:
+  // Adds the completed recording at `path`. A database that is missing is made and takes in every completed
+  // recording of its directory, since those would not be found otherwise.
+  void Add(const std::string& path);
+  // The same for a recording that was repaired while its disk is being added: the file manager goes on to
+  // rebuild a missing database of a directory with more than one file, so nothing is made then.
+  void AddRepaired(const std::string& path);
+  // Takes the recording at `path` out. Makes nothing: the directory may be about to go with all that is in it.
+  void Remove(const std::string& path, uint32_t startTime);
+
+ private:
+  struct Open {
+    std::string directory;  // ends with "/"
+    std::unique_ptr<SearchDb> db;
+  };
+
+  SearchDb& DbOf(const std::string& directory);
+
+  // Recording adds to the newest directory and recycles from the oldest: two handles serve both.
+  std::list<Open> mOpen;  // most recently used first
+};
+
+}  // namespace recorder

@@ -1,0 +1,118 @@
+// recorder status: what is on each disk, in numbers. Looks only.
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+#include <cinttypes>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "Command.h"
+#include "Disks.h"
+#include "Files.h"
+#include "RootLock.h"
+#include "Units.h"
+#include "fmgr/FmgrFileManager.h"
+#include "fmgr/FmgrRepositoryGroup.h"
+
+namespace recorder {
+
+namespace {
+
+struct DiskStatus {
+  std::string name;
+  std::string path;
+  int free = 0;
+  int used = 0;
+  int quarantined = 0;
+  uint64_t fileSize = 0;
+  uint64_t quarantinedBytes = 0;
+  int first = 0;  // seconds since the epoch, 0: nothing recorded
+  int last = 0;
+  bool writing = false;
+};
+
+DiskStatus Examine(const Disk& disk, FmgrRepositoryGroup& group) {
+  DiskStatus status;
+  status.name = disk.name;
+  status.path = disk.path;
+  status.free = group.GetFreeFileCount();
+  status.used = group.GetRecordFileCount();
+  status.quarantined = group.mErrorRepository.GetFileCount();
+  status.fileSize = static_cast<uint64_t>(group.GetFileSize());
+  for (const std::string& name : group.mErrorRepository.files) {
+    struct stat st;
+    if (lstat(group.mErrorRepository.FileNameToPath(name).c_str(), &st) == 0) {
+      status.quarantinedBytes += static_cast<uint64_t>(st.st_size);
+    }
+  }
+  group.GetTimeRange(status.first, status.last);
+  return status;
+}
+
+void PrintJson(const DiskStatus& status) {
+  nlohmann::ordered_json line;
+  line["disk"] = status.name;
+  line["path"] = status.path;
+  line["free"] = status.free;
+  line["used"] = status.used;
+  line["quarantined"] = status.quarantined;
+  line["fileBytes"] = status.fileSize;
+  line["freeBytes"] = status.fileSize * static_cast<uint64_t>(status.free);
+  line["usedBytes"] = status.fileSize * static_cast<uint64_t>(status.used);
+  line["quarantinedBytes"] = status.quarantinedBytes;
+  line["first"] = status.first != 0 ? nlohmann::ordered_json(FormatTime(status.first)) : nullptr;
+  line["last"] = status.last != 0 ? nlohmann::ordered_json(FormatTime(status.last)) : nullptr;
+  line["writing"] = status.writing;
+  std::printf("%s\n", line.dump().c_str());
+}
+
+void PrintText(const DiskStatus& status) {
+  const auto line = [](const char* what, int count, uint64_t bytes) {
+    std::printf("  %-12s %8d files  %10s\n", what, count, FormatSize(bytes).c_str());
+  };
+  std::printf("disk %s at %s%s\n", status.name.c_str(), status.path.c_str(),
+              status.writing ? ", being recorded to" : "");
+  line("free", status.free, status.fileSize * static_cast<uint64_t>(status.free));
+  line("used", status.used, status.fileSize * static_cast<uint64_t>(status.used));
+  line("quarantined", status.quarantined, status.quarantinedBytes);
+  if (status.first == 0) {
+    std::printf("  nothing recorded\n");
+  } else {
+    std::printf("  recorded     %s to %s\n", FormatTime(status.first).c_str(), FormatTime(status.last).c_str());
+  }
+}
+
+int Status(std::string root, bool json) {
+  Disks disks;
+  Refusal refusal = ResolveRoot(&root, true);
+  if (!refusal) refusal = disks.Choose(root, {});
+  if (!refusal) refusal = disks.OpenForLooking();
+  if (refusal) {
+    Complain("%s", refusal->c_str());
+    return kRefused;
+  }
+  const std::optional<std::string> holder = HolderOfRoot(root);
+  const bool recording = holder && holder->rfind("recorder record ", 0) == 0;
+  if (holder && !json) std::printf("in use by %s\n", holder->c_str());
+  for (const Disk& disk : disks.All()) {
+    FmgrRepositoryGroup* group = disks.Group(disk);
+    if (group == nullptr) continue;
+    DiskStatus status = Examine(disk, *group);
+    status.writing = recording && group == disks.Manager()->CurrentRepositoryGroup();
+    json ? PrintJson(status) : PrintText(status);
+  }
+  return kDone;
+}
+
+}  // namespace
+
+void AddStatusCommand(CLI::App& app, Context& context) {
+  auto json = std::make_shared<bool>(false);
+  CLI::App* command = app.add_subcommand("status", "Show what is on each disk, also while recording goes on");
+  command->add_flag("--json", *json, "One JSON object a disk and line");
+  command->callback(
+      [json, &context] { context.run = [json, &context] { return Status(context.root, *json); }; });
+}
+
+}  // namespace recorder

@@ -1,0 +1,30 @@
+// Sizes and times as people write and read them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace recorder {
+
+constexpr uint64_t kMiB = 1024 * 1024;
+constexpr int64_t kMicros = 1000000;  // microseconds in a second
+
+// "64M", "1G", "1.5G", "512 KiB", "1048576": bytes, units are powers of 1024. Nothing for any other text, for a
+// size that is not a whole number of bytes, or for one of 2^63 bytes and more.
+std::optional<uint64_t> ParseSize(const std::string& text);
+// "58.2 MiB": one decimal from KiB on.
+std::string FormatSize(uint64_t bytes);
+
+// Microseconds since the epoch of "2024-05-01T12:00:00+02:00", "...Z", the same in local time without an offset
+// (seconds and their fraction may be left out), or of epoch seconds. Nothing for any other text.
+std::optional<int64_t> ParseTime(const std::string& text);
+// ISO 8601 in local time with its offset.
+std::string FormatTime(int64_t seconds);
+
+// "0:07", "12:34", "1:02:03".
+std::string FormatDuration(double seconds);
+// Channels of a mask: "0-3,7"; "-" for none.
+std::string FormatChannels(uint32_t mask);
+
+}  // namespace recorder

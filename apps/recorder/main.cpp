@@ -1,0 +1,32 @@
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <string>
+
+#include "Command.h"
+
+int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);  // a line is seen when it happens, in a log file too
+
+  CLI::App app{"A loop recorder for cameras and video files", "recorder"};
+  recorder::Context context;
+  app.add_option("--root", context.root, "Directory that holds disk/NAME for every disk")->required();
+  app.set_version_flag("--version", std::string("recorder ") + RECORDER_VERSION);
+  app.require_subcommand(1);
+  app.fallthrough();  // --root may also stand behind the command
+  recorder::AddPrepareCommand(app, context);
+  recorder::AddRecordCommand(app, context);
+  recorder::AddStatusCommand(app, context);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
+    std::string what = error.what();
+    for (char& c : what) {
+      if (c == '\n') c = ' ';
+    }
+    std::fprintf(stderr, "recorder: %s (recorder --help shows the options)\n", what.c_str());
+    return recorder::kRefused;
+  }
+  return context.run();
+}
