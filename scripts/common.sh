@@ -1,5 +1,5 @@
 # Shared by the scripts in this folder; sourced, not run.
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034
 
 TOP=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 JOBS=$(nproc 2>/dev/null || echo 2)
@@ -8,7 +8,7 @@ JOBS=$(nproc 2>/dev/null || echo 2)
 BUILD_PACKAGES=(build-essential cmake ninja-build pkg-config
   libavformat-dev libavcodec-dev libavutil-dev libcli11-dev nlohmann-json3-dev libcairo2-dev
   libsqlite3-dev zlib1g-dev)
-DEMO_PACKAGES=(ffmpeg)
+DEMO_PACKAGES=(ffmpeg jq)
 TEST_PACKAGES=(libgtest-dev ffmpeg sqlite3 e2fsprogs shellcheck)
 BENCH_PACKAGES=(libbenchmark-dev)
 
