@@ -33,8 +33,8 @@ class RecordList;
 class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
  public:
   // For an existing directory `name` below `parent`. A missing pool or a name without "_" is logged and leaves
-  // an object with index -1 in list mode, without a list, whose path is empty unless only the name was wrong;
-  // its owner must not use it.
+  // an object with index -1 in list mode, whose list and, unless only the name was wrong, path are empty; its
+  // owner must not use it.
   FmgrDataRepository(std::string parent, std::string name, FmgrFreeRepository* freeRepository,
                      FmgrErrorRepository* errorRepository, unsigned useCache);
   // For a new directory; nothing is made on disk before Make(). The pools are not checked.
@@ -92,14 +92,17 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
   // Gives a file back to the free pool, found by its name or else by its start time. 1 done; 0 with a line
   // logged, the file stays. The list of record files is not changed.
   unsigned RemoveRecordFile(const std::string& name, int mode);
-  // Gives the oldest record file back to the free pool. 1 done; 0 with a line logged, the file stays.
+  // Gives the oldest record file back to the free pool. 1 done; 0 with a line logged, the file and its entry in
+  // the list stay. The observer is told.
   unsigned RemoveOldestRecordFile();
-  // The same when the oldest file started before `limit`; 1 also when it did not and so stays.
+  // The same when the oldest file started before `limit`; 1 also when it did not and so stays. The entry leaves
+  // the list first, and so also when the file can't be moved.
   // List mode removes it whatever its start: deliberate, see there.
   unsigned RemoveTimeOverRecordFile(long limit);
+  // Gives the newest record file back. 0 without a line when there is none.
   unsigned RemoveLatestRecordFile(int mode);
-  // Quarantines a file. 1 done; 0 with a line logged, the file stays. Drops the newest entry of the list,
-  // whichever file was moved: it is meant for the file being recorded.
+  // Quarantines a file. 1 done; 0 with a line logged (none when the list is empty), the file stays. Drops the
+  // newest entry of the list, whichever file was moved: it is meant for the file being recorded.
   unsigned MoveRecordFileToErrorRepository(std::string path, int mode);
   unsigned MoveLatestRecordFileToErrorRepository(int mode);
   // Completes the record file at `path`: renames it to its start time, `endTime` and `mask` in this directory.

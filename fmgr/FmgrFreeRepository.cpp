@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -59,7 +61,14 @@ int FmgrFreeRepository::Push(std::string& source) {
     return 0;
   }
   // An empty pool starts at 1 although Make numbers from 0: deliberate, recorders in the field have such pools.
-  const std::string name = MakeFileName(index + 1);
+  // Taken numbers are passed over: they can come up only where a foreign name stands at the pool's end, and
+  // renaming onto a pool file would lose it.
+  int next = index;
+  std::string name;
+  do {
+    next = next == INT_MAX ? 1 : next + 1;
+    name = MakeFileName(next);
+  } while (std::find(files.begin(), files.end(), name) != files.end());
   const std::string target = FileNameToPath(name);
   if (std::rename(source.c_str(), target.c_str()) != 0) {
     fmgr::LogDebug("Can't move from '%s' to '%s'. (%s)\n", source.c_str(), target.c_str(),

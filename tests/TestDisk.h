@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "RecoveryObserver.h"
+#include "SystemHelper.h"
 
 // ROOT/disk/NAME for each disk, attached to the file list cache; all gone with the object.
 class TestRoot {
@@ -48,6 +49,15 @@ std::string StderrOf(Body body) {
   testing::internal::CaptureStderr();
   body();
   return testing::internal::GetCapturedStderr();
+}
+
+// The library's two kinds of diagnostic line, to hold a captured one against to the letter.
+inline std::string ErrLine(const char* unit, int line, const std::string& message) {
+  return std::string("\033[31;1mErr (") + gpDebugPrefix + "/" + unit + ":" + std::to_string(line) + ") " +
+         message + "\033[0m";
+}
+inline std::string DbgLine(const std::string& message) {
+  return std::string("Dbg (") + gpDebugPrefix + ") " + message;
 }
 
 // Remembers what it hears, one text per call: "stage 2 1", "fixed PATH MASK", "removed PATH START END MASK"
