@@ -1,14 +1,11 @@
 // FmgrDataRepository: recovery of the last record file and of the search database after a power loss.
 //
-//   1. CheckNewestFileFixup: an unfinished newest file is opened for repair, which finds its real end and
-//   channels
-//      and writes them into its header (durable once the reader returns).
+//   1. CheckNewestFileFixup: an unfinished newest file is opened for repair, which finds its real end and its
+//      channels and writes them into its header (durable once the reader returns).
 //   2. It is renamed to its completed name, or given back to the pool when nothing usable is in it, or given up
-//   when
-//      the device can't read it. Cut off before the rename, the next start does the same again.
+//      when the device can't read it. Cut off before the rename, the next start does the same again.
 //   3. CheckDbFixup: a search database that is empty or marked is rebuilt from the names by the tool; the marks
-//   go
-//      last, so a rebuild that is cut off is repeated.
+//      go last, so a rebuild that is cut off is repeated.
 //
 // Nothing here stops the start-up: whatever fails, the directory goes on with its other files.
 #include <unistd.h>

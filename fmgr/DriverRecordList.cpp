@@ -142,11 +142,13 @@ int DriverRecordList::FilePath(int time, std::string& path, int mode) const {
 }
 
 int DriverRecordList::Collect(std::list<std::string>& paths, int from, int to, uint32_t channelMask) const {
+  const std::string disk = mOwner.GetDiskName();
+  if (disk.empty()) return 0;  // the driver would take it for any disk
   flc_file_info_param_t page[FLC_PAGE_SIZE] = {};
   int count = 0;
   for (;;) {
     // Only these fields are written: from the second page on the query word keeps what the answer left there.
-    FlcSetDiskName(page[0].diskName, mOwner.GetDiskName().c_str());
+    FlcSetDiskName(page[0].diskName, disk.c_str());
     page[0].repository = mOwner.Index();
     page[0].startTime = static_cast<uint32_t>(from);
     page[0].endTime = static_cast<uint32_t>(to);
@@ -159,8 +161,11 @@ int DriverRecordList::Collect(std::list<std::string>& paths, int from, int to, u
       paths.push_back(mOwner.FileNameToPath(name, -1, nullptr));
     }
     count += found;
-    if (found != FLC_PAGE_SIZE) return count;
-    from = static_cast<int>(page[FLC_PAGE_SIZE - 1].endTime + 1);
+    const uint32_t lastEnd = page[FLC_PAGE_SIZE - 1].endTime;
+    // Nothing ends after the end of time, and going on from the second after it would start over for ever. Only
+    // a made-up name has such an end.
+    if (found != FLC_PAGE_SIZE || lastEnd == UINT32_MAX) return count;
+    from = static_cast<int>(lastEnd + 1);
   }
 }
 

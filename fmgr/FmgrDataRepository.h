@@ -111,7 +111,8 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
 
   // --- Questions ---
 
-  // Names; empty when there is none.
+  // Names. Without any file, empty in list mode and the name of a file in progress of start 0 in cache mode:
+  // ask IsEmpty first.
   std::string GetOldestFile() const;
   std::string GetNewestFile() const;
   // Start of the oldest file, -1 when there is none.
@@ -145,8 +146,8 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
 
   // Repairs the newest record file when it is unfinished and an observer is set.
   void CheckNewestFileFixup();
-  // True only when the file was repaired and renamed. An unusable file goes back to the free pool; one that the
-  // device can't read is given up.
+  // True only when the file was repaired and renamed. `name` is the newest file: a file that turns out unusable
+  // goes back to the free pool, and one that the device can't read is given up, as the newest and not by name.
   bool FixupRecordFile(const std::string& name);
   // Has the search database rebuilt when it is empty or marked damaged. Not for directories with fewer than two
   // files.

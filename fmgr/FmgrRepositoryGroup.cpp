@@ -42,7 +42,7 @@ FmgrRepositoryGroup::FmgrRepositoryGroup(std::string base, std::string name, int
 }
 
 FmgrRepositoryGroup::~FmgrRepositoryGroup() {
-  if (mWatchMode == 1) DeInitWatchDirectory();
+  DeInitWatchDirectory();
   for (FmgrDataRepository* repository : mDataRepositories) delete repository;
 }
 

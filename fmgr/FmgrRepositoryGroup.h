@@ -55,7 +55,7 @@ class FMGR_EXPORT FmgrRepositoryGroup {
   int IsNeedChangeRepository(int time);
   int GetFirstIndex() const;
   int GetLastIndex() const;
-  // Smallest start time, 0 when there is none.
+  // Smallest start time, 0 when there is none; -1 when a data directory is empty.
   int GetStartTime() const;
   // Lent; null when there is none.
   FmgrDataRepository* GetOldestDataRepository() const;
@@ -68,10 +68,14 @@ class FMGR_EXPORT FmgrRepositoryGroup {
 
   // Makes a record file in the last data directory. 1 and its path; 0 without a free file or a data directory.
   int MakeRecordFile(timeval& start, std::string& path);
+  // Recycles the oldest file of the first data directory that has one. 1 done; 0 when there is none, or the
+  // file or an empty data directory can't be removed.
   int RemoveOldestRecordFile();
   // Recycles the oldest file of the first data directory when it started before `limit` (seconds since the
-  // epoch).
+  // epoch). 1 also when it did not and so stays; 0 as above.
   int RemoveTimeOverRecordFile(long limit);
+  // Whether the oldest file ended at or before `limit`. Removes the empty data directories that it comes
+  // across.
   int IsExistTimeOverFile(long limit);
   // 1 and earliest start and latest end; 0 and both 0.
   int GetTimeRange(int& start, int& end) const;
@@ -96,8 +100,6 @@ class FMGR_EXPORT FmgrRepositoryGroup {
   std::list<FmgrDataRepository*> mDataRepositories;  // owned
 
  private:
-  FmgrDataRepository* FirstWithoutFilesRemoved(int removeFailedLine);
-
   int32_t mRecoveryMode = 0;
   int32_t mWatchMode = 0;
   int32_t mInotifyFd = -1;

@@ -30,12 +30,12 @@ void ReadEvents(int instance, char* buffer, size_t size,
   for (size_t offset = 0; offset + sizeof(inotify_event) <= end;) {
     inotify_event event;
     memcpy(&event, buffer + offset, sizeof event);
-    const size_t next = offset + sizeof event + event.len;
-    if (next > end) return;
+    offset += sizeof event;
+    if (event.len > end - offset) return;
     // The kernel pads the name with zero bytes up to the length.
-    const char* name = buffer + offset + sizeof event;
+    const char* name = buffer + offset;
     if (event.len != 0) handle(event.mask, std::string(name, strnlen(name, event.len)));
-    offset = next;
+    offset += event.len;
   }
 }
 

@@ -65,10 +65,6 @@ bool MemoryRecordList::NextFilePath(const std::string& path, std::string& next) 
     }
   }
   if (same == mNames.cend()) return false;
-  if (FmgrDataRepository::FileNameToEndTimeSec(name) == 0) {
-    next = path;
-    return true;
-  }
   const auto following = std::next(same);
   if (following == mNames.cend()) return false;
   next = mOwner.FileNameToPath(*following, -1, nullptr);
@@ -93,7 +89,7 @@ int MemoryRecordList::FilePath(int time, std::string& path, int) const {
   for (const std::string& name : mNames) {
     const std::string candidate = mOwner.FileNameToPath(name, -1, nullptr);
     int end = FmgrDataRepository::FileNameToEndTimeSec(name);
-    if (end == 0 && mOwner.IsExistFile(candidate.c_str())) ReadEndTime(candidate, end);
+    if (end == 0) ReadEndTime(candidate, end);
     if (end >= time) {
       path = candidate;
       return end;

@@ -9,7 +9,6 @@
 #include "Flc.h"
 
 class FmgrDataRepository;
-struct ImfSearchCondition;
 
 namespace fmgr {
 
