@@ -62,7 +62,7 @@ class FMGR_EXPORT FmgrFileManager {
   static int BuildRepositoryGroup(std::string mount, unsigned sizeMiB, unsigned count,
                                   ProgressIndicator* indicator);
   // While a build runs: MiB in the free pool; `preallocMiB` gets the MiB in the pre-allocation directory. Both
-  // 0 while that holds no file.
+  // 0 while that holds no file. `mount` is not null.
   int RemainRecordSize(const char* mount, int& preallocMiB) const;
   // Free MiB over all disks. `totalMiB` adds the recorded MiB, and counts a disk's free MiB again for every
   // later disk: exact for one disk only, deliberately kept.
@@ -82,12 +82,20 @@ class FMGR_EXPORT FmgrFileManager {
   int CleanUpRepositoryGroup();
   // The disk being recorded to: the last of the list, null when there is none.
   FmgrRepositoryGroup* CurrentRepositoryGroup() const;
+  // The first disk without a record file; the disk whose first data directory has the smallest number.
+  // Positions in mGroups, its end for none.
   GroupList::iterator FindEmptyGroupIter();
   GroupList::iterator FindNextGroupIterator();
-  // Makes the next disk current and a new data directory on it. Non-zero: recording can go on.
+  // Makes the next disk current and a new data directory on it: a disk without recordings first, else the one
+  // with the oldest. `force` 1 also starts a data directory when there is no other disk to go to. Non-zero:
+  // recording can go on; 0: no disk, none with any file, or the directory could not be made, and the disks keep
+  // the order reached.
   int ChangeToNextGroup(int force);
-  // Takes the current disk off the list, so that the previous one becomes current. 0 with fewer than two disks.
+  // Takes the current disk off the list, as RemoveRepositoryGroup does, so that the previous one becomes
+  // current. 1; 0 with fewer than two disks.
   int ForceChangeCurrentDisk();
+  // The disk with the smallest GetStartTimeSec(), so one without recordings (-1) before all; null without a
+  // disk.
   FmgrRepositoryGroup* GetOldestRepositoryGroup() const;
   // Points /tmp/curr_disk at the current disk and /tmp/curr_rep at its newest data directory; removes them. The
   // result of the last link call; 0 when there is nothing to point at.
@@ -110,39 +118,49 @@ class FMGR_EXPORT FmgrFileManager {
   void CheckRepositoryChangeCondition(int newTime);
   // Non-zero when data directory `index` was made on the current disk.
   int CreateDataRepository(int index);
+  // Makes data directory 1 on the current disk when that has none. FMGR_DONE, FMGR_CAN_NOT_MAKE or
+  // FMGR_NO_DISK_OR_OWNER.
   int MakeCheckInitDataRepository();
   // Recycles the oldest record file of all disks. 1 done, 0 not.
   int RemoveOldestRecordFile();
   // Quarantines a record file; errorCode 1 tells the recovery observer. 1 done, also for a path that belongs to
-  // no data directory. Meant for the file being recorded only: the newest entry of its directory is dropped.
+  // no data directory; 0 without a disk, or when the file stays where it is. Meant for the file being recorded
+  // only: the newest entry of its directory is dropped.
   int MoveRecordFileToErrorRepository(std::string path, int errorCode);
-  // Completes a record file with its end time and channel mask. FMGR_DONE and its new path, or
-  // FMGR_NO_DISK_OR_OWNER.
+  // Completes a record file with its end time and channel mask. FMGR_DONE and its new path (the renaming itself
+  // is not checked), or FMGR_NO_DISK_OR_OWNER.
   int RenameRecordFile(const std::string& path, int endTime, unsigned mask, std::string& newPath);
+  // Any value that is not in the menu's list: no limit.
   void SetPreserveLimitHour(ipc_preserve_limit_e limit);
   // Recycles recordings that are older than the limit, at most `rounds` of them.
   void CheckPreserveTime(int rounds);
 
   // --- Playback, search, menus (ManagerQueries.cpp) ---
 
-  // The file for a time over all disks. mode > 0: the one that covers it, else the next; of several the one
-  // that ends first. Else the last that started by then; of several the one that ends last. FMGR_DONE or
-  // FMGR_NO_DISK_OR_OWNER.
+  // The file for a time over all disks; `path` is written only when there is one. mode > 0: the one that covers
+  // it, else the next; of several the one that ends first. Else the last that started by then; of several the
+  // one that ends last. FMGR_DONE or FMGR_NO_DISK_OR_OWNER.
   int GetFilePath(int time, std::string& path, int mode);
+  // The recording after, or before, that at `path`, over all disks. FMGR_DONE, or FMGR_NO_DISK_OR_OWNER at the
+  // last one, at the first one, and for a path outside every data directory. The one after a file in progress
+  // is that file itself.
   unsigned GetNextFilePath(const std::string& path, std::string& next);
   unsigned GetPrevFilePath(const std::string& path, std::string& prev);
-  // 1 and earliest start and latest end, or 0 and both 0.
+  // 1 and earliest start and latest end, or 0 and both 0. The second one over mAltGroups.
   int GetTimeRange(int& start, int& end) const;
   int GetExternalTimeRange(int& start, int& end) const;
-  // 1 when at least one search database was read into the chart.
+  // 1 when at least one search database was read into the chart. The chart's hints start afresh.
   int CollectSearchData(TimeSearchChart* chart) const;
   // FMGR_DONE when `files` is not empty afterwards, else FMGR_NO_DISK_OR_OWNER. Paths are appended.
   int CollectFileList(std::list<std::string>& files, const ImfSearchCondition& condition) const;
   // Fills the menu's entries in use from the disks of the same path. 1, or 0 without a disk.
   int CollectTimeRange(ipc_menu_disk_stream_t& menu) const;
   // The nearest month with recordings in local time, from `month` (1 to 12) of `year` on (direction >= 1: later
-  // months) or back (direction <= 0: earlier ones). 1 and the month, or 0.
+  // months) or back (direction <= 0: earlier ones). 1 and the month, or 0. Looking for later months, a
+  // recording in progress that started by then is answered with the month of its start: a walk ends where the
+  // month does not advance.
   unsigned GetRecentlyMonthInfo(int year, int month, int& outYear, int& outMonth, int direction) const;
+  // Over all disks, or for the disk of that path, 0 when it is not managed.
   int GetAllDataRepositoryCount() const;
   int GetFreeFileCount() const;
   int GetFreeFileCount(std::string diskPath) const;
@@ -164,6 +182,8 @@ class FMGR_EXPORT FmgrFileManager {
   int32_t mGroupOption;
 
  private:
+  // The number of the data directory that follows the group's last one.
+  static int NextIndex(const FmgrRepositoryGroup& group);
   const GroupList& ActiveGroups() const { return mAltMode != 0 ? mAltGroups : mGroups; }
   GroupList& ActiveGroups() { return mAltMode != 0 ? mAltGroups : mGroups; }
 };

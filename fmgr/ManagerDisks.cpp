@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <memory>
 #include <new>
 #include <set>
@@ -94,11 +95,17 @@ GroupList::iterator FmgrFileManager::FindEmptyGroupIter() {
 
 GroupList::iterator FmgrFileManager::FindNextGroupIterator() { return FindSmallestFirstIndex(mGroups, {}); }
 
+// Where numbers end, the last one is tried again, which the disk that has it refuses.
+int FmgrFileManager::NextIndex(const FmgrRepositoryGroup& group) {
+  const int last = group.GetLastIndex();
+  return last == INT_MAX ? last : last + 1;
+}
+
 int FmgrFileManager::ChangeToNextGroup(int force) {
   if (mGroups.empty()) return 0;
   const FmgrRepositoryGroup* before = mGroups.back();
   // Data directory numbers go on across disks.
-  const int nextIndex = before->GetLastIndex() + 1;
+  const int nextIndex = NextIndex(*before);
 
   if (mGroups.size() == 1) {
     if (before->GetDataRepositoryCount() == 1 || force == 1) return CreateDataRepository(nextIndex);

@@ -43,8 +43,7 @@ int FmgrFileManager::MakeRecordFile(timeval& time, std::string& path) {
     const FmgrRepositoryGroup* oldest = GetOldestRepositoryGroup();
     if (mOverwrite == 0 && oldest != nullptr && oldest->GetFreeFileCount() == 0) return FMGR_NO_SPACE;
     ChangeToNextGroup(0);
-    // On the same disk again, not on the one just changed to: deliberate, a new data directory there is what
-    // helps.
+    // On the same disk again, not on the one just changed to: deliberate, that one is for the next recording.
     if (!group->MakeRecordFile(time, path)) return FMGR_CAN_NOT_MAKE;
   }
   ClearLink();
@@ -78,7 +77,7 @@ void FmgrFileManager::CheckRepositoryChangeCondition(int newTime) {
   if (current->GetFreeFileCount() < 1) {
     ChangeToNextGroup(1);
   } else {
-    CreateDataRepository(current->GetLastIndex() + 1);
+    CreateDataRepository(NextIndex(*current));
   }
 }
 

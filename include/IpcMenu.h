@@ -38,8 +38,8 @@ static_assert(offsetof(ipc_menu_disk_stream_t, kind) == 4);
 static_assert(offsetof(ipc_menu_disk_stream_t, entries) == 8);
 
 // How long recordings are kept. The values are the menu's and stored in its settings; they are not in the order
-// of the hours they stand for.
-enum ipc_preserve_limit_e {
+// of the hours they stand for. A stored value may be any word: all that are not listed mean no limit.
+enum ipc_preserve_limit_e : int32_t {
   IPC_PRESERVE_UNLIMITED = 0,
   IPC_PRESERVE_12_HOURS = 1,
   IPC_PRESERVE_24_HOURS = 2,
