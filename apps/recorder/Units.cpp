@@ -1,6 +1,7 @@
 #include "Units.h"
 
 #include <cctype>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -53,6 +54,32 @@ std::optional<int64_t> ParseEpoch(const std::string& text) {
   return seconds * kMicros + micros;
 }
 
+// "now", and what is taken off or added: "-2h", "+1h30m".
+std::optional<int64_t> ParseNow(const std::string& text) {
+  if (text.rfind("now", 0) != 0) return std::nullopt;
+  const int64_t now = std::chrono::duration_cast<std::chrono::microseconds>(
+                          std::chrono::system_clock::now().time_since_epoch())
+                          .count();
+  size_t at = 3;
+  if (at == text.size()) return now;
+  const bool back = text[at] == '-';
+  if (!ReadChar(text, &at, "+-")) return std::nullopt;
+  int64_t seconds = 0;
+  do {
+    int64_t number = 0;
+    const size_t begin = at;
+    for (; at < text.size() && std::isdigit(static_cast<unsigned char>(text[at])); at++) {
+      if (at - begin >= 9) return std::nullopt;
+      number = number * 10 + (text[at] - '0');
+    }
+    if (at == begin || at == text.size()) return std::nullopt;
+    const int64_t unit = text[at] == 's' ? 1 : text[at] == 'm' ? 60 : text[at] == 'h' ? 3600 : 86400;
+    if (!ReadChar(text, &at, "smhd")) return std::nullopt;
+    seconds += number * unit;
+  } while (at < text.size());
+  return now + (back ? -seconds : seconds) * kMicros;
+}
+
 }  // namespace
 
 std::optional<uint64_t> ParseSize(const std::string& text) {
@@ -95,6 +122,7 @@ std::string FormatSize(uint64_t bytes) {
 
 std::optional<int64_t> ParseTime(const std::string& text) {
   if (std::optional<int64_t> epoch = ParseEpoch(text)) return epoch;
+  if (std::optional<int64_t> now = ParseNow(text)) return now;
   std::tm tm{};
   size_t at = 0;
   if (!ReadDigits(text, &at, 4, &tm.tm_year) || !ReadChar(text, &at, "-") ||
@@ -147,6 +175,13 @@ std::string FormatTime(int64_t seconds) {
   char text[64];
   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &tm);
   return std::string(text).insert(std::string(text).size() - 2, ":");
+}
+
+std::string FormatExactTime(int64_t micros) {
+  const int64_t millis = micros / 1000;
+  char fraction[8];
+  std::snprintf(fraction, sizeof fraction, ".%03d", static_cast<int>(millis % 1000));
+  return FormatTime(millis / 1000).insert(19, fraction);
 }
 
 std::string FormatDuration(double seconds) {

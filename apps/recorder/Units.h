@@ -17,10 +17,13 @@ std::optional<uint64_t> ParseSize(const std::string& text);
 std::string FormatSize(uint64_t bytes);
 
 // Microseconds since the epoch of "2024-05-01T12:00:00+02:00", "...Z", the same in local time without an offset
-// (seconds and their fraction may be left out), or of epoch seconds. Nothing for any other text.
+// (seconds and their fraction may be left out), of epoch seconds, or of "now", "now-2h", "now-1d12h", "now+90s"
+// (d, h, m, s). Nothing for any other text.
 std::optional<int64_t> ParseTime(const std::string& text);
 // ISO 8601 in local time with its offset.
 std::string FormatTime(int64_t seconds);
+// The same with milliseconds.
+std::string FormatExactTime(int64_t micros);
 
 // "0:07", "12:34", "1:02:03".
 std::string FormatDuration(double seconds);
