@@ -57,9 +57,9 @@ std::optional<int64_t> ParseEpoch(const std::string& text) {
 // "now", and what is taken off or added: "-2h", "+1h30m".
 std::optional<int64_t> ParseNow(const std::string& text) {
   if (text.rfind("now", 0) != 0) return std::nullopt;
-  const int64_t now = std::chrono::duration_cast<std::chrono::microseconds>(
-                          std::chrono::system_clock::now().time_since_epoch())
-                          .count();
+  const int64_t now =
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+          .count();
   size_t at = 3;
   if (at == text.size()) return now;
   const bool back = text[at] == '-';
@@ -76,6 +76,7 @@ std::optional<int64_t> ParseNow(const std::string& text) {
     const int64_t unit = text[at] == 's' ? 1 : text[at] == 'm' ? 60 : text[at] == 'h' ? 3600 : 86400;
     if (!ReadChar(text, &at, "smhd")) return std::nullopt;
     seconds += number * unit;
+    if (seconds > 99999999999) return std::nullopt;  // as for epoch seconds
   } while (at < text.size());
   return now + (back ? -seconds : seconds) * kMicros;
 }
