@@ -21,5 +21,6 @@ struct Context {
 void AddPrepareCommand(CLI::App& app, Context& context);
 void AddRecordCommand(CLI::App& app, Context& context);
 void AddStatusCommand(CLI::App& app, Context& context);
+void AddCheckCommand(CLI::App& app, Context& context);
 
 }  // namespace recorder

@@ -16,6 +16,7 @@ int main(int argc, char** argv) {
   recorder::AddPrepareCommand(app, context);
   recorder::AddRecordCommand(app, context);
   recorder::AddStatusCommand(app, context);
+  recorder::AddCheckCommand(app, context);
 
   try {
     app.parse(argc, argv);
