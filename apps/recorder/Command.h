@@ -22,5 +22,9 @@ void AddPrepareCommand(CLI::App& app, Context& context);
 void AddRecordCommand(CLI::App& app, Context& context);
 void AddStatusCommand(CLI::App& app, Context& context);
 void AddCheckCommand(CLI::App& app, Context& context);
+void AddListCommand(CLI::App& app, Context& context);
+void AddPlayListCommand(CLI::App& app, Context& context);
+void AddMonthsCommand(CLI::App& app, Context& context);
+void AddMenuCommand(CLI::App& app, Context& context);
 
 }  // namespace recorder

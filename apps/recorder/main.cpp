@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "Command.h"
 
@@ -17,12 +18,19 @@ int main(int argc, char** argv) {
   recorder::AddRecordCommand(app, context);
   recorder::AddStatusCommand(app, context);
   recorder::AddCheckCommand(app, context);
+  recorder::AddListCommand(app, context);
+  recorder::AddPlayListCommand(app, context);
+  recorder::AddMonthsCommand(app, context);
+  recorder::AddMenuCommand(app, context);
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
-    std::string what = error.what();
+    const std::vector<std::string> remaining = app.remaining();
+    std::string what = app.get_subcommands().empty() && !remaining.empty()
+                           ? "there is no command " + remaining.front()
+                           : error.what();
     for (char& c : what) {
       if (c == '\n') c = ' ';
     }
