@@ -57,13 +57,17 @@ void Progress::Draw(bool last) {
   const int percent = mTotal > 0 ? static_cast<int>(int64_t{100} * mDone / mTotal) : 100;
   const double seconds = std::chrono::duration<double>(now - mBegin).count();
   const uint64_t done = mFileSize * static_cast<uint64_t>(mDone);
-  const double rate = seconds > 0 ? static_cast<double>(done) / static_cast<double>(kMiB) / seconds : 0;
-  const std::string total = FormatSize(mFileSize * static_cast<uint64_t>(mTotal));
+  std::string amount = std::to_string(mDone) + " of " + std::to_string(mTotal) + " files";
+  if (mStage == PROGRESS_STAGE_PRE_ALLOCATE) {  // the other stage writes names only
+    char rate[32];
+    std::snprintf(rate, sizeof rate, ", %.0f MiB/s",
+                  seconds > 0 ? static_cast<double>(done) / static_cast<double>(kMiB) / seconds : 0);
+    amount += ", " + FormatSize(done) + " of " + FormatSize(mFileSize * static_cast<uint64_t>(mTotal)) + rate;
+  }
   const char* name = NameOfStage(mStage);
   if (!mTerminal) {
     if (percent < mNextPercent) return;
-    std::fprintf(stderr, "%s: %d %% (%d of %d files, %s of %s, %.0f MiB/s)\n", name, percent, mDone, mTotal,
-                 FormatSize(done).c_str(), total.c_str(), rate);
+    std::fprintf(stderr, "%s: %d %% (%s)\n", name, percent, amount.c_str());
     mNextPercent = percent / 10 * 10 + 10;
     return;
   }
@@ -74,8 +78,8 @@ void Progress::Draw(bool last) {
   const std::string time = last        ? FormatDuration(seconds)
                            : mDone > 0 ? FormatDuration(seconds / mDone * (mTotal - mDone)) + " left"
                                        : std::string();
-  std::fprintf(stderr, "\r%s [%s] %3d %%  %s of %s  %.0f MiB/s  %s\033[K%s", name, bar.c_str(), percent,
-               FormatSize(done).c_str(), total.c_str(), rate, time.c_str(), last ? "\n" : "");
+  std::fprintf(stderr, "\r%s [%s] %3d %%  %s  %s\033[K%s", name, bar.c_str(), percent, amount.c_str(),
+               time.c_str(), last ? "\n" : "");
   std::fflush(stderr);
 }
 

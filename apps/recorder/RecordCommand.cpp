@@ -136,6 +136,8 @@ int Record(const Options& options, const std::string& root) {
   }
   const int status = RecordAll(*source, segments);
 
+  if (status == kRefused) return status;
+
   const Segments::Totals& sum = segments.Sum();
   std::printf("recorded %d segments, %s, %s, %" PRId64 " packets; dropped %" PRId64
               " packets, recycled %d recordings, quarantined %d files\n",

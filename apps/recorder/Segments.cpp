@@ -72,7 +72,7 @@ void Segments::Finish() {
 // first packet. A channel that has fallen silent is not waited for for ever.
 bool Segments::IsDue(const Sample& sample) const {
   if (!sample.packet.keyFrame || mPackets == 0) return false;
-  const int64_t length = sample.packet.time - int64_t{mStart} * kMicros;
+  const int64_t length = sample.packet.time - mFirstTime;
   const int64_t wanted = mOptions.seconds * kMicros;
   if (sample.packet.channel != mStreams.begin()->first) return length >= 2 * wanted;
   if (length >= wanted) return true;
