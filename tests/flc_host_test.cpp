@@ -1,0 +1,469 @@
+#include "platform/host/FlcHost.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Flc.h"
+#include "FlcRequests.h"
+#include "TarnApp.h"
+#include "platform/host/FlcDirectory.h"
+#include "platform/host/RecordName.h"
+
+// Counts what the process holds on the heap, the cache in its shared library included.
+static std::atomic<size_t> gHeapBytes{0};
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  void* memory = std::malloc(size);
+  if (memory != nullptr) gHeapBytes += malloc_usable_size(memory);
+  return memory;
+}
+void* operator new(size_t size) {
+  if (void* memory = operator new(size, std::nothrow)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  gHeapBytes -= malloc_usable_size(memory);
+  std::free(memory);
+}
+void operator delete(void* memory, size_t) noexcept { operator delete(memory); }
+
+namespace {
+
+constexpr uint32_t kAll = 0xffffffff;
+
+class FlcHost : public testing::Test {
+ protected:
+  FlcHost() {
+    char path[] = "/tmp/fm.XXXXXX";
+    if (mkdtemp(path) != nullptr) mRoot = path;
+    FlcDetachDisk("a");
+    FlcDetachDisk("b");
+    FlcDetachDisk("usbdisk1");
+    FlcClear();
+  }
+  ~FlcHost() override { std::filesystem::remove_all(mRoot); }
+
+  // A path below the test's directory.
+  std::string Path(const std::string& path) const { return mRoot + "/" + path; }
+  std::string MakeDirectory(const std::string& path) const {
+    std::filesystem::create_directories(Path(path));
+    return Path(path);
+  }
+  void MakeFile(const std::string& path) const {
+    const int file = open(Path(path).c_str(), O_CREAT | O_WRONLY | O_EXCL, 0600);
+    ASSERT_GE(file, 0) << path;
+    close(file);
+  }
+  // The start times of a directory's records; empty, too, when it answers with a failure.
+  static std::vector<uint32_t> Starts(const char* disk, int index) {
+    std::vector<uint32_t> starts;
+    for (int i = 1; i <= FlcGetFileCount(disk, index); ++i) {
+      flc_file_info_param_t param = FlcFileParam("", index, 0, 0, 0, i);
+      EXPECT_EQ(FlcGetFileAtPosition(disk, &param), 0);
+      starts.push_back(param.startTime);
+    }
+    return starts;
+  }
+
+  std::string mRoot;
+};
+
+using Times = std::vector<uint32_t>;
+
+TEST_F(FlcHost, AnswersEveryRequest) {
+  EXPECT_EQ(GetTarnApp()->flcDescriptor, -1);
+  for (const FlcRequestRow& row : FlcRequestRows()) {
+    SCOPED_TRACE(row.name);
+    flc_file_info_param_t page[FLC_PAGE_SIZE] = {row.given};
+    EXPECT_EQ(row.call(page), row.result);
+    // The wrapper itself puts the disk's name into a record whose question then fails.
+    EXPECT_EQ(std::memcmp(page, &row.answer, sizeof row.answer), 0);
+  }
+}
+
+TEST_F(FlcHost, RefusesWhatIsNoRequest) {
+  ASSERT_EQ(FlcAddFile("a", 1, 10, 20, 1), 0);
+  flc_file_info_param_t param = FlcFileParam("a", 1, 10, 20, 1, 1);
+  const flc_file_info_param_t before = param;
+  for (const unsigned long request : {0x4004f306ul, 0x8004f309ul, 0x8004f312ul, 0x5401ul, 0ul}) {
+    errno = 0;
+    EXPECT_EQ(FlcIoctl(request, &param), -1);
+    EXPECT_EQ(errno, ENOTTY);
+  }
+  for (const FlcRequestRow& row : FlcRequestRows()) {
+    errno = 0;
+    if (row.sentSize == 0) continue;
+    EXPECT_EQ(FlcIoctl(row.number, nullptr), -1) << row.name;
+    EXPECT_EQ(errno, EFAULT);
+    param.repository = -2;
+    EXPECT_EQ(FlcIoctl(row.number, &param), -1) << row.name;
+    param.repository = 1;
+  }
+  EXPECT_EQ(FlcAddFile("a", 1, 0, 20, 1), -1);
+  EXPECT_EQ(FlcAddFile("a", FLC_ANY_REPOSITORY, 10, 20, 1), -1);
+  EXPECT_EQ(FlcAddFile("", 1, 10, 20, 1), -1);
+  EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0);
+  EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 1);
+}
+
+// The rules of the cache once more, as plainly as they can be put: every question looks at every record.
+class Model {
+ public:
+  int Ask(unsigned long request, flc_file_info_param_t* page) {
+    const std::string name(page->diskName, strnlen(page->diskName, sizeof page->diskName));
+    const auto disk = std::find_if(mDisks.begin(), mDisks.end(), [&](const Disk& d) { return d.name == name; });
+    const bool change = request < FLC_FILE_BY_TIME && request != FLC_CLEAR;
+    if (request == FLC_CLEAR) return mDisks.clear(), 0;
+    if (!change) return LookUp(request, name, page);
+    if (name.empty() || page->repository < 0) return -1;
+    if (disk == mDisks.end() && request != FLC_REGISTER_REPOSITORY && request != FLC_ADD_FILE) return -1;
+    Disk& known = disk != mDisks.end() ? *disk : (mDisks.push_back({name, {}}), mDisks.back());
+    if (request == FLC_UNREGISTER_REPOSITORY) return known.files.erase(page->repository) == 1 ? 0 : -1;
+    if (request == FLC_REGISTER_REPOSITORY) return known.files[page->repository].clear(), 0;
+    if (request == FLC_ADD_FILE) {
+      known.files[page->repository][page->startTime] = {page->startTime, page->endTime, page->channelMask};
+      return 0;
+    }
+    const auto files = known.files.find(page->repository);
+    return files != known.files.end() && files->second.erase(page->startTime) == 1 ? 0 : -1;
+  }
+
+ private:
+  struct Disk {
+    std::string name;
+    std::map<int, std::map<uint32_t, FlcFile>> files;
+  };
+  struct Record {
+    flc_file_info_param_t file;
+    uint32_t effectiveEnd;
+  };
+
+  int LookUp(unsigned long request, const std::string& name, flc_file_info_param_t* page) const {
+    const flc_file_info_param_t query = *page;
+    std::vector<Record> all;
+    bool known = false;
+    for (const Disk& disk : mDisks) {
+      if (!name.empty() && name != disk.name) continue;
+      known = known || query.repository == FLC_ANY_REPOSITORY;
+      for (const auto& [index, files] : disk.files) {
+        if (query.repository != FLC_ANY_REPOSITORY && query.repository != index) continue;
+        known = true;
+        for (auto it = files.begin(); it != files.end(); ++it) {
+          const FlcFile& file = it->second;
+          const uint32_t open = std::next(it) != files.end() ? std::next(it)->first : kAll;
+          all.push_back({FlcFileParam(disk.name.c_str(), index, it->first, file.endTime, file.channelMask),
+                         file.endTime != 0 ? file.endTime : open});
+        }
+      }
+    }
+    if (!known) return -1;
+    if (request == FLC_FILE_COUNT) return static_cast<int>(all.size());
+    const auto byStart = [](const Record& a, const Record& b) { return a.file.startTime < b.file.startTime; };
+    std::stable_sort(all.begin(), all.end(), byStart);
+    if (request == FLC_FILE_AT_POSITION) {
+      if (query.query < 1 || query.query > static_cast<int>(all.size())) return -1;
+      return *page = all[static_cast<size_t>(query.query) - 1].file, 0;
+    }
+
+    std::vector<Record> matching;  // by start, attachment, index
+    for (const Record& record : all) {
+      const uint32_t start = record.file.startTime, end = record.file.endTime, mask = query.channelMask;
+      const bool passes = mask == 0 || mask == kAll || end == 0 || (mask & record.file.channelMask) != 0;
+      const bool matches =
+          request == FLC_OLDEST_FILE || request == FLC_NEWEST_FILE ||
+          (request == FLC_PREVIOUS_FILE && passes && start < query.startTime) ||
+          (request == FLC_NEXT_FILE && passes && start > query.startTime) ||
+          (request == FLC_FILE_BY_TIME && passes && query.query <= 0 && start <= query.startTime) ||
+          (request == FLC_FILE_BY_TIME && passes && query.query > 0 &&
+           (start == query.startTime || record.effectiveEnd >= query.startTime)) ||
+          (request == FLC_FILES_IN_INTERVAL && passes && end != 0 && start < query.endTime &&
+           end >= query.startTime);
+      if (matches) matching.push_back(record);
+    }
+    if (request == FLC_FILES_IN_INTERVAL) {
+      std::stable_sort(matching.begin(), matching.end(),
+                       [](const Record& a, const Record& b) { return a.file.endTime < b.file.endTime; });
+      const size_t count = std::min<size_t>(matching.size(), FLC_PAGE_SIZE);
+      for (size_t i = 0; i < count; ++i) page[i] = matching[i].file;
+      return static_cast<int>(count);
+    }
+    if (matching.empty()) return -1;
+    auto chosen = matching.begin();
+    const bool byTime = request == FLC_FILE_BY_TIME;
+    if (request == FLC_NEWEST_FILE || request == FLC_PREVIOUS_FILE || (byTime && query.query <= 0)) {
+      chosen = std::max_element(matching.begin(), matching.end(), byStart);  // the first of equals
+    } else if (byTime) {
+      const auto exact = std::find_if(matching.begin(), matching.end(),
+                                      [&](const Record& r) { return r.file.startTime == query.startTime; });
+      if (exact != matching.end()) chosen = exact;
+    }
+    return *page = chosen->file, 0;
+  }
+
+  std::vector<Disk> mDisks;  // in the order in which they became known
+};
+
+class FlcRandom : public FlcHost, public testing::WithParamInterface<int> {};
+
+TEST_P(FlcRandom, AnswersByTheRules) {
+  const char* given = std::getenv("FLC_SEED");
+  const unsigned seed = given != nullptr ? static_cast<unsigned>(std::atoi(given)) : std::random_device()();
+  SCOPED_TRACE("replay with FLC_SEED=" + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto below = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+  const bool orderly = GetParam() == 1;  // recordings end in the order in which they start, as they should
+  const bool small = GetParam() == 2;    // few records, often cleared, so that order comes and goes
+  const uint32_t times = small ? 20 : 400;
+  static const unsigned long kOften[] = {
+      FLC_FILE_BY_TIME, FLC_PREVIOUS_FILE, FLC_NEXT_FILE,    FLC_FILE_AT_POSITION,  FLC_OLDEST_FILE,
+      FLC_NEWEST_FILE,  FLC_FILE_COUNT,    FLC_FILE_BY_TIME, FLC_FILES_IN_INTERVAL, FLC_ADD_FILE,
+      FLC_REMOVE_FILE,  FLC_ADD_FILE,      FLC_ADD_FILE};
+  static const unsigned long kSeldom[] = {FLC_REGISTER_REPOSITORY, FLC_UNREGISTER_REPOSITORY, FLC_CLEAR};
+  static const char* const kDisks[] = {"usbdisk1", "a", ""};
+  Model model;
+  for (int step = 0; step < 15000; ++step) {
+    const unsigned long request =
+        below(small ? 100 : 8000) == 0 ? kSeldom[below(3)] : kOften[below(std::size(kOften))];
+    uint32_t start = 1 + below(times);
+    uint32_t end = orderly ? start + 3 : 1 + below(times + 10);
+    if (below(orderly ? 40 : 6) == 0) end = 0;
+    uint32_t mask = below(2) == 0 ? kAll : below(8);
+    if (request == FLC_ADD_FILE) mask &= 7;
+    if (request == FLC_FILES_IN_INTERVAL) end = start + below(times);
+    if (request != FLC_ADD_FILE && below(20) == 0) start = below(2) == 0 ? 0 : kAll;
+    const int word = static_cast<int>(below(2) == 0 ? below(4) : below(400)) - 1;
+    flc_file_info_param_t page[FLC_PAGE_SIZE] = {
+        FlcFileParam(kDisks[below(3)], static_cast<int>(below(4)) - 1, start, end, mask, word)};
+    flc_file_info_param_t expected[FLC_PAGE_SIZE];
+    std::memcpy(expected, page, sizeof page);
+    const flc_file_info_param_t query = page[0];
+    const int result = FlcIoctl(request, page);
+    ASSERT_TRUE(result == model.Ask(request, expected) && std::memcmp(page, expected, sizeof page) == 0)
+        << "step " << step << " request " << std::hex << request << std::dec << ' ' << query.diskName << ' '
+        << query.repository << " start " << query.startTime << " end " << query.endTime << " mask "
+        << query.channelMask << " query " << query.query << ": " << result << ", start " << page[0].startTime
+        << ", not " << expected[0].startTime;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Runs, FlcRandom, testing::Values(0, 1, 2));
+
+TEST(RecordName, ReadsWhatTheLibraryFindsAgain) {
+  static const struct {
+    const char* name;
+    uint32_t start, end, mask;  // start 0: refused
+  } kRows[] = {
+      {"5f5e1000_00000000.imf", 1600000000, 0, 0},
+      {"5f5e1000_5f5e1258_cmf.imf", 1600000000, 1600000600, 15},
+      {"ffffffff_ffffffff_cmffffffff.imf", kAll, kAll, kAll},
+      {"1_2_cm0.imf", 1, 2, 0},
+      {"5f5e1000.imf", 1600000000, 0, 0},
+      {"5f5e1000_00000000_cmf.imf", 1600000000, 0, 0},   // in progress whatever follows
+      {"5f5e1000_1ffffffff_cmf.imf", 1600000000, 0, 0},  // no such end time
+      {"5f5e1000_5F5E1258_cmF.imf", 1600000000, 1600000600, 15},
+      {"5f5e1000 (copy)_12_cm1.imf", 1600000000, 0x12, 1},
+      {"0_00000000.imf", 0, 0, 0},
+      {"05f5e100_00000000.imf", 0, 0, 0},  // the library would look for 5f5e100
+      {"5F5E1000_00000000.imf", 0, 0, 0},
+      {"5f5e1000F_00000000.imf", 0, 0, 0},
+      {"15f5e1000_00000000.imf", 0, 0, 0},
+      {"0x5f5e1000_00000000.imf", 0, 0, 0},
+      {"_5f5e1258_cmf.imf", 0, 0, 0},
+      {".imf", 0, 0, 0},
+      {"", 0, 0, 0},
+      {"5f5e1000_00000000.imf.tmp", 0, 0, 0},
+      {"search.fdb", 0, 0, 0},
+  };
+  for (const auto& row : kRows) {
+    RecordName name{77, 77, 77};
+    ASSERT_EQ(ParseRecordName(row.name, &name), row.start != 0) << row.name;
+    const RecordName expected =
+        row.start != 0 ? RecordName{row.start, row.end, row.mask} : RecordName{77, 77, 77};
+    EXPECT_EQ(std::memcmp(&name, &expected, sizeof name), 0) << row.name;
+  }
+  static const struct {
+    const char* name;
+    int index;
+  } kDirectories[] = {{"data_00000012", 12},   {"data_7", 7},   {"data_2147483647", 2147483647},
+                      {"data_2147483648", -1}, {"data_", -1},   {"data_-1", -1},
+                      {"data_ 1", -1},         {"data_1x", -1}, {"data_99999999999", -1},
+                      {"xdata_1", -1},         {"Data_1", -1},  {"", -1}};
+  for (const auto& row : kDirectories) EXPECT_EQ(ParseDataDirectoryName(row.name), row.index) << row.name;
+}
+
+TEST_F(FlcHost, LoadsOnlyRecordFilesOfDataDirectories) {
+  MakeDirectory("a/data_00000003/50_60_cm1.imf");  // a directory named like a record file
+  MakeFile("a/data_00000003/40_00000000.imf");
+  MakeFile("a/data_00000003/10_00000000.imf");  // of several with one start the longest counts
+  MakeFile("a/data_00000003/10_60_cm1.imf");
+  MakeFile("a/data_00000003/10_18_cm7.imf");
+  MakeFile("a/data_00000003/20_30_cm1.imf");  // ends before the one before it does
+  MakeFile("a/data_00000003/search.fdb");
+  std::filesystem::create_symlink("10_60_cm1.imf", Path("a/data_00000003/70_80_cm1.imf"));
+  MakeDirectory("a/data_7");
+  MakeFile("a/data_7/1_2_cm1.imf");
+  std::filesystem::create_directory_symlink("data_7", Path("a/data_00000008"));
+  std::filesystem::create_directory_symlink("data_7", Path("a/data_00000007"));
+  MakeFile("a/data_00000009");
+  MakeDirectory("a/data_12");
+  MakeFile("a/data_12/5_6_cm1.imf");
+  MakeDirectory("a/data_00000012");
+  ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
+  EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 4);
+  EXPECT_EQ(Starts("a", 3), (Times{0x10, 0x20, 0x40}));
+  flc_file_info_param_t covering = FlcFileParam("", 3, 0x35, 0, kAll, 1);
+  EXPECT_EQ(FlcGetFileByTime("a", &covering), 0);
+  EXPECT_EQ(covering.startTime, 0x10u);
+  EXPECT_EQ(covering.endTime, 0x60u);
+  EXPECT_EQ(Starts("a", 7), Times{1});
+  EXPECT_EQ(FlcGetFileCount("a", 8), -1);
+  EXPECT_EQ(FlcGetFileCount("a", 9), -1);
+  EXPECT_EQ(FlcGetFileCount("a", 12), 0);
+}
+
+// A directory that can't be read must never look empty: its recordings would be deleted with it.
+TEST_F(FlcHost, UnreadableIsNotEmpty) {
+  MakeDirectory("a/data_00000001");
+  MakeFile("a/data_00000001/10_20_cm1.imf");
+  ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
+  ASSERT_EQ(FlcAddFile("b", 1, 0x30, 0x40, 1), 0);
+  ASSERT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 2);
+  ASSERT_EQ(FlcForget("a", 1), 0);
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none{0, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);  // nothing can be opened any more
+  flc_file_info_param_t param = FlcFileParam("", FLC_ANY_REPOSITORY, 1, 0, kAll, 1);
+  const int answers[] = {FlcGetFileCount("a", 1),
+                         FlcGetFileCount("a", FLC_ANY_REPOSITORY),
+                         FlcGetFileCount("", FLC_ANY_REPOSITORY),
+                         FlcGetOldestFile("", &param),
+                         FlcGetNewestFile("a", &param),
+                         FlcGetNextFile("a", &param),
+                         FlcAddFile("a", 1, 0x50, 0x60, 1),
+                         FlcRemoveFile("a", 1, 0x10)};
+  const int registered = FlcRegisterRepository("a", 1);
+  const int countAfterwards = FlcGetFileCount("a", 1);
+  const int next = FlcGetNextFile("", &param);  // playback goes on with what can be read
+  setrlimit(RLIMIT_NOFILE, &before);
+  for (const int answer : answers) EXPECT_EQ(answer, -1);
+  EXPECT_EQ(registered, 0);
+  EXPECT_EQ(countAfterwards, -1);
+  EXPECT_EQ(next, 0);
+  EXPECT_EQ(param.startTime, 0x30u);
+  EXPECT_EQ(Starts("a", 1), Times{0x10});
+
+  // A disk that has gone is no disk without data directories.
+  ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
+  std::filesystem::rename(Path("a"), Path("gone"));
+  EXPECT_EQ(FlcGetFileCount("a", FLC_ANY_REPOSITORY), -1);
+  EXPECT_EQ(FlcAddFile("a", 1, 0x50, 0x60, 1), -1);
+  std::filesystem::rename(Path("gone"), Path("a"));
+  EXPECT_EQ(FlcGetFileCount("a", FLC_ANY_REPOSITORY), 1);
+}
+
+TEST_F(FlcHost, ReadsADirectoryOnceUntilToldOtherwise) {
+  MakeDirectory("a/data_00000001");
+  MakeFile("a/data_00000001/10_20_cm1.imf");
+  ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
+  // An addition reads the directory first: otherwise it would hide the files that stand there already.
+  EXPECT_EQ(FlcAddFile("a", 1, 0x30, 0, 0), 0);
+  MakeFile("a/data_00000001/20_30_cm1.imf");
+  EXPECT_EQ(Starts("a", 1), (Times{0x10, 0x30}));
+  EXPECT_EQ(FlcForget("a", 1), 0);
+  EXPECT_EQ(Starts("a", 1), (Times{0x10, 0x20}));
+  for (const std::string index : {"11", "12"}) {  // the list of data directories, too
+    const int before = FlcGetFileCount("", FLC_ANY_REPOSITORY);
+    MakeFile("a/data_00000001/" + index + "_00000000.imf");
+    MakeDirectory("a/data_000000" + index);
+    MakeFile("a/data_000000" + index + "/1_2_cm1.imf");
+    EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), before);
+    EXPECT_EQ(index == "11" ? FlcForget("a", FLC_ANY_REPOSITORY) : FlcClear(), 0);
+    EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), before + 2);
+  }
+
+  EXPECT_EQ(FlcUnregisterRepository("a", 1), 0);
+  EXPECT_EQ(FlcForget("a", FLC_ANY_REPOSITORY), 0);
+  EXPECT_EQ(FlcGetFileCount("a", 1), -1);
+  EXPECT_EQ(FlcAddFile("a", 1, 0x50, 0, 0), -1);
+  EXPECT_EQ(FlcGetFileCount("a", FLC_ANY_REPOSITORY), 2);
+  MakeFile("a/data_00000001/40_50_cm1.imf");
+  EXPECT_EQ(FlcRegisterRepository("a", 1), 0);
+  EXPECT_EQ(FlcGetFileCount("a", 1), 5);
+
+  // What was only added gives way to the directory once there is one, with all its files.
+  EXPECT_EQ(FlcAddFile("a", 2, 0x60, 0, 0), 0);
+  EXPECT_EQ(Starts("a", 2), Times{0x60});
+  MakeDirectory("a/data_00000002");
+  MakeFile("a/data_00000002/70_80_cm1.imf");
+  EXPECT_EQ(Starts("a", 2), Times{0x70});
+
+  MakeDirectory("other/data_00000001");
+  EXPECT_EQ(FlcAttachDisk("a", Path("other").c_str()), 0);
+  EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 0);
+}
+
+TEST_F(FlcHost, AttachesDirectoriesUnderDriverNames) {
+  const std::string root = MakeDirectory("a");
+  MakeFile("file");
+  for (const char* name : {"", "sda1/sdb1", "ninebytes"})
+    EXPECT_EQ(FlcAttachDisk(name, root.c_str()), -1) << name;
+  EXPECT_EQ(FlcAttachDisk(nullptr, root.c_str()), -1);
+  EXPECT_EQ(FlcAttachDisk("a", nullptr), -1);
+  EXPECT_EQ(FlcAttachDisk("a", Path("file").c_str()), -1);
+  EXPECT_EQ(FlcAttachDisk("a", Path("missing").c_str()), -1);
+  EXPECT_EQ(FlcGetFileCount("a", FLC_ANY_REPOSITORY), -1);
+  EXPECT_EQ(FlcForget("a", FLC_ANY_REPOSITORY), -1);
+  EXPECT_EQ(FlcDetachDisk("a"), -1);
+}
+
+TEST_F(FlcHost, HoldsAFileInLessThan48Bytes) {
+  const size_t before = gHeapBytes;
+  for (uint32_t i = 0; i < 100000; ++i)
+    ASSERT_EQ(FlcAddFile("a", static_cast<int>(i / 500), 1 + i, 2 + i, 1), 0);
+  const size_t perFile = (gHeapBytes - before) / 100000;
+  RecordProperty("bytes_per_file", static_cast<int>(perFile));
+  EXPECT_GE(perFile, sizeof(FlcFile));  // else nothing was counted
+  EXPECT_LE(perFile, 48u);
+}
+
+// For the thread sanitizer, and for lost or doubled records without it.
+TEST_F(FlcHost, ServesManyThreads) {
+  MakeDirectory("a/data_00000009");
+  MakeFile("a/data_00000009/10_20_cm1.imf");
+  ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int index = 0; index < 4; ++index) {
+    threads.emplace_back([index, &wrong] {
+      for (uint32_t i = 1; i <= 1000; ++i) {
+        wrong += FlcAddFile("b", index, i, i + 1, 1) != 0 ? 1 : 0;
+        flc_file_info_param_t newest = FlcFileParam("", index);
+        wrong += FlcGetNewestFile("b", &newest) != 0 || newest.startTime != i ? 1 : 0;
+        flc_file_info_param_t next = FlcFileParam("", FLC_ANY_REPOSITORY, i - 1, 0, kAll, 1);
+        wrong += FlcGetNextFile("", &next) != 0 || next.startTime < i ? 1 : 0;
+        if (i % 2 == 0) wrong += FlcRemoveFile("b", index, i) != 0 ? 1 : 0;
+        if (i % 100 == 0) wrong += FlcForget("a", FLC_ANY_REPOSITORY) != 0 ? 1 : 0;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
+  for (int index = 0; index < 4; ++index) EXPECT_EQ(FlcGetFileCount("b", index), 500);
+  EXPECT_EQ(FlcGetFileCount("a", 9), 1);
+}
+
+}  // namespace
