@@ -128,26 +128,24 @@ Reports CheckAll(const std::vector<Disk>& disks) {
 }
 
 Reports CheckBeside(const std::string& root, const std::vector<Disk>& disks) {
-  Reports reports = CheckAll(disks);
+  Reports before;
   for (int look = 1;; ++look) {
+    Reports reports = CheckAll(disks);
     const std::optional<std::string> holder = HolderOfRoot(root);
-    if (!holder) return reports;
-    if (holder->rfind("recorder prepare", 0) == 0) {
-      for (DiskReport& report : reports) {
-        if (!Exists(report.path + "/imf_prealloc")) continue;
-        report.findings.clear();
-        report.notes.push_back("is being prepared by " + *holder);
-      }
-      return reports;
+    if (!holder && look == 1) return reports;
+    const bool isPreparing = holder && holder->rfind("recorder prepare", 0) == 0;
+    for (DiskReport& report : reports) {
+      if (!isPreparing || !Exists(report.path + "/imf_prealloc")) continue;
+      report.findings.clear();
+      report.notes.push_back("is being prepared by " + *holder);
     }
-    DropBeingWritten(&reports);
+    if (holder && holder->rfind("recorder record", 0) == 0) DropBeingWritten(&reports);
+    for (size_t i = 0; i < before.size(); ++i) KeepCommon(before[i], &reports[i]);
     const bool isClean = std::all_of(reports.begin(), reports.end(),
                                      [](const DiskReport& report) { return report.findings.empty(); });
     if (isClean || look == kLooks) return reports;
     usleep(kBetweenLooks);
-    Reports again = CheckAll(disks);
-    for (size_t i = 0; i < again.size(); ++i) KeepCommon(reports[i], &again[i]);
-    reports = std::move(again);
+    before = std::move(reports);
   }
 }
 

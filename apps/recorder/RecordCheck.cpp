@@ -91,17 +91,23 @@ std::string CompareRows(const std::vector<std::string>& names, const std::vector
 
 void CheckRecordings(const std::string& directory, const std::vector<std::string>& names, const Blame& blame,
                      std::vector<CheckedRecording>* completed) {
-  std::map<uint32_t, std::string> starts;
+  std::map<uint32_t, std::string> starts;  // of several files with one start, the last one that is completed
+  RecordName record = {};
+  for (const std::string& name : names) {
+    if (!ParseRecordName(name, &record)) continue;
+    std::string& known = starts[record.startTime];
+    if (known.empty() || record.endTime != 0) known = name;
+  }
   for (const std::string& name : names) {
     const std::string path = directory + name;
-    RecordName record = {};
     if (!ParseRecordName(name, &record)) {
       blame(Fault::kName, path, "its name tells no start time");
       continue;
     }
-    const auto [other, isFirst] = starts.emplace(record.startTime, name);
-    if (!isFirst) blame(Fault::kTwoStarts, path, "starts in the same second as " + other->second);
-    if (name != ProperName(record)) {
+    const std::string& known = starts[record.startTime];
+    if (known != name) {
+      blame(Fault::kTwoStarts, path, "starts in the same second as " + known);
+    } else if (name != ProperName(record)) {
       blame(Fault::kName, path, "its name should be " + ProperName(record));
     } else if (record.endTime == 0) {
       blame(Fault::kUnfinished, path, "was never completed");

@@ -1,0 +1,338 @@
+// The check of the disks: a healthy disk is found healthy, each fault is found and named without touching the
+// disk, and no repair loses a file.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "SearchDb.h"
+#include "TestDisk.h"
+#include "apps/recorder/Checker.h"
+#include "apps/recorder/RootLock.h"
+#include "platform/host/ImfRecord.h"
+#include "platform/host/SearchDbRebuild.h"
+
+namespace fs = std::filesystem;
+using recorder::CheckDisk;
+using recorder::DiskReport;
+using recorder::Fault;
+
+namespace {
+
+constexpr int kSize = 256 * 1024;
+constexpr uint32_t kStart = 0x65000000;
+const std::string kFirst = "65000000_6500000a_cm1.imf";
+const std::string kSecond = "6500000a_65000014_cm1.imf";
+const std::string kThird = "65000014_6500001e_cm1.imf";
+
+// Lays ten seconds of channel 0 down in a new file and leaves it unfinished.
+void WriteRecording(const std::string& path, uint32_t start) {
+  MakeTestFile(path, kSize);
+  ImfWriter writer;
+  ASSERT_TRUE(writer.Open(path, start)) << path;
+  ASSERT_EQ(ImfWriteResult::kWritten, writer.AddStream({}));
+  for (int second = 0; second < 10; ++second) {
+    ImfPacket packet;
+    packet.time = (int64_t{start} + second) * 1000000;
+    packet.duration = 1000000;
+    packet.data.assign(1000, static_cast<uint8_t>(second));
+    ASSERT_EQ(ImfWriteResult::kWritten, writer.Write(packet));
+  }
+  ASSERT_TRUE(writer.Close());
+}
+
+void Rebuild(const std::string& directory) {
+  SearchDbRebuildReport report;
+  RebuildSearchDb(directory, nullptr, &report);
+}
+
+// A disk of seven files: three recordings in data_00000001 and one in data_00000002, two free, one quarantined.
+std::string MakeHealthyDisk(TestRoot& root, const std::string& name) {
+  const std::string disk = root.AddDisk(name, 2, kSize);
+  const std::string data = disk + "/data_00000001/";
+  WriteRecording(data + kFirst, kStart);
+  WriteRecording(data + kSecond, kStart + 10);
+  WriteRecording(data + kThird, kStart + 20);
+  WriteRecording(disk + "/data_00000002/6500001e_65000028_cm1.imf", kStart + 30);
+  MakeTestFile(disk + "/imf_error/64000000_00000000.imf", kSize);
+  Rebuild(data);
+  Rebuild(disk + "/data_00000002/");
+  return disk;
+}
+
+// Everything that a check could touch.
+std::string Snapshot(const std::string& directory) {
+  std::string all;
+  std::set<fs::path> paths = {directory};
+  for (const auto& entry : fs::recursive_directory_iterator(directory)) paths.insert(entry.path());
+  for (const fs::path& path : paths) {
+    struct stat info = {};
+    EXPECT_EQ(0, lstat(path.c_str(), &info));
+    all += path.string() + " " + std::to_string(info.st_ino) + " " + std::to_string(info.st_mode) + " " +
+           std::to_string(info.st_nlink) + " " + std::to_string(info.st_size) + " " +
+           std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec) + "\n";
+  }
+  return all;
+}
+
+struct Result {
+  int status;
+  std::string out;  // standard output and error
+};
+
+Result RunRecorder(const std::string& arguments) {
+  Result result = {-1, ""};
+  FILE* pipe = popen((std::string(RECORDER_PROGRAM) + " " + arguments + " 2>&1").c_str(), "re");
+  if (pipe == nullptr) return result;
+  char buffer[4096];
+  while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) result.out += buffer;
+  result.status = WEXITSTATUS(pclose(pipe));
+  return result;
+}
+
+struct Planted {
+  const char* name;
+  Fault fault;
+  const char* path;  // within the disk
+  const char* what;  // part of the text
+  std::function<void(const std::string& disk)> plant;
+  bool keepsDb = false;  // the search databases are made anew after planting, unless they are the fault
+};
+
+void Move(const std::string& disk, const std::string& from, const std::string& to) {
+  fs::create_directories(fs::path(disk + to).parent_path());
+  fs::rename(disk + from, disk + to);
+}
+void Write(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+const std::string kData = "/data_00000001/";
+
+const Planted kFaults[] = {
+    {"InPoolAndInUse", Fault::kTwoPlaces, "/imf_free/00000002.imf", "is also",
+     [](const std::string& d) { fs::create_hard_link(d + kData + kFirst, d + "/imf_free/00000002.imf"); }},
+    {"LinkedOutsideTheDisk", Fault::kTwoPlaces, "/data_00000001/65000000_6500000a_cm1.imf", "further names (1)",
+     [](const std::string& d) { fs::create_hard_link(d + kData + kFirst, d + "/../../kept.imf"); }},
+    {"PreallocNameLeft", Fault::kLeftover, "/imf_prealloc/00000000.imf", "in its place at",
+     [](const std::string& d) {
+       fs::create_directory(d + "/imf_prealloc");
+       fs::create_hard_link(d + "/imf_free/00000000.imf", d + "/imf_prealloc/00000000.imf");
+     }},
+    {"NeverPutIntoPool", Fault::kLeftover, "/imf_prealloc/00000002.imf", "never put into the pool",
+     [](const std::string& d) { MakeTestFile(d + "/imf_prealloc/00000002.imf", kSize); }},
+    {"EmptyPrealloc", Fault::kLeftover, "/imf_prealloc", "is empty",
+     [](const std::string& d) { fs::create_directory(d + "/imf_prealloc"); }},
+    {"OnTheDiskItself", Fault::kOutside, "/00000001.imf", "lies outside",
+     [](const std::string& d) { Move(d, "/imf_free/00000001.imf", "/00000001.imf"); }},
+    {"InLostAndFound", Fault::kOutside, "/lost+found/sub/#123", "lies outside",
+     [](const std::string& d) { Move(d, "/imf_free/00000001.imf", "/lost+found/sub/#123"); }},
+    {"NameNobodyLooksFor", Fault::kOutside, "/data_00000001/backup", "nobody looks",
+     [](const std::string& d) { Move(d, kData + kSecond, kData + "backup"); }},
+    {"Truncated", Fault::kSize, "/data_00000001/6500000a_65000014_cm1.imf", "has 1 bytes instead of 262144",
+     [](const std::string& d) { fs::resize_file(d + kData + kSecond, 1); }},
+    {"EmptyInPool", Fault::kSize, "/imf_free/00000001.imf", "is empty",
+     [](const std::string& d) { fs::resize_file(d + "/imf_free/00000001.imf", 0); }},
+    {"GapInPool", Fault::kGap, "/imf_free", "skip from 1 to 7",
+     [](const std::string& d) { MakeTestFile(d + "/imf_free/00000007.imf", kSize); }},
+    {"PoolName", Fault::kPoolName, "/imf_free/spare.imf", "not a number",
+     [](const std::string& d) { Move(d, "/imf_free/00000001.imf", "/imf_free/spare.imf"); }},
+    {"DirectoryAsRecord", Fault::kNoRegularFile, "/data_00000001/65000100_65000200_cm1.imf", "a directory",
+     [](const std::string& d) { fs::create_directory(d + kData + "65000100_65000200_cm1.imf"); }},
+    {"LinkAsRecord", Fault::kNoRegularFile, "/data_00000001/65000100_00000000.imf", "a symbolic link",
+     [](const std::string& d) { fs::create_symlink(d + kData + kFirst, d + kData + "65000100_00000000.imf"); }},
+    {"FileAsDataDirectory", Fault::kNoRegularFile, "/data_00000003", "is not a directory",
+     [](const std::string& d) { Write(d + "/data_00000003", "x"); }},
+    {"ShortDirectoryName", Fault::kDirectoryName, "/data_3", "data_00000003",
+     [](const std::string& d) { fs::create_directory(d + "/data_3"); }},
+    {"NoDirectoryNumber", Fault::kDirectoryName, "/data_old copy", "will be taken for one",
+     [](const std::string& d) { fs::create_directory(d + "/data_old copy"); }},
+    {"TwoDirectories", Fault::kTwoDirectories, "/data_1", "same number as data_00000001",
+     [](const std::string& d) { fs::create_directory(d + "/data_1"); }},
+    {"Foreign", Fault::kForeign, "/data_00000001/it's \"notes\".txt", "not one of the recorder's",
+     [](const std::string& d) { Write(d + kData + "it's \"notes\".txt", "x"); }},
+    {"NoTimeInName", Fault::kName, "/data_00000001/holiday.imf", "no start time",
+     [](const std::string& d) { MakeTestFile(d + kData + "holiday.imf", kSize); }},
+    {"HugeTimes", Fault::kName, "/data_00000001/f5000000_f5000001_cm1.imf", "end that can't be",
+     [](const std::string& d) { MakeTestFile(d + kData + "f5000000_f5000001_cm1.imf", kSize); }},
+    {"OddSpelling", Fault::kName, "/data_00000001/65000000_6500000a_cm01.imf",
+     "should be 65000000_6500000a_cm1.imf",
+     [](const std::string& d) { Move(d, kData + kFirst, kData + "65000000_6500000a_cm01.imf"); }},
+    {"Unfinished", Fault::kUnfinished, "/data_00000001/65000014_00000000.imf", "never completed",
+     [](const std::string& d) { Move(d, kData + kThird, kData + "65000014_00000000.imf"); }},
+    {"OtherStart", Fault::kHeader, "/data_00000001/64000000_64000010_cm1.imf", "a recording that starts at",
+     [](const std::string& d) { Move(d, kData + kFirst, kData + "64000000_64000010_cm1.imf"); }},
+    {"OtherEnd", Fault::kHeader, "/data_00000001/65000014_65000020_cm1.imf", "another end",
+     [](const std::string& d) { Move(d, kData + kThird, kData + "65000014_65000020_cm1.imf"); }},
+    {"OtherChannels", Fault::kHeader, "/data_00000001/65000014_6500001e_cm3.imf", "other channels, 0",
+     [](const std::string& d) { Move(d, kData + kThird, kData + "65000014_6500001e_cm3.imf"); }},
+    {"NoHeader", Fault::kHeader, "/data_00000001/65000100_65000200_cm1.imf", "header is not valid",
+     [](const std::string& d) { MakeTestFile(d + kData + "65000100_65000200_cm1.imf", kSize); }},
+    {"TwoOfOneStart", Fault::kTwoStarts, "/data_00000001/65000000_00000000.imf", "same second as",
+     [](const std::string& d) { MakeTestFile(d + kData + "65000000_00000000.imf", kSize); }},
+    {"DbMissing", Fault::kSearchDb, "/data_00000001/search.fdb", "is missing",
+     [](const std::string& d) { fs::remove(d + kData + "search.fdb"); }, true},
+    {"DbEmpty", Fault::kSearchDb, "/data_00000001/search.fdb", "is empty",
+     [](const std::string& d) { fs::resize_file(d + kData + "search.fdb", 0); }, true},
+    {"DbIsText", Fault::kSearchDb, "/data_00000001/search.fdb", "can't be read",
+     [](const std::string& d) { Write(d + kData + "search.fdb", std::string(9000, 'x')); }, true},
+    {"DbIsDirectory", Fault::kSearchDb, "/data_00000001/search.fdb", "not a regular file",
+     [](const std::string& d) {
+       fs::remove(d + kData + "search.fdb");
+       fs::create_directory(d + kData + "search.fdb");
+     },
+     true},
+    {"DbMarked", Fault::kSearchDb, "/data_00000001/search.fdb", "marked as damaged",
+     [](const std::string& d) { Write(d + kData + "search.fdb.0.err", ""); }, true},
+    {"DbJournal", Fault::kSearchDb, "/data_00000001/search.fdb", "in mid-change",
+     [](const std::string& d) { Write(d + kData + "search.fdb-journal", std::string(600, '\1')); }, true},
+    {"DbOutOfStep", Fault::kSearchDb, "/data_00000001/search.fdb",
+     "1 recording missing, 1 recording that are no longer there, 1 recording with other",
+     [](const std::string& d) {
+       SearchDb db(d + kData, SEARCH_DB_WRITE);
+       db.Remove(kStart);
+       db.Add({kStart + 10, kStart + 11, 1});
+       db.Add({kStart + 500, kStart + 510, 1});
+     },
+     true},
+};
+
+class CheckFault : public testing::TestWithParam<Planted> {};
+
+TEST_P(CheckFault, IsFoundAndTheDiskIsLeftAlone) {
+  TestRoot root;
+  const std::string disk = MakeHealthyDisk(root, "d");
+  GetParam().plant(disk);
+  if (!GetParam().keepsDb) Rebuild(disk + kData);
+  const std::string before = Snapshot(root.Path());
+  const DiskReport report = CheckDisk(disk);
+  EXPECT_EQ(before, Snapshot(root.Path()));
+  ASSERT_EQ(1u, report.findings.size()) << report.findings[1].path << ": " << report.findings[1].what;
+  EXPECT_EQ(GetParam().fault, report.findings[0].fault) << report.findings[0].what;
+  EXPECT_EQ(disk + GetParam().path, report.findings[0].path);
+  EXPECT_NE(std::string::npos, report.findings[0].what.find(GetParam().what)) << report.findings[0].what;
+  EXPECT_FALSE(report.missing);
+}
+
+INSTANTIATE_TEST_SUITE_P(Planted, CheckFault, testing::ValuesIn(kFaults),
+                         [](const auto& planted) { return std::string(planted.param.name); });
+
+TEST(Check, UnreadableDirectoryIsNamed) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs to be root to become somebody else";
+  TestRoot root;
+  const std::string disk = MakeHealthyDisk(root, "d");
+  chmod(root.Path().c_str(), 0755);
+  chmod((disk + "/data_00000002").c_str(), 0700);
+  for (const std::string& name : NamesIn(disk + kData)) chmod((disk + kData + name).c_str(), 0644);
+  ASSERT_EQ(0, seteuid(65534));
+  const DiskReport report = CheckDisk(disk);
+  ASSERT_EQ(0, seteuid(0));
+  ASSERT_EQ(1u, report.findings.size());
+  EXPECT_EQ(Fault::kUnreadable, report.findings[0].fault);
+  EXPECT_EQ(disk + "/data_00000002", report.findings[0].path);
+}
+
+class CheckCommand : public testing::Test {
+ protected:
+  Result Check(const std::string& options) {
+    return RunRecorder("--root " + mRoot.Path() + " check " + options);
+  }
+  TestRoot mRoot;
+  const std::string mDisk = MakeHealthyDisk(mRoot, "d");
+};
+
+TEST_F(CheckCommand, HealthyDisk) {
+  EXPECT_EQ(0, Check("").status);
+  const Result result = Check("--json");
+  EXPECT_EQ(0, result.status);
+  const auto line = nlohmann::json::parse(result.out);
+  EXPECT_EQ(7, line["files"]);
+  EXPECT_EQ(2, line["free"]);
+  EXPECT_EQ(4, line["recorded"]);
+  EXPECT_EQ(1, line["quarantined"]);
+  EXPECT_EQ(0, line["findings"]);
+}
+
+TEST_F(CheckCommand, FindingsAreLinesOfJsonWhateverTheNames) {
+  Write(mDisk + kData + "a\n\xff'b", "x");
+  EXPECT_EQ(1, Check("").status);
+  const Result result = Check("--json");
+  EXPECT_EQ(1, result.status);
+  const auto line = nlohmann::json::parse(result.out.substr(0, result.out.find('\n')));
+  EXPECT_EQ("foreign", line["finding"]);
+}
+
+TEST_F(CheckCommand, ReturnsOrphansAndKeepsRecordings) {
+  const std::set<unsigned long> all = InodesOf(mDisk);
+  fs::create_directory(mDisk + "/imf_prealloc");
+  fs::create_hard_link(mDisk + "/imf_free/00000000.imf", mDisk + "/imf_prealloc/00000000.imf");
+  Move(mDisk, "/imf_free/00000001.imf", "/imf_prealloc/00000001.imf");
+  Move(mDisk, kData + kFirst, "/saved/" + kFirst);
+  EXPECT_EQ(1, Check("--return-orphans").status) << "the search database still lists what was moved";
+  EXPECT_EQ(0, Check("--rebuild-index").status);
+  ExpectEachInOnePlace(mDisk, all);
+  EXPECT_EQ((std::vector<std::string>{"00000000.imf", "00000001.imf"}), NamesIn(mDisk + "/imf_free"));
+  EXPECT_TRUE(fs::exists(mDisk + "/imf_error/" + kFirst)) << "a recording must not be handed out";
+  EXPECT_FALSE(fs::exists(mDisk + "/imf_prealloc"));
+}
+
+TEST_F(CheckCommand, PoolNameThatWouldBeGivenOutTwiceGetsANumber) {
+  const std::set<unsigned long> all = InodesOf(mDisk);
+  Move(mDisk, "/imf_free/00000001.imf", "/imf_free/spare.imf");
+  EXPECT_EQ(0, Check("--return-orphans").status);
+  ExpectEachInOnePlace(mDisk, all);
+}
+
+TEST_F(CheckCommand, RepairsNames) {
+  const std::set<unsigned long> all = InodesOf(mDisk);
+  Move(mDisk, kData + kThird, kData + "65000014_00000000.imf");
+  Move(mDisk, "/imf_error/64000000_00000000.imf", kData + "65000100_00000000.imf");  // nothing in it
+  EXPECT_EQ(0, Check("--repair-names").status);
+  ExpectEachInOnePlace(mDisk, all);
+  EXPECT_TRUE(fs::exists(mDisk + kData + kThird));
+  EXPECT_TRUE(fs::exists(mDisk + "/imf_free/00000002.imf"));
+}
+
+TEST_F(CheckCommand, RebuildsSearchDatabases) {
+  fs::remove(mDisk + kData + "search.fdb");
+  Write(mDisk + "/data_00000002/search.fdb.0.err", "");
+  EXPECT_EQ(1, Check("--repair-names").status) << "one flag a kind of repair";
+  EXPECT_EQ(0, Check("--rebuild-index").status);
+}
+
+TEST_F(CheckCommand, RefusesWhatLooksMissingOrMostlyWrong) {
+  fs::create_directory(mRoot.Path() + "/disk/gone");
+  const Result missing = Check("");
+  EXPECT_EQ(2, missing.status);
+  EXPECT_NE(std::string::npos, missing.out.find("looks missing"));
+  EXPECT_EQ(0, Check("--disk d").status);
+  EXPECT_EQ(2, Check("--disk nosuch").status);
+
+  for (const std::string& name : {kFirst, kSecond, kThird}) {
+    Move(mDisk, kData + name, kData + name.substr(0, 8) + "_00000000.imf");
+  }
+  Move(mDisk, "/imf_free/00000001.imf", "/other.imf");
+  EXPECT_EQ(1, Check("--disk d").status);
+  const std::string before = Snapshot(mDisk);
+  EXPECT_EQ(2, Check("--disk d --repair-names --rebuild-index --return-orphans").status);
+  EXPECT_EQ(before, Snapshot(mDisk));
+  EXPECT_EQ(0, Check("--disk d --repair-names --rebuild-index --return-orphans --force").status);
+}
+
+TEST_F(CheckCommand, BesideARecorderTheFileBeingWrittenIsNoFault) {
+  recorder::RootLock lock;
+  ASSERT_FALSE(lock.Take(mRoot.Path(), "record"));
+  Move(mDisk, "/imf_free/00000000.imf", kData + "65000020_00000000.imf");
+  Write(mDisk + kData + "65000020_00000000.imf", std::string(kSize, 'x'));
+  EXPECT_EQ(0, Check("").status);
+  EXPECT_EQ(2, Check("--repair-names").status);
+  Move(mDisk, "/imf_free/00000001.imf", kData + "65000030_00000000.imf");  // not written to
+  const Result result = Check("");
+  EXPECT_EQ(1, result.status) << result.out;
+  EXPECT_NE(std::string::npos, result.out.find("65000030_00000000.imf: was never completed"));
+}
+
+}  // namespace
