@@ -48,7 +48,8 @@ std::set<Month> FindMonths(const Disks& disks) {
   Walk(manager, Following(now), 0, &found);  // back from the next month: this one counts
   Walk(manager, now, 1, &found);
   // How far a recording in progress reaches is not in its name.
-  for (const Recording& open : Recordings(disks).Open()) {
+  const Recordings recordings(disks);
+  for (const Recording& open : recordings.Open()) {
     for (Month month = MonthOf(open.start); month <= MonthOf(open.end); month = Following(month))
       found.insert(month);
   }
