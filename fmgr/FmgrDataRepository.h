@@ -52,7 +52,9 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
   // deletion itself checked.
   unsigned Remove();
   // Reads the record files' names from the directory into the list; repairs every unfinished one when an
-  // observer is set. 1 done, also for none; 0 with a line logged.
+  // observer is set. 1 done, also for none; 0 with a line logged. Precondition with an observer: the list is
+  // empty. An unfinished file that can't be repaired leaves as the newest of the list, so a driver that knows
+  // the later files already would give up one of those (CheckNewestFileFixup is for such a driver).
   int RecordFileListUp();
   // Number of record files; -1 when the driver fails.
   int GetFileCount() const override;

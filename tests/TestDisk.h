@@ -60,6 +60,12 @@ inline std::string DbgLine(const std::string& message) {
   return std::string("Dbg (") + gpDebugPrefix + ") " + message;
 }
 
+// Runs an operation and expects its result and exactly these diagnostic lines.
+template <typename Operation>
+void ExpectSays(const std::string& lines, int result, Operation operation) {
+  EXPECT_EQ(lines, StderrOf([&] { EXPECT_EQ(result, static_cast<int>(operation())); }));
+}
+
 // Remembers what it hears, one text per call: "stage 2 1", "fixed PATH MASK", "removed PATH START END MASK"
 // (numbers in lower-case hexadecimal).
 class RecordingObserver final : public RecoveryObserver {
