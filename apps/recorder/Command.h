@@ -24,6 +24,7 @@ void AddStatusCommand(CLI::App& app, Context& context);
 void AddCheckCommand(CLI::App& app, Context& context);
 void AddListCommand(CLI::App& app, Context& context);
 void AddPlayListCommand(CLI::App& app, Context& context);
+void AddExportCommand(CLI::App& app, Context& context);
 void AddMonthsCommand(CLI::App& app, Context& context);
 void AddMenuCommand(CLI::App& app, Context& context);
 

@@ -20,6 +20,7 @@ int main(int argc, char** argv) {
   recorder::AddCheckCommand(app, context);
   recorder::AddListCommand(app, context);
   recorder::AddPlayListCommand(app, context);
+  recorder::AddExportCommand(app, context);
   recorder::AddMonthsCommand(app, context);
   recorder::AddMenuCommand(app, context);
 
