@@ -1,6 +1,7 @@
 // The search database of one data directory: which completed recordings it holds.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -48,14 +49,15 @@ namespace searchdb {
 class DirectoryLock;
 }
 
-// "search.fdb" in a data directory. Operations return false on failure, say why in one line on standard error, and
-// leave the database as it was. When one fails that was to write, a file "search.fdb.0.err" marks the database, and
-// the next start rebuilds it. One thread at a time; any number of processes: an operation waits up to 2 seconds for
-// others.
+// "search.fdb" in a data directory. Operations return false on failure, say why in one line on standard error,
+// and leave the database as it was. When one fails that was to write, a file "search.fdb.0.err" marks the
+// database, and the next start rebuilds it. One thread at a time; any number of processes: an operation waits
+// up to 2 seconds for others.
 class SearchDb : public FileDb {
  public:
-  // `directory` ends with "/". When the database can't be opened, IsOpen() answers false; every operation tries
-  // again. The database may be replaced by a rebuild meanwhile: operations notice.
+  // `directory` ends with "/". When the database can't be opened, IsOpen() answers false, and so do operations;
+  // those that come 10 seconds after the last attempt try again. The database may be replaced by a rebuild
+  // meanwhile: operations notice.
   SearchDb(const std::string& directory, int mode);
 
   // A recording of the same start is replaced.
@@ -71,7 +73,7 @@ class SearchDb : public FileDb {
   bool Lock(searchdb::DirectoryLock* lock);
   bool Open();
   int Connect(const std::string& path, int flags);
-  bool CheckSchema(bool existed);
+  std::string CheckSchema(bool hasContent);
   void Close();
   bool Refresh();
   bool Change(const char* statement, const int64_t* values, int count);
@@ -81,4 +83,5 @@ class SearchDb : public FileDb {
   uint64_t mDevice = 0;
   uint64_t mInode = 0;
   bool mIsBlank = false;
+  std::chrono::steady_clock::time_point mRetryAt;
 };

@@ -19,13 +19,13 @@ constexpr int IMF_CHANNEL_LIMIT = 32;  // channels 0 to 31: one bit each in a ch
 // What a decoder needs to know of a channel's video.
 struct ImfStreamInfo {
   int channel = 0;
-  std::string codecName;           // libavcodec's name of the coding, as "h264"
+  std::string codecName;  // libavcodec's name of the coding, as "h264"
   uint32_t codecTag = 0;
   int32_t profile = 0;
   int32_t level = 0;
-  int32_t width = 0;               // pixels
+  int32_t width = 0;  // pixels
   int32_t height = 0;
-  int32_t timeBaseNumerator = 1;   // of the packets' pts, dts and duration
+  int32_t timeBaseNumerator = 1;  // of the packets' pts, dts and duration
   int32_t timeBaseDenominator = 1000000;
   int32_t frameRateNumerator = 0;  // frames per second, 0/1 when unknown
   int32_t frameRateDenominator = 1;
@@ -35,8 +35,8 @@ struct ImfStreamInfo {
 struct ImfPacket {
   int channel = 0;
   bool keyFrame = false;
-  int64_t time = 0;      // recording time of the packet's presentation, microseconds since the epoch
-  int64_t pts = 0;       // in the stream's time base
+  int64_t time = 0;  // recording time of the packet's presentation, microseconds since the epoch
+  int64_t pts = 0;   // in the stream's time base
   int64_t dts = 0;
   int64_t duration = 0;  // in the stream's time base, 0 when unknown
   std::vector<uint8_t> data;
@@ -44,7 +44,8 @@ struct ImfPacket {
 
 enum class ImfWriteResult {
   kWritten,
-  kFull,    // does not fit any more; the file is as it was before the call and can still be closed
+  kFull,    // does not fit any more; the file is as it was before the call and can still be closed. A packet of
+            // more than 64 MiB fits into no file
   kFailed,  // the device or the file system refused (errno); the file should be quarantined
 };
 
@@ -56,19 +57,22 @@ class ImfWriter {
   ImfWriter(const ImfWriter&) = delete;
   ImfWriter& operator=(const ImfWriter&) = delete;
 
-  // Opens the file (not through a symbolic link), stamps the header with `startTime` (seconds since the epoch, as
-  // in the file's name) and a generation number that differs from the old one, and makes the header durable.
-  // False: errno tells why, and the file is as it was unless the device failed.
+  // Opens the file (not through a symbolic link), stamps the header with `startTime` (seconds since the epoch,
+  // as in the file's name; 1 to 2147483646) and a generation number that differs from the old one, and makes
+  // the header durable. False: errno tells why (EISDIR: not a regular file; EINVAL: a start time out of range,
+  // or a file too small to hold a header), and the file is as it was unless the device failed.
   bool Open(const std::string& path, uint32_t startTime);
 
-  // Makes a channel known; its packets may follow. Call it again when the parameters change in mid-file.
+  // Makes a channel known; its packets may follow. Call it again when the parameters change in mid-file. A
+  // channel out of range, or a time base that is not positive, gives kFailed with EINVAL.
   ImfWriteResult AddStream(const ImfStreamInfo& stream);
 
-  // Appends a packet with one system call. The bytes are the kernel's afterwards: they survive the process.
+  // Appends a packet with one system call. The bytes are the kernel's afterwards: they survive the process. A
+  // packet of an unknown channel gives kFailed with EINVAL.
   ImfWriteResult Write(const ImfPacket& packet);
 
-  // Final checkpoint: end time and channel mask into the header, made durable. The writer is closed whatever the
-  // result. False: errno tells why; the file can be repaired by ImfFile.
+  // Final checkpoint: end time and channel mask into the header, made durable. The writer is closed whatever
+  // the result. False: errno tells why; the file can be repaired by ImfFile.
   bool Close();
 
   bool IsOpen() const;
@@ -80,7 +84,8 @@ class ImfWriter {
   uint64_t Used() const;      // bytes written, the header included
   uint64_t Generation() const;
 
-  // Seconds between two checkpoints that are made durable while recording (default 2): what a power cut may cost.
+  // Seconds between two checkpoints that are made durable while recording (default 2): what a power cut may
+  // cost. 0 makes each call durable. However long the interval, 64 MiB never go without a checkpoint.
   void SetCheckpointInterval(int seconds);
 
  private:
@@ -100,18 +105,19 @@ class ImfReader {
   bool Open(const std::string& path);
   const std::string& Error() const;
 
-  uint32_t StartTime() const;    // seconds since the epoch, from the header
-  uint32_t EndTime() const;      // as of the last checkpoint, 0 when there was none
+  uint32_t StartTime() const;  // seconds since the epoch, from the header
+  uint32_t EndTime() const;  // as of the last checkpoint, 0 when there was none; looked up again at every kEnd
   uint32_t ChannelMask() const;  // as of the last checkpoint
   uint64_t Generation() const;
 
   enum class Item {
-    kStream,   // Stream() holds the parameters of a channel
-    kPacket,   // Packet() holds a packet
-    kDamage,   // bytes that are not sound were skipped; reading goes on behind them. DamagedBytes() says how many
-    kEnd,      // nothing sound follows (yet: a growing file may have more later, call Next again)
-    kReplaced, // the header carries another generation now: the file was recycled under the reader
-    kFailed,   // the device reports an error; Error() says what
+    kStream,  // Stream() holds the parameters of a channel
+    kPacket,  // Packet() holds a packet
+    kDamage,  // bytes that are not sound, or that the device can't read, were skipped; reading goes on behind
+              // them. DamagedBytes() says how many they were this time
+    kEnd,       // nothing sound follows (yet: a growing file may have more later, call Next again)
+    kReplaced,  // the header carries another generation now: the file was recycled under the reader
+    kFailed,    // the device can't read the header or reports one error after the other; Error() says what
   };
   Item Next();
   const ImfStreamInfo& Stream() const;
@@ -123,6 +129,7 @@ class ImfReader {
   // Whether the header still carries the generation seen by Open.
   bool IsSameRecording() const;
   // Skips the payload of packets: Packet().data stays empty and the checksum of the payload is not verified.
+  // May be changed at any time.
   void SetHeadersOnly(bool headersOnly);
 
  private:
