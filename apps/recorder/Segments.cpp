@@ -53,12 +53,14 @@ bool Segments::Put(const Sample& sample) {
     }
     if (result == ImfWriteResult::kFailed) {
       if (!Quarantine("cannot write", errno)) return false;
-    } else if (mPackets > 0) {
+    } else if (mPackets > 0 && sample.packet.data.size() < mWriter->Capacity()) {
       Complete();
     } else {
-      Complain("channel %d: a packet of %s does not fit into an empty file and is dropped", channel,
-               FormatSize(sample.packet.data.size()).c_str());
       mTotals.dropped++;
+      if (mSaidTooLarge.insert(channel).second) {
+        Complain("channel %d: a packet of %s does not fit into an empty file; such packets are dropped",
+                 channel, FormatSize(sample.packet.data.size()).c_str());
+      }
       return true;
     }
   }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -80,6 +81,7 @@ class Segments {
 
   int mFailures = 0;  // in a row
   bool mSaidTooFast = false;
+  std::set<int> mSaidTooLarge;  // channels with packets larger than a file
 };
 
 }  // namespace recorder
