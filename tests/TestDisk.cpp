@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "platform/host/FlcHost.h"
+#include "platform/host/ImfRecord.h"
 
 namespace fs = std::filesystem;
 
@@ -49,6 +50,24 @@ std::string MakeTestFile(const std::string& path, int size) {
   EXPECT_EQ(0, ftruncate(descriptor, size)) << path;
   close(descriptor);
   return path;
+}
+
+void WriteTestRecording(const std::string& path, unsigned start, int seconds, unsigned mask) {
+  ImfWriter writer;
+  writer.SetCheckpointInterval(0);
+  ASSERT_TRUE(writer.Open(path, start)) << path;
+  for (int channel = 0; channel < IMF_CHANNEL_LIMIT; ++channel) {
+    if ((mask >> channel & 1) == 0) continue;
+    ImfStreamInfo stream;
+    stream.channel = channel;
+    ASSERT_EQ(ImfWriteResult::kWritten, writer.AddStream(stream));
+    ImfPacket packet;
+    packet.channel = channel;
+    packet.keyFrame = true;
+    packet.time = (int64_t{start} + seconds) * 1000000;
+    packet.data = {1, 2, 3};
+    ASSERT_EQ(ImfWriteResult::kWritten, writer.Write(packet));
+  }
 }
 
 std::vector<std::string> NamesIn(const std::string& directory) {

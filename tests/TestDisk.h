@@ -34,6 +34,10 @@ class TestRoot {
 // Makes a file of `size` bytes; its directory is made when missing. Returns the path.
 std::string MakeTestFile(const std::string& path, int size = 4096);
 
+// Records into the existing file at `path` (64 KiB will do): one packet for each channel bit of `mask`, all of
+// them `seconds` after the start. The file's header knows this end, but is not closed, as after a crash.
+void WriteTestRecording(const std::string& path, unsigned start, int seconds, unsigned mask);
+
 // Sorted names in a directory, "." and ".." left out; empty when it is missing.
 std::vector<std::string> NamesIn(const std::string& directory);
 

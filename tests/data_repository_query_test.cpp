@@ -1,0 +1,201 @@
+// Questions to one data directory, in both ways of keeping its list: in memory and in the file list cache.
+#include "FlcSpy.h"
+#include "ImfSearchCondition.h"
+#include "SearchDb.h"
+#include "TestDirectory.h"
+
+namespace {
+
+constexpr unsigned kList = 0;
+constexpr unsigned kCache = 1;
+// Two completed recordings with a gap between them, and one that is being recorded.
+constexpr char kFirst[] = "5f5e1000_5f5e1258_cmf.imf";
+constexpr char kSecond[] = "5f5e1300_5f5e1500_cm3.imf";
+constexpr char kGrowing[] = "5f5e1600_00000000.imf";
+constexpr int kGrowingEnd = 0x5f5e160a;  // so far, by its header
+constexpr int64_t kMicro = 1000000;
+
+class Queries : public testing::TestWithParam<unsigned> {
+ protected:
+  void Put(const Names& names, TestDirectory& directory) {
+    directory.Put(names);
+    if (names.back() == kGrowing) WriteTestRecording(directory.path + kGrowing, 0x5f5e1600, 10, 1);
+  }
+  // The name found; empty for none.
+  std::string Next(const std::string& name) { return Walk(&FmgrDataRepository::GetNextFilePath, name); }
+  std::string Previous(const std::string& name) { return Walk(&FmgrDataRepository::GetPrevFilePath, name); }
+  std::string Walk(bool (FmgrDataRepository::*step)(const std::string&, std::string&) const, std::string name) {
+    std::string path;
+    return (mRepository.*step)(mDirectory.path + name, path) ? path.substr(mDirectory.path.size()) : path;
+  }
+
+  TestRoot mRoot;
+  std::string mDisk = mRoot.AddDisk("sda12345");  // no terminator in an answer
+  TestDirectory mDirectory{mDisk, 1, GetParam()};
+  FmgrDataRepository& mRepository = mDirectory.repository;
+  std::string mPath;
+  std::list<std::string> mPaths;
+};
+INSTANTIATE_TEST_SUITE_P(Modes, Queries, testing::Values(kList, kCache));
+class ListQueries : public Queries {};
+INSTANTIATE_TEST_SUITE_P(List, ListQueries, testing::Values(kList));
+class CacheQueries : public Queries {};
+INSTANTIATE_TEST_SUITE_P(Cache, CacheQueries, testing::Values(kCache));
+
+TEST_P(Queries, EmptyDirectory) {
+  int start = 7, end = 8;
+  EXPECT_EQ(-1, mRepository.GetStartTimeSec());
+  EXPECT_EQ(0, mRepository.GetEndTimeSec());
+  EXPECT_FALSE(mRepository.GetTimeRange(start, end) || start != 7 || end != 8);
+  EXPECT_FALSE(mRepository.IsExistTimeOverFile(INT32_MAX));
+  EXPECT_FALSE(mRepository.GetFirstFilePath(mPath) || mRepository.GetLastFilePath(mPath));
+  EXPECT_EQ("", Next(kFirst) + Previous(kFirst));
+  EXPECT_EQ(0, mRepository.GetFilePath(0x5f5e1000, mPath, 1) + mRepository.CollectFileList(mPaths, {}));
+}
+
+// The newest file's own end, else that of the file before it, else none.
+TEST_P(Queries, EndOfRecordedData) {
+  int index = 2;
+  const auto expectEnd = [&](const Names& names, int end, const std::string& lines) {
+    TestDirectory directory(mDisk, index++, GetParam());
+    Put(names, directory);
+    ExpectSays(lines, end, [&] { return directory.repository.GetEndTimeSec(); });
+  };
+  expectEnd({kFirst, kSecond}, 0x5f5e1500, "");
+  expectEnd({kFirst, kGrowing}, kGrowingEnd, "");
+  expectEnd({kFirst, "5f5e1601_00000000.imf"}, 0x5f5e1258, "");  // not a word in it yet
+  expectEnd({kGrowing}, kGrowingEnd, "");
+  expectEnd({"5f5e1601_00000000.imf"}, 0, "");
+  expectEnd({"5f5e1700_f0000000_cm1.imf"}, 0,
+            ErrLine("FmgrDataRepository", 139, "Can't get end stream time '5f5e1700_f0000000_cm1.imf'\n"));
+}
+
+TEST_P(Queries, WalksBackAndForth) {
+  Put({kFirst, kSecond, kGrowing}, mDirectory);
+  for (const auto& [limit, over] : std::map<long, bool>{{0, false}, {0x5f5e1257, false}, {0x5f5e1258, true}})
+    EXPECT_EQ(over, mRepository.IsExistTimeOverFile(limit)) << limit;
+  EXPECT_EQ(kSecond, Next(kFirst));
+  EXPECT_EQ(kGrowing, Next(kGrowing));  // a player stops where nothing changes
+  EXPECT_EQ(kSecond, Previous(kGrowing));
+  EXPECT_EQ("", Previous(kFirst));
+  // By start time forward, in memory by whole name backward.
+  EXPECT_EQ(kSecond, Next("5f5e1000_5f5e1001_cm1.imf"));
+  EXPECT_EQ(GetParam() == kList ? "" : kFirst, Previous("5f5e1300_5f5e1301_cm1.imf"));
+  // Completed meanwhile: whoever holds the old name gets the same recording, and nothing follows it.
+  mRepository.RenameRecordFile(mDirectory.path + kGrowing, kGrowingEnd, 1, mPath);
+  EXPECT_EQ("5f5e1600_5f5e160a_cm1.imf", Next(kGrowing));
+  EXPECT_EQ("", Next("5f5e1600_5f5e160a_cm1.imf"));
+}
+
+TEST_P(Queries, FileForATime) {
+  Put({kFirst, kSecond, kGrowing}, mDirectory);
+  const auto expectFile = [&](unsigned useCache, int time, int mode, int end, const std::string& name) {
+    if (useCache != GetParam()) return;
+    mPath.clear();
+    EXPECT_EQ(end, mRepository.GetFilePath(time, mPath, mode)) << std::hex << time << " mode " << mode;
+    EXPECT_EQ(name, FmgrRepository::PathToFileName(mPath)) << std::hex << time << " mode " << mode;
+  };
+  // In memory neither the mode nor a start is looked at: the first file that ends at or after the time.
+  expectFile(kList, 0x5f5e0000, 0, 0x5f5e1258, kFirst);
+  expectFile(kList, 0x5f5e1258, 1, 0x5f5e1258, kFirst);
+  expectFile(kList, 0x5f5e1259, 0, 0x5f5e1500, kSecond);
+  expectFile(kList, kGrowingEnd - 1, 1, kGrowingEnd, kGrowing);
+  expectFile(kList, kGrowingEnd, 1, 0, "");  // the directory's very end is outside
+  expectFile(kCache, 0x5f5e0000, 0, 0, "");
+  expectFile(kCache, 0x5f5e1260, 1, 0x5f5e1500, kSecond);
+  expectFile(kCache, 0x5f5e1260, 0, 0x5f5e1258, kFirst);
+  expectFile(kCache, kGrowingEnd - 1, 1, kGrowingEnd, kGrowing);
+  expectFile(kCache, kGrowingEnd, 1, 0, kGrowing);  // refused, and the path stays written
+  expectFile(kCache, kGrowingEnd + 100, 0, kGrowingEnd, kGrowing);
+}
+
+// A better hint of another directory stays.
+TEST_P(Queries, SearchHints) {
+  Put({kFirst, kSecond}, mDirectory);
+  TimeSearchChart later{0x5f5e1501, 0x5f5e1600, 0x5f5e1501, 7, {}}, earlier{1, 0x5f5e0fff, 7, 0x5f5e0fff, {}};
+  EXPECT_FALSE(mRepository.CollectSearchData(&later) || mRepository.CollectSearchData(&earlier));
+  EXPECT_EQ(0x5f5e1501 + 7, later.latestEndBefore + later.earliestStartAfter);
+  EXPECT_EQ(0x5f5e0fff + 7, earlier.latestEndBefore + earlier.earliestStartAfter);
+}
+
+TEST_P(ListQueries, FindsByStartTime) {
+  Put({kFirst, "5f5e1000_00000000.imf"}, mDirectory);
+  EXPECT_TRUE(mRepository.FindFileNameByStartTime(0x5f5e1000, mPath));
+  EXPECT_EQ(mDirectory.path + kFirst, mPath);  // the last in name order
+  ExpectSays("", 0, [this] { return mRepository.FindFileNameByStartTime(0x5f5e1001, mPath); });
+  // A pattern of more than 63 characters is cut: at 64 the "*" goes, and nothing matches.
+  for (const size_t length : {24u, 25u}) {
+    const std::string disk = mRoot.Path() + "/" + std::string(length, 'd');
+    MakeTestFile(disk + "/data_00000001/" + kFirst);
+    EXPECT_EQ(length == 24,
+              FmgrDataRepository(disk, 1, nullptr, nullptr, kList).FindFileNameByStartTime(0x5f5e1000, mPath));
+  }
+}
+
+TEST_P(ListQueries, CollectsByStartAmongOtherDirectories) {
+  const std::string early = "5f5e0f00_5f5e1000_cm1.imf", silent = "5f5e1000_5f5e1300_cm0.imf";
+  const std::string other = "/x/5f5e1000_1_cm1.imf", path = mDirectory.path;
+  Put({"5f5e0f00_5f5e0fff_cm1.imf", early, kFirst, silent, kSecond}, mDirectory);
+  // Parts of seconds do not count: one recording ends right at the start, one starts right at the end.
+  const int64_t from = 0x5f5e0fff * kMicro + 999999, to = 0x5f5e1300 * kMicro + 999999;
+  mPaths = {other};
+  EXPECT_EQ(2, mRepository.CollectFileList(mPaths, {from, to, 0, 0}));
+  EXPECT_EQ((std::list<std::string>{path + early, path + kFirst, other}), mPaths);
+  // Equal starts come out in reverse; a file without channels stays away only from a search for none.
+  mPaths = {other};
+  EXPECT_EQ(3, mRepository.CollectFileList(mPaths, {from, to, 0, 0x10}));
+  EXPECT_EQ((std::list<std::string>{path + early, path + silent, path + kFirst, other}), mPaths);
+}
+
+TEST_P(CacheQueries, CollectsInPages) {
+  int index = 1;
+  const auto expectPages = [&](uint32_t files, uint32_t step, const std::vector<uint32_t>& pages) {
+    const TestDirectory directory(mDisk, ++index, kCache);
+    for (uint32_t i = 1; i <= files; ++i)
+      FlcAddFile("sda12345", index, i * 10, step == 0 ? UINT32_MAX : i * step + 9, 4);
+    flc_spy::Clear();
+    mPaths.clear();
+    EXPECT_EQ(files, directory.repository.CollectFileList(mPaths, {1500000, 0xffff * kMicro, 0, 6}) + 0u);
+    EXPECT_EQ(files, std::set<std::string>(mPaths.begin(), mPaths.end()).size());
+    std::vector<uint32_t> asked;
+    for (const flc_spy::Request& request : flc_spy::Requests())
+      if (request.number == FLC_FILES_IN_INTERVAL) asked.push_back(request.file.startTime);
+    EXPECT_EQ(pages, asked);
+  };
+  expectPages(99, 10, {1});
+  expectPages(100, 10, {1, 1010});  // a full page: once more from one second after its last end
+  expectPages(250, 10, {1, 1010, 2010});
+  expectPages(100, 0, {1});  // all up to the end of time: it does not start over
+}
+
+// What the driver gets to see last of each question.
+TEST_P(CacheQueries, Requests) {
+  Put({kFirst, kSecond, kGrowing}, mDirectory);
+  const auto expectSent = [](const std::string& request, const std::function<void()>& ask) {
+    ask();
+    EXPECT_EQ(request, flc_spy::Sent().back());
+  };
+  expectSent("30a sda12345 1 5f5e1100 0 ffffffff -3", [&] { mRepository.GetFilePath(0x5f5e1100, mPath, -3); });
+  expectSent("30a sda12345 1 5f5e1600 0 ffffffff 1", [&] { Next(kGrowing); });
+  expectSent("30c  -1 5f5e1000 0 ffffffff 1", [&] { Next(kFirst); });
+  expectSent("30b  -1 5f5e1300 0 ffffffff -1", [&] { Previous(kSecond); });
+  expectSent("30d sda12345 1 0 0 0 2", [&] { mRepository.GetEndTimeSec(); });
+  expectSent("30e sda12345 1 1 2 6 0", [&] {
+    mRepository.CollectFileList(mPaths, {1 * kMicro, 2 * kMicro, 0, 6});
+  });
+  expectSent("30f sda12345 1 0 0 0 0", [&] { mRepository.GetOldestFile(); });
+  expectSent("310 sda12345 1 0 0 0 0", [&] { mRepository.GetNewestFile(); });
+}
+
+// A disk without a name would be any disk to the driver, so it is not asked.
+TEST_P(CacheQueries, DiskWithoutAName) {
+  const FmgrDataRepository repository("x/", 1, nullptr, nullptr, kCache);
+  const auto line = [](int number) { return ErrLine("include/Flc", number, "Invalid parameter\n"); };
+  flc_spy::Clear();
+  ExpectSays(line(212) + line(163), 0, [&] { return repository.GetStartTimeSec(); });
+  ExpectSays(line(93) + line(175), 0, [&] { return repository.GetFilePath(9, mPath, 1); });
+  ExpectSays(line(212), 0, [&] { return repository.CollectFileList(mPaths, {0, kMicro}); });
+  EXPECT_TRUE(flc_spy::Requests().empty());
+}
+
+}  // namespace
