@@ -25,6 +25,7 @@ void AddCheckCommand(CLI::App& app, Context& context);
 void AddListCommand(CLI::App& app, Context& context);
 void AddPlayListCommand(CLI::App& app, Context& context);
 void AddExportCommand(CLI::App& app, Context& context);
+void AddTimelineCommand(CLI::App& app, Context& context);
 void AddMonthsCommand(CLI::App& app, Context& context);
 void AddMenuCommand(CLI::App& app, Context& context);
 

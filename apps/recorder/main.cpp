@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
   recorder::AddListCommand(app, context);
   recorder::AddPlayListCommand(app, context);
   recorder::AddExportCommand(app, context);
+  recorder::AddTimelineCommand(app, context);
   recorder::AddMonthsCommand(app, context);
   recorder::AddMenuCommand(app, context);
 
