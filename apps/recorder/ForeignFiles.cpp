@@ -71,4 +71,12 @@ void SaveForeignFiles(const Disk& disk, FmgrRepositoryGroup& group) {
   }
 }
 
+// The last one stays: it is about to be recorded to.
+void RemoveEmptyDirectories(const Disk& disk, FmgrRepositoryGroup& group) {
+  SaveForeignFiles(disk, group);
+  while (group.GetDataRepositoryCount() > 1 && group.mDataRepositories.front()->GetFileCount() == 0) {
+    if (group.RemoveOldestDataRepository() != 1) return;
+  }
+}
+
 }  // namespace recorder

@@ -17,4 +17,10 @@ constexpr int kSmallDirectory = 4;
 // list. To be called while no record file is open, before anything is recycled.
 void SaveForeignFiles(const Disk& disk, FmgrRepositoryGroup& group);
 
+// Removes the empty data directories that stand in front of the disk's others: what a process left that was
+// killed while it recycled. The file manager recycles from the disk whose first data directory has the smallest
+// number, so with such a directory on it a disk would lose recordings that are newer than another's. To be
+// called as above.
+void RemoveEmptyDirectories(const Disk& disk, FmgrRepositoryGroup& group);
+
 }  // namespace recorder

@@ -11,6 +11,7 @@
 #include "Command.h"
 #include "Disks.h"
 #include "Files.h"
+#include "ForeignFiles.h"
 #include "Recovery.h"
 #include "RootLock.h"
 #include "Segments.h"
@@ -125,6 +126,10 @@ int Record(const Options& options, const std::string& root) {
     return kRefused;
   }
   recovery.ReportState();
+  for (const Disk& disk : disks.All()) {
+    if (FmgrRepositoryGroup* group = disks.Group(disk)) RemoveEmptyDirectories(disk, *group);
+    SearchIndex::Mend(disk.path);
+  }
 
   av_log_set_level(AV_LOG_FATAL);  // what matters of it is said in lines of our own
   Segments segments(disks, index, recovery, {options.segment, options.checkpoint, options.overwrite});

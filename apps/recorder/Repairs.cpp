@@ -14,7 +14,6 @@
 #include "Files.h"
 #include "ImfFile.h"
 #include "SearchIndex.h"
-#include "SystemHelper.h"
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrErrorRepository.h"
 #include "platform/host/ImfRecord.h"
@@ -168,15 +167,7 @@ void RebuildSearchDbs(const DiskReport& report, const Say& say) {
     const std::string directory = DirectoryOf(finding.path);
     // Other names might mean something to the shell.
     const bool isPlain = ParseDataDirectoryName(NameOf(directory.substr(0, directory.size() - 1))) >= 0;
-    if (!isPlain || SystemFmt("/opt/app/filedb -f %s", directory.c_str()) != 0) {
-      say(finding.path, "stays: it can't be rebuilt");
-      continue;
-    }
-    // The marks go last, so that a rebuild that is cut off is done again.
-    for (const std::string& name : ListDirectory(directory)) {
-      if (name.rfind("search.fdb.", 0) == 0 && HasSuffix(name, ".err")) unlink((directory + name).c_str());
-    }
-    say(finding.path, "is rebuilt");
+    say(finding.path, isPlain && SearchIndex::Rebuild(directory) ? "is rebuilt" : "stays: it can't be rebuilt");
   }
 }
 

@@ -1,6 +1,12 @@
 #include "SearchIndex.h"
 
+#include <unistd.h>
+
+#include <cstdio>
+
 #include "Files.h"
+#include "RecordCheck.h"
+#include "SystemHelper.h"
 #include "platform/host/RecordName.h"
 
 namespace recorder {
@@ -59,6 +65,36 @@ void SearchIndex::Remove(const std::string& path, uint32_t startTime) {
   const std::string directory = DirectoryOf(path);
   if (!Exists(DbPath(directory))) return;
   DbOf(directory).Remove(static_cast<int32_t>(startTime));
+}
+
+void SearchIndex::Mend(const std::string& disk) {
+  for (const std::string& name : ListDirectory(disk)) {
+    if (ParseDataDirectoryName(name) < 0) continue;
+    const std::string directory = disk + "/" + name + "/";
+    std::vector<std::string> records;
+    std::vector<std::string> others;
+    for (const std::string& entry : ListDirectory(directory)) {
+      if (HasSuffix(entry, ".imf")) records.push_back(entry);
+      if (entry.rfind("search.fdb", 0) == 0) others.push_back(entry);
+    }
+    CheckSearchDb(directory, records, others, [&](Fault, const std::string& path, const std::string& what) {
+      if (Rebuild(directory)) {
+        std::printf("rebuilt search database %s: it %s\n", path.c_str(), what.c_str());
+      } else {
+        Complain("search database %s %s and could not be rebuilt", path.c_str(), what.c_str());
+      }
+    });
+  }
+}
+
+// By the tool that the file manager uses as well. The marks go last, so that a rebuild that is cut off is done
+// again.
+bool SearchIndex::Rebuild(const std::string& directory) {
+  if (SystemFmt("/opt/app/filedb -f %s", directory.c_str()) != 0) return false;
+  for (const std::string& name : ListDirectory(directory)) {
+    if (name.rfind("search.fdb.", 0) == 0 && HasSuffix(name, ".err")) unlink((directory + name).c_str());
+  }
+  return true;
 }
 
 }  // namespace recorder

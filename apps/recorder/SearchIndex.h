@@ -20,6 +20,14 @@ class SearchIndex {
   void AddRepaired(const std::string& path);
   // Takes the recording at `path` out. Makes nothing: the directory may be about to go with all that is in it.
   void Remove(const std::string& path, uint32_t startTime);
+  // Has every database of the disk at `disk` made anew that does not say what the names say, one line each. A
+  // process that is killed between the change of a name and that of the database leaves them apart, without a
+  // mark.
+  static void Mend(const std::string& disk);
+  // Makes the database of a directory anew from the names and removes the marks of damage. `directory` ends
+  // with
+  // "/". False: it is left for the next attempt.
+  static bool Rebuild(const std::string& directory);
 
  private:
   struct Open {
