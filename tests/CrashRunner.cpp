@@ -1,0 +1,246 @@
+#include "CrashRunner.h"
+
+#include <elf.h>
+#include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/user.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <set>
+
+namespace {
+
+// Where a call's arguments name what it changes: a descriptor, or a path after an optional directory
+// descriptor.
+enum class Names { kFd, kPath, kAt };
+
+struct Call {
+  long number;
+  const char* name;
+  Names names;
+  int argument;    // position of the descriptor or path; of kAt, of the directory descriptor before the path
+  int flags = -1;  // of open(2) at this position: only what may write counts
+  bool isWrite = false;
+};
+
+const Call kCalls[] = {
+    {SYS_openat, "open", Names::kAt, 0, 2},
+    {SYS_renameat, "rename", Names::kAt, 0},
+    {SYS_renameat2, "rename", Names::kAt, 0},
+    {SYS_linkat, "link", Names::kAt, 2},
+    {SYS_unlinkat, "unlink", Names::kAt, 0},
+    {SYS_mkdirat, "mkdir", Names::kAt, 0},
+    {SYS_symlinkat, "symlink", Names::kAt, 1},
+    {SYS_truncate, "truncate", Names::kPath, 0},
+    {SYS_ftruncate, "truncate", Names::kFd, 0},
+    {SYS_fallocate, "fallocate", Names::kFd, 0},
+    {SYS_write, "write", Names::kFd, 0, -1, true},
+    {SYS_writev, "write", Names::kFd, 0, -1, true},
+    {SYS_pwrite64, "write", Names::kFd, 0, -1, true},
+    {SYS_pwritev, "writev", Names::kFd, 0, -1, true},
+    {SYS_pwritev2, "writev", Names::kFd, 0, -1, true},
+    {SYS_fsync, "sync", Names::kFd, 0},
+    {SYS_fdatasync, "sync", Names::kFd, 0},
+    {SYS_syncfs, "sync", Names::kFd, 0},
+#ifdef SYS_open  // newer machines have only the calls above
+    {SYS_open, "open", Names::kPath, 0, 1},
+    {SYS_creat, "creat", Names::kPath, 0},
+    {SYS_rename, "rename", Names::kPath, 0},
+    {SYS_link, "link", Names::kPath, 1},
+    {SYS_unlink, "unlink", Names::kPath, 0},
+    {SYS_mkdir, "mkdir", Names::kPath, 0},
+    {SYS_rmdir, "rmdir", Names::kPath, 0},
+    {SYS_symlink, "symlink", Names::kPath, 1},
+#endif
+};
+constexpr size_t kCallCount = std::size(kCalls);
+
+// Only these calls stop the program; it runs at its own speed in between.
+bool InstallFilter() {
+  std::array<sock_filter, kCallCount + 3> filter = {};
+  filter[0] = BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr));
+  for (size_t i = 0; i < kCallCount; ++i) {
+    filter[i + 1] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(kCalls[i].number),
+                             static_cast<uint8_t>(kCallCount - i), 0);
+  }
+  filter[kCallCount + 1] = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
+  filter[kCallCount + 2] = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRACE);
+  const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+std::string ReadLink(const std::string& link) {
+  char target[PATH_MAX];
+  const ssize_t length = readlink(link.c_str(), target, sizeof target);
+  return std::string(target, length > 0 ? static_cast<size_t>(length) : 0);
+}
+
+std::string ReadText(pid_t pid, uint64_t address) {
+  std::string text;
+  char byte = 0;
+  iovec local = {&byte, 1};
+  while (text.size() < PATH_MAX) {
+    iovec remote = {reinterpret_cast<void*>(address + text.size()), 1};
+    if (process_vm_readv(pid, &local, 1, &remote, 1, 0) != 1 || byte == '\0') break;
+    text += byte;
+  }
+  return text;
+}
+
+// What the call is about to change; empty when it changes nothing.
+std::string PathOf(pid_t pid, const Call& call, const uint64_t* arguments) {
+  const std::string process = "/proc/" + std::to_string(pid);
+  if (call.flags >= 0 && (arguments[call.flags] & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) == 0) return "";
+  const auto descriptor = static_cast<int32_t>(arguments[call.argument]);
+  if (call.names == Names::kFd) return ReadLink(process + "/fd/" + std::to_string(descriptor));
+  std::string path = ReadText(pid, arguments[call.argument + (call.names == Names::kAt ? 1 : 0)]);
+  if (path.empty() || path[0] == '/') return path;
+  const bool isAt = call.names == Names::kAt && descriptor != AT_FDCWD;
+  const std::string directory = isAt ? "/fd/" + std::to_string(descriptor) : "/cwd";
+  return ReadLink(process + directory) + "/" + path;
+}
+
+// Lets the call fail with EIO without being made.
+bool FailCall(pid_t pid) {
+#ifdef __x86_64__
+  user_regs_struct registers = {};
+  iovec all = {&registers, sizeof registers};
+  if (ptrace(PTRACE_GETREGSET, pid, NT_PRSTATUS, &all) != 0) return false;
+  registers.orig_rax = static_cast<unsigned long long>(-1);
+  registers.rax = static_cast<unsigned long long>(-EIO);
+  return ptrace(PTRACE_SETREGSET, pid, NT_PRSTATUS, &all) == 0;
+#else
+  (void)pid;
+  return false;
+#endif
+}
+
+class Tracer {
+ public:
+  Tracer(const CrashPlan& plan, CrashRun* run)
+      : mPlan(plan), mRoot(std::filesystem::canonical(plan.root).string()), mRun(run) {}
+
+  // Waits for the program and its children until all are gone.
+  void Follow(pid_t program) {
+    mAlive.insert(program);
+    for (;;) {
+      int status = 0;
+      const pid_t pid = waitpid(-1, &status, __WALL);
+      if (pid < 0 && errno != EINTR) return;
+      if (pid <= 0) continue;
+      if (WIFSTOPPED(status) && mRun->killed) {
+        kill(pid, SIGKILL);  // a child that has only just begun
+      } else if (WIFSTOPPED(status)) {
+        mAlive.insert(pid);
+        HandleStop(pid, status);
+      } else {
+        mAlive.erase(pid);
+        if (pid == program && WIFEXITED(status)) mRun->status = WEXITSTATUS(status);
+      }
+    }
+  }
+
+ private:
+  void HandleStop(pid_t pid, int status) {
+    const int event = status >> 16;
+    if (event == PTRACE_EVENT_SECCOMP) {
+      HandleCall(pid);
+      if (mRun->killed) return;
+    }
+    // New children begin with a SIGSTOP of the tracer's making, and events come as a SIGTRAP.
+    const int signal = WSTOPSIG(status);
+    const bool isOurs = event != 0 || signal == SIGTRAP || signal == SIGSTOP;
+    ptrace(PTRACE_CONT, pid, nullptr, reinterpret_cast<void*>(isOurs ? 0L : long{signal}));
+  }
+
+  void HandleCall(pid_t pid) {
+    __ptrace_syscall_info info = {};
+    if (ptrace(PTRACE_GET_SYSCALL_INFO, pid, reinterpret_cast<void*>(sizeof info), &info) <= 0) return;
+    for (const Call& call : kCalls) {
+      if (call.number != static_cast<long>(info.seccomp.nr)) continue;
+      const std::string path = PathOf(pid, call, reinterpret_cast<const uint64_t*>(info.seccomp.args));
+      if (path.compare(0, mRoot.size(), mRoot) != 0) return;
+      mRun->changes.push_back(std::string(call.name) + " " + path.substr(mRoot.size()));
+      if (mRun->changes.size() == mPlan.killAt) return KillAll();
+      // Only packets and stream parameters are written with more than one buffer.
+      const bool isPacket = std::strcmp(call.name, "writev") == 0;
+      if (isPacket && ++mPackets == mPlan.failAt) FailCall(pid);
+      return;
+    }
+  }
+
+  void KillAll() {
+    mRun->killed = true;
+    for (const pid_t pid : mAlive) kill(pid, SIGKILL);
+  }
+
+  const CrashPlan& mPlan;
+  const std::string mRoot;
+  CrashRun* const mRun;
+  std::set<pid_t> mAlive;
+  size_t mPackets = 0;
+};
+
+std::string ReadAll(FILE* file) {
+  std::string text;
+  char buffer[4096];
+  std::rewind(file);
+  for (size_t got = 0; (got = std::fread(buffer, 1, sizeof buffer, file)) > 0;) text.append(buffer, got);
+  std::fclose(file);
+  return text;
+}
+
+[[noreturn]] void BecomeProgram(const std::vector<std::string>& arguments, int out, int error) {
+  std::vector<char*> list;
+  for (const std::string& argument : arguments) list.push_back(const_cast<char*>(argument.c_str()));
+  list.push_back(nullptr);
+  dup2(out, STDOUT_FILENO);
+  dup2(error, STDERR_FILENO);
+  if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 && raise(SIGSTOP) == 0 && InstallFilter()) {
+    execv(list[0], list.data());
+  }
+  _exit(126);
+}
+
+}  // namespace
+
+CrashRun RunAndCrash(const std::vector<std::string>& arguments, const CrashPlan& plan) {
+  CrashRun run;
+  FILE* out = std::tmpfile();
+  FILE* error = std::tmpfile();
+  const pid_t pid = out != nullptr && error != nullptr ? fork() : -1;
+  if (pid == 0) BecomeProgram(arguments, fileno(out), fileno(error));
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFSTOPPED(status)) return run;
+  const long options = PTRACE_O_TRACESECCOMP | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE |
+                       PTRACE_O_TRACEEXEC | PTRACE_O_EXITKILL;
+  ptrace(PTRACE_SETOPTIONS, pid, nullptr, reinterpret_cast<void*>(options));
+  ptrace(PTRACE_CONT, pid, nullptr, nullptr);
+  Tracer(plan, &run).Follow(pid);
+  run.out = ReadAll(out);
+  run.error = ReadAll(error);
+  return run;
+}
+
+std::string WhyNotTraceable() {
+  const std::string directory = std::filesystem::temp_directory_path().string();
+  const CrashRun run = RunAndCrash({"/bin/sh", "-c", ": > " + directory + "/.crash-runner"}, {directory, 0, 0});
+  unlink((directory + "/.crash-runner").c_str());
+  if (run.status == 0 && run.changes.size() == 1) return "";
+  return "programs can't be traced here (ptrace with seccomp)";
+}
