@@ -1,5 +1,4 @@
 // Record files: what is written comes back, and whatever becomes of the bytes, only what is sound comes back.
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -13,6 +12,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <tuple>
 
 #include "ImfFile.h"
 #include "platform/host/ImfFormat.h"
@@ -140,6 +140,17 @@ class ImfTest : public testing::Test {
     return Bytes(std::istreambuf_iterator<char>(file), {});
   }
 
+  // Inverts bits; doing it twice undoes it.
+  void Spoil(uint64_t offset, uint64_t length) const {
+    Bytes bytes = Load();
+    for (uint64_t i = offset; i < offset + length; ++i) bytes[i] ^= 0x40;
+    Save(bytes);
+  }
+  void Start(ImfWriter* writer) const {
+    ASSERT_TRUE(writer->Open(mPath, kStart));
+    ASSERT_EQ(writer->AddStream(Stream(0)), ImfWriteResult::kWritten);
+  }
+
   // Records until `count` packets are written or the file is full. mEdges: where each packet begins, and the
   // last one ends.
   std::vector<ImfPacket> Record(uint32_t start, int count, bool close = true) {
@@ -166,25 +177,13 @@ class ImfTest : public testing::Test {
     return ReadOn(&reader);
   }
 
-  struct Answer {
-    imf_error_code_e error;
-    int end;
-    unsigned mask;
-    bool operator==(const Answer& other) const {
-      return error == other.error && end == other.end && mask == other.mask;
-    }
-    friend std::ostream& operator<<(std::ostream& out, const Answer& answer) {
-      return out << "error " << answer.error << ", end " << answer.end << ", mask " << answer.mask;
-    }
-  };
-  static Answer Open(const std::string& path, imf_file_open_mode_e mode,
-                     ImfSegmentCloseInterface* close = nullptr) {
-    Answer answer = {};
-    const ImfFile file(answer.error, path, mode, "", "", 0, close);
-    answer.end = file.GetEndTime();
-    answer.mask = file.GetStreamCountSummary().GetVideoChannelMask(0);
-    return answer;
+  using Answer = std::tuple<imf_error_code_e, int, unsigned>;  // error, end time, channel mask
+  Answer Open(imf_file_open_mode_e mode, ImfSegmentCloseInterface* close = nullptr) const {
+    imf_error_code_e error = IMF_ERROR_NONE;
+    const ImfFile file(error, mPath, mode, "", "", 0, close);
+    return {error, file.GetEndTime(), file.GetStreamCountSummary().GetVideoChannelMask(0)};
   }
+  imf_error_code_e Outcome(imf_file_open_mode_e mode) const { return std::get<0>(Open(mode)); }
   // What a repair answers for the first `count` packets that Record wrote: 25 a second, rounded up.
   static Answer Usable(size_t count) {
     if (count == 0) return {IMF_ERROR_UNREPAIRABLE, 0, 0};
@@ -204,14 +203,11 @@ TEST_F(ImfTest, WhatIsWrittenComesBack) {
   EXPECT_EQ(content.damages, 0);
   EXPECT_EQ(content.last, Item::kEnd);
   ASSERT_EQ(content.streams.size(), 2u);
-  const ImfStreamInfo expected = Stream(3);
-  const ImfStreamInfo& stream = content.streams[1];
-  EXPECT_EQ(stream.channel, 3);
-  EXPECT_EQ(stream.codecName, expected.codecName);
-  EXPECT_EQ(stream.height, expected.height);
-  EXPECT_EQ(stream.timeBaseDenominator, expected.timeBaseDenominator);
-  EXPECT_EQ(stream.frameRateDenominator, expected.frameRateDenominator);
-  EXPECT_EQ(stream.extraData, expected.extraData);
+  const auto parameters = [](const ImfStreamInfo& stream) {
+    return std::tuple(stream.channel, stream.codecName, stream.width, stream.height, stream.timeBaseDenominator,
+                      stream.frameRateDenominator, stream.extraData);
+  };
+  EXPECT_EQ(parameters(content.streams[1]), parameters(Stream(3)));
 
   ImfReader headers;
   headers.SetHeadersOnly(true);
@@ -224,11 +220,8 @@ TEST_F(ImfTest, WhatIsWrittenComesBack) {
 }
 
 TEST_F(ImfTest, EndIsRoundedUpAndSaneWhateverThePacketsSay) {
-  const struct {
-    int64_t time;
-    int64_t duration;
-    uint32_t end;
-  } cases[] = {
+  const std::tuple<int64_t, int64_t, int> cases[] = {
+      // time, duration, end
       {kStartTime, 0, kStart + 1},
       {kStartTime + 59960000, 3600, kStart + 60},
       {kStartTime + 59960001, 3600, kStart + 61},
@@ -238,32 +231,28 @@ TEST_F(ImfTest, EndIsRoundedUpAndSaneWhateverThePacketsSay) {
       {INT64_MAX, 3600, 2147483647},
       {kStartTime + 2500000, INT64_MAX, kStart + 3},  // a source without a clock
   };
-  for (const auto& c : cases) {
+  ImfPacket packet;
+  for (const auto& [time, duration, end] : cases) {
     ImfWriter writer;
-    ASSERT_TRUE(writer.Open(mPath, kStart));
-    ASSERT_EQ(writer.AddStream(Stream(0)), ImfWriteResult::kWritten);
-    ImfPacket packet;
-    packet.time = c.time;
-    packet.duration = c.duration;
+    Start(&writer);
+    packet.time = time;
+    packet.duration = duration;
     ASSERT_EQ(writer.Write(packet), ImfWriteResult::kWritten);
-    EXPECT_EQ(writer.EndTime(), c.end) << c.time;
     ASSERT_TRUE(writer.Close());
-    const auto end = static_cast<int>(c.end);
-    EXPECT_EQ(Open(mPath, IMF_OPEN_READ), (Answer{IMF_ERROR_NONE, end, 1}));
-    EXPECT_EQ(Open(mPath, IMF_OPEN_REPAIR), (Answer{IMF_ERROR_REPAIRED, end, 1}));
+    EXPECT_EQ(static_cast<int>(writer.EndTime()), end) << time;
+    EXPECT_EQ(Open(IMF_OPEN_READ), Answer(IMF_ERROR_NONE, end, 1));
+    EXPECT_EQ(Open(IMF_OPEN_REPAIR), Answer(IMF_ERROR_REPAIRED, end, 1));
   }
 }
 
 TEST_F(ImfTest, FullFileKeepsItsSizeAndCanBeClosed) {
   ImfWriter writer;
-  ASSERT_TRUE(writer.Open(mPath, kStart));
-  ASSERT_EQ(writer.AddStream(Stream(0)), ImfWriteResult::kWritten);
+  Start(&writer);
   ImfPacket packet;
   packet.data.assign(kFileSize, 1);
   EXPECT_EQ(writer.Write(packet), ImfWriteResult::kFull);
   packet.data.resize(static_cast<size_t>(writer.Capacity() - writer.Used()) - imf::kChunkHeader);
   EXPECT_EQ(writer.Write(packet), ImfWriteResult::kWritten);  // to the last byte
-  EXPECT_EQ(writer.Used(), writer.Capacity());
   EXPECT_EQ(writer.Write(ImfPacket()), ImfWriteResult::kFull);
   EXPECT_TRUE(writer.Close());
   EXPECT_EQ(Load().size(), kFileSize);
@@ -296,9 +285,9 @@ TEST_F(ImfTest, RecycledFileCutAnywhereGivesBackTheSoundPrefix) {
       sound.push_back(packets[i]);
     }
     Save(mixed);
-    const int end = Open(mPath, IMF_OPEN_READ).end;
-    ASSERT_TRUE(end == 0 || end == Usable(packets.size()).end) << end << " is of the older recording";
-    ASSERT_EQ(Open(mPath, IMF_OPEN_REPAIR), Usable(sound.size()));
+    const int end = std::get<1>(Open(IMF_OPEN_READ));
+    ASSERT_TRUE(end == 0 || end == std::get<1>(Usable(packets.size()))) << end << " is of the older recording";
+    ASSERT_EQ(Open(IMF_OPEN_REPAIR), Usable(sound.size()));
     if (sound.empty()) continue;
     const Content content = ReadAll();
     ASSERT_TRUE(content.packets == sound);
@@ -307,47 +296,36 @@ TEST_F(ImfTest, RecycledFileCutAnywhereGivesBackTheSoundPrefix) {
 }
 
 TEST_F(ImfTest, TornCheckpointLeavesTheOtherOne) {
+  const auto known = [](int second) { return Answer(IMF_ERROR_NONE, kStart + second, 1); };
   ImfWriter writer;
   writer.SetCheckpointInterval(0);
-  ASSERT_TRUE(writer.Open(mPath, kStart));
-  EXPECT_EQ(Open(mPath, IMF_OPEN_READ), (Answer{IMF_ERROR_NONE, 0, 0}));
-  ASSERT_EQ(writer.AddStream(Stream(0)), ImfWriteResult::kWritten);  // checkpoint 1
+  Start(&writer);  // checkpoint 1
   ImfPacket packet;
-  for (uint32_t second = 2; second <= 3; ++second) {  // checkpoints 2 and 3
+  for (int second = 2; second <= 3; ++second) {  // checkpoints 2 and 3
     packet.time = kStartTime + second * 1000000;
     ASSERT_EQ(writer.Write(packet), ImfWriteResult::kWritten);
-    EXPECT_EQ(Open(mPath, IMF_OPEN_READ), (Answer{IMF_ERROR_NONE, static_cast<int>(kStart + second), 1}));
+    EXPECT_EQ(Open(IMF_OPEN_READ), known(second));
   }
-  Bytes bytes = Load();
-  bytes[imf::CheckpointOffset(3) + 30] ^= 1;
-  Save(bytes);
-  EXPECT_EQ(Open(mPath, IMF_OPEN_READ), (Answer{IMF_ERROR_NONE, static_cast<int>(kStart + 2), 1}));
-  bytes[imf::CheckpointOffset(2) + 30] ^= 1;
-  Save(bytes);
-  EXPECT_EQ(Open(mPath, IMF_OPEN_READ), (Answer{IMF_ERROR_NONE, 0, 0}));
-  EXPECT_EQ(Open(mPath, IMF_OPEN_REPAIR), (Answer{IMF_ERROR_REPAIRED, static_cast<int>(kStart + 3), 1}));
-  EXPECT_EQ(Open(mPath, IMF_OPEN_READ), (Answer{IMF_ERROR_NONE, static_cast<int>(kStart + 3), 1}));
+  Spoil(imf::CheckpointOffset(3) + 30, 1);
+  EXPECT_EQ(Open(IMF_OPEN_READ), known(2));
+  Spoil(imf::CheckpointOffset(2) + 30, 1);
+  EXPECT_EQ(Open(IMF_OPEN_READ), Answer(IMF_ERROR_NONE, 0, 0));
+  EXPECT_EQ(Open(IMF_OPEN_REPAIR), Answer(IMF_ERROR_REPAIRED, kStart + 3, 1));
+  EXPECT_EQ(Open(IMF_OPEN_READ), known(3));
 }
 
 TEST_F(ImfTest, RepairCompletesEveryUsableRecordingAndSaysSo) {
   struct Listener : ImfSegmentCloseInterface {
-    int calls = 0;
-    int end = 0;
-    void OnSegmentClosed(ImfFile& file) override {
-      ++calls;
-      end = file.GetEndTime();
-    }
+    std::vector<int> ends;
+    void OnSegmentClosed(ImfFile& file) override { ends.push_back(file.GetEndTime()); }
   } listener;
   Record(kStart, 60, false);
-  EXPECT_EQ(Open(mPath, IMF_OPEN_REPAIR, &listener), Usable(60));
-  EXPECT_EQ(listener.end, Usable(60).end);
+  EXPECT_EQ(Open(IMF_OPEN_REPAIR, &listener), Usable(60));
   const Bytes repaired = Load();
-  EXPECT_EQ(Open(mPath, IMF_OPEN_REPAIR, &listener), Usable(60));
-  EXPECT_EQ(listener.calls, 2);
+  EXPECT_EQ(Open(IMF_OPEN_REPAIR, &listener), Usable(60));
   EXPECT_EQ(Load(), repaired) << "nothing was left to write";
-  EXPECT_EQ(Open(mPath, IMF_OPEN_READ, &listener).error, IMF_ERROR_NONE);
-  EXPECT_EQ(Open(mPath, static_cast<imf_file_open_mode_e>(1), &listener).error, IMF_ERROR_MODE);
-  EXPECT_EQ(listener.calls, 2);
+  Open(IMF_OPEN_READ, &listener);
+  EXPECT_EQ(listener.ends, std::vector<int>(2, kStart + 3));
 }
 
 TEST_F(ImfTest, HostileFiles) {
@@ -364,55 +342,51 @@ TEST_F(ImfTest, HostileFiles) {
   hugeLength.resize(imf::kDataOffset + imf::kChunkHeader);
   imf::EncodeChunk(chunk, &hugeLength[imf::kDataOffset]);
 
-  const char* const own = "5f5e1000_00000000.imf";
-  constexpr imf_error_code_e kNone = IMF_ERROR_NONE, kNoRecord = IMF_ERROR_NOT_A_RECORD;
-  const struct {
-    const char* name;
-    Bytes bytes;
-    imf_error_code_e read;
-    imf_error_code_e repair;
-  } cases[] = {
+  const std::string own = "5f5e1000_00000000.imf";
+  constexpr auto kNoRecord = IMF_ERROR_NOT_A_RECORD;
+  const std::tuple<std::string, Bytes, imf_error_code_e, imf_error_code_e> cases[] = {
+      // name, content, answers of reading and of repair
       {own, {}, kNoRecord, IMF_ERROR_UNREPAIRABLE},
       {own, Bytes(1, 'I'), kNoRecord, IMF_ERROR_UNREPAIRABLE},
       {own, Bytes(kFileSize, 0), kNoRecord, IMF_ERROR_UNREPAIRABLE},
       {own, Bytes(kFileSize, 0xff), kNoRecord, IMF_ERROR_UNREPAIRABLE},
-      {own, Bytes(good.begin(), good.begin() + imf::kBlock), kNone, IMF_ERROR_UNREPAIRABLE},
+      {own, Bytes(good.begin(), good.begin() + imf::kBlock), IMF_ERROR_NONE, IMF_ERROR_UNREPAIRABLE},
       {own, otherVersion, kNoRecord, IMF_ERROR_UNREPAIRABLE},
-      {own, noPacket, kNone, IMF_ERROR_UNREPAIRABLE},
-      {own, hugeLength, kNone, IMF_ERROR_UNREPAIRABLE},
+      {own, noPacket, IMF_ERROR_NONE, IMF_ERROR_UNREPAIRABLE},
+      {own, hugeLength, IMF_ERROR_NONE, IMF_ERROR_UNREPAIRABLE},
       {"5f5e1001_00000000.imf", good, kNoRecord, IMF_ERROR_UNREPAIRABLE},
-      {"00000007.imf", good, kNone, IMF_ERROR_UNREPAIRABLE},  // a name of the pool
-      {own, good, kNone, IMF_ERROR_REPAIRED},
+      {"00000007.imf", good, IMF_ERROR_NONE, IMF_ERROR_UNREPAIRABLE},  // a name of the pool
+      {own, good, IMF_ERROR_NONE, IMF_ERROR_REPAIRED},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << "case " << (&c - cases));
-    mPath = mDirectory + "/" + c.name;
-    Save(c.bytes);
-    EXPECT_EQ(Open(mPath, IMF_OPEN_READ).error, c.read);
-    EXPECT_EQ(Open(mPath, IMF_OPEN_REPAIR).error, c.repair);
-    EXPECT_TRUE(Load() == c.bytes);
+  for (const auto& [name, content, read, repair] : cases) {
+    SCOPED_TRACE(testing::Message() << name << ", " << content.size() << " bytes");
+    mPath = mDirectory + "/" + name;
+    Save(content);
+    EXPECT_EQ(Outcome(IMF_OPEN_READ), read);
+    EXPECT_EQ(Outcome(IMF_OPEN_REPAIR), repair);
+    EXPECT_TRUE(Load() == content);
   }
 }
 
 TEST_F(ImfTest, WhatIsNoRegularFileIsLeftAlone) {
   Record(kStart, 10);
-  const std::string link = mDirectory + "/link/5f5e1000_00000000.imf";
-  const std::string pipe = mDirectory + "/pipe/5f5e1000_00000000.imf";
-  mkdir((mDirectory + "/link").c_str(), 0755);
-  mkdir((mDirectory + "/pipe").c_str(), 0755);
-  ASSERT_EQ(symlink(mPath.c_str(), link.c_str()), 0);
-  ASSERT_EQ(mkfifo(pipe.c_str(), 0644), 0);
-  for (const std::string& path : {link, pipe, mDirectory}) {
-    EXPECT_EQ(Open(path, IMF_OPEN_READ).error, IMF_ERROR_NOT_FOUND) << path;
-    EXPECT_EQ(Open(path, IMF_OPEN_REPAIR).error, IMF_ERROR_UNREPAIRABLE) << path;
-    EXPECT_FALSE(ImfWriter().Open(path, kStart)) << path;
-    EXPECT_FALSE(ImfReader().Open(path)) << path;
+  const Bytes good = Load();
+  const std::string own = mPath;
+  const std::string other = mDirectory + "/5f5e1000_0000000";
+  ASSERT_EQ(symlink(own.c_str(), (other + "1.imf").c_str()), 0);
+  ASSERT_EQ(mkfifo((other + "2.imf").c_str(), 0644), 0);
+  ASSERT_EQ(mkdir((other + "3.imf").c_str(), 0755), 0);
+  for (const std::string end : {"1.imf", "2.imf", "3.imf", "4.imf"}) {
+    const bool missing = end == "4.imf";
+    mPath = other + end;
+    EXPECT_EQ(Outcome(IMF_OPEN_READ), IMF_ERROR_NOT_FOUND) << mPath;
+    EXPECT_EQ(Outcome(IMF_OPEN_REPAIR), missing ? IMF_ERROR_NOT_FOUND : IMF_ERROR_UNREPAIRABLE) << mPath;
+    EXPECT_FALSE(ImfWriter().Open(mPath, kStart)) << mPath;
+    EXPECT_FALSE(ImfReader().Open(mPath)) << mPath;
   }
-  const std::string missing = mDirectory + "/5f5e1001_00000000.imf";
-  EXPECT_EQ(Open(missing, IMF_OPEN_REPAIR).error, IMF_ERROR_NOT_FOUND);
-  EXPECT_FALSE(ImfWriter().Open(missing, kStart));
-  EXPECT_FALSE(std::filesystem::exists(missing));
-  EXPECT_EQ(ReadAll().packets.size(), 10u);
+  EXPECT_FALSE(std::filesystem::exists(mPath)) << "nothing is ever created";
+  mPath = own;
+  EXPECT_TRUE(Load() == good);
 }
 
 // Sound chunks behind damage are kept: of a closed file, and after a crash without any checkpoint.
@@ -420,29 +394,22 @@ TEST_F(ImfTest, DamageInTheMiddleCostsWhatItHits) {
   for (bool closed : {true, false}) {
     const std::vector<ImfPacket> packets = Record(kStart, 60, closed);
     const Bytes good = Load();
-    const struct {
-      uint64_t from;
-      uint64_t to;
-      size_t firstLost;
-      size_t lost;
-    } cases[] = {
-        {mEdges[20], mEdges[20] + 1, 20, 1},                                          // a header
-        {mEdges[20] + imf::kChunkHeader, mEdges[20] + imf::kChunkHeader + 1, 20, 1},  // a payload
-        {mEdges[20] + 40, mEdges[30] + 8, 20, 11},                                    // a long stretch
-        {mEdges[0], mEdges[0] + 9, 0, 1},                                             // the first packet
+    const uint64_t at = mEdges[20];
+    const std::tuple<uint64_t, uint64_t, int, int> cases[] = {
+        // offset, bytes, first packet lost, packets lost
+        {at, 1, 20, 1},                               // a header
+        {at + imf::kChunkHeader, 1, 20, 1},           // a payload
+        {at + 40, mEdges[30] + 8 - at - 40, 20, 11},  // a long stretch
+        {mEdges[0], 9, 0, 1},                         // the first packet
     };
-    for (const auto& c : cases) {
-      SCOPED_TRACE(testing::Message() << "closed " << closed << ", case " << (&c - cases));
-      Bytes bytes = good;
-      for (uint64_t i = c.from; i < c.to; ++i) bytes[i] ^= 0x40;
-      Save(bytes);
+    for (const auto& [offset, length, first, lost] : cases) {
+      SCOPED_TRACE(testing::Message() << "closed " << closed << ", offset " << offset << ", " << length);
+      Save(good);
+      Spoil(offset, length);
       std::vector<ImfPacket> left = packets;
-      left.erase(left.begin() + static_cast<long>(c.firstLost),
-                 left.begin() + static_cast<long>(c.firstLost + c.lost));
-      if (closed) {
-        EXPECT_TRUE(ReadAll().packets == left);
-      }
-      EXPECT_EQ(Open(mPath, IMF_OPEN_REPAIR), Usable(60));
+      left.erase(left.begin() + first, left.begin() + first + lost);
+      EXPECT_TRUE(!closed || ReadAll().packets == left);
+      EXPECT_EQ(Open(IMF_OPEN_REPAIR), Usable(60));
       const Content content = ReadAll();
       EXPECT_TRUE(content.packets == left);
       EXPECT_GE(content.damages, 1);
@@ -466,49 +433,34 @@ TEST_F(ImfTest, ChunkOfAnotherPlaceIsNotTaken) {
 TEST_F(ImfTest, ReaderFollowsAGrowingFileAndNoticesItsEnd) {
   ImfWriter writer;
   writer.SetCheckpointInterval(3600);
-  ASSERT_TRUE(writer.Open(mPath, kStart));
-  ASSERT_EQ(writer.AddStream(Stream(0)), ImfWriteResult::kWritten);
+  Start(&writer);
   ImfReader reader;
   ASSERT_TRUE(reader.Open(mPath));
   EXPECT_TRUE(ReadOn(&reader).packets.empty());
   ImfPacket packet;
   packet.data.assign(1000, 7);
+  const uint64_t size = imf::ChunkSize(1000);
   for (int i = 0; i < 3; ++i) {
-    const auto begin = static_cast<std::ptrdiff_t>(writer.Used());
     ASSERT_EQ(writer.Write(packet), ImfWriteResult::kWritten);
-    const Bytes whole = Load();
-    Bytes half = whole;  // the writer is in the midst of it
-    std::fill(half.begin() + begin + 300, half.end(), uint8_t{0});
-    Save(half);
+    Spoil(writer.Used() - size + 300, size - 300);  // the writer is in the midst of it
     const Content during = ReadOn(&reader);
-    EXPECT_TRUE(during.packets.empty());
-    EXPECT_EQ(during.damages, 0);
-    EXPECT_EQ(during.last, Item::kEnd);
-    Save(whole);
+    EXPECT_TRUE(during.packets.empty() && during.damages == 0 && during.last == Item::kEnd);
+    Spoil(writer.Used() - size + 300, size - 300);  // and has done it
     EXPECT_EQ(ReadOn(&reader).packets.size(), 1u);
   }
   EXPECT_TRUE(reader.IsSameRecording());
-  reader.Rewind();
-  EXPECT_EQ(reader.Next(), Item::kStream);
+
   // What was on disk and is gone is damage, not the end; the writer goes on behind it.
-  const auto spoilLastHeader = [&] {
-    Bytes bytes = Load();
-    bytes[static_cast<size_t>(writer.Used()) - imf::ChunkSize(1000) + 20] ^= 1;
-    Save(bytes);
-  };
-  spoilLastHeader();
+  Spoil(writer.Used() - size, 20);
   writer.SetCheckpointInterval(0);
   ASSERT_EQ(writer.Write(packet), ImfWriteResult::kWritten);
-  const Content damaged = ReadOn(&reader);
-  EXPECT_EQ(damaged.packets.size(), 3u);
-  EXPECT_EQ(damaged.damages, 1);
-  spoilLastHeader();
-  reader.Rewind();
-  const Content spoilt = ReadOn(&reader);
-  EXPECT_EQ(spoilt.packets.size(), 2u);
-  EXPECT_EQ(spoilt.damages, 1);
-  ASSERT_EQ(writer.Write(packet), ImfWriteResult::kWritten);
-  EXPECT_EQ(ReadOn(&reader).packets.size(), 1u);
+  for (const auto& [packets, damages] : {std::pair(3u, 1), std::pair(2u, 1)}) {
+    reader.Rewind();
+    const Content content = ReadOn(&reader);
+    EXPECT_EQ(content.packets.size(), packets);
+    EXPECT_EQ(content.damages, damages);
+    Spoil(writer.Used() - size, 20);
+  }
   ASSERT_TRUE(writer.Close());
   EXPECT_EQ(ReadOn(&reader).last, Item::kEnd);
   EXPECT_EQ(reader.EndTime(), kStart + 1) << "as of the final checkpoint";
@@ -525,12 +477,7 @@ TEST_F(ImfTest, OnlyADeviceThatCannotReadGivesAFileUp) {
   Record(kStart, 60, false);
   const Bytes good = Load();
   constexpr uint64_t kAll = UINT64_MAX;
-  const struct {
-    int error;
-    uint64_t from;
-    uint64_t to;
-    imf_error_code_e expected;
-  } cases[] = {
+  const std::tuple<int, uint64_t, uint64_t, imf_error_code_e> cases[] = {
       {EIO, 0, kAll, IMF_ERROR_IO},
       {EIO, 0, 1, IMF_ERROR_IO},                                    // the header alone
       {EIO, imf::kDataOffset, kAll, IMF_ERROR_IO},                  // all packets
@@ -539,48 +486,45 @@ TEST_F(ImfTest, OnlyADeviceThatCannotReadGivesAFileUp) {
       {ENOMEM, 0, kAll, IMF_ERROR_ACCESS},
       {ENOMEM, 5 * imf::kBlock, 7 * imf::kBlock, IMF_ERROR_ACCESS},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << "case " << (&c - cases));
+  for (const auto& [error, from, to, expected] : cases) {
+    SCOPED_TRACE(testing::Message() << "error " << error << " from " << from << " to " << to);
     Save(good);
-    device::badFrom = c.from;
-    device::badTo = c.to;
-    device::readError = c.error;
-    const Answer answer = Open(mPath, IMF_OPEN_REPAIR);
+    device::badFrom = from;
+    device::badTo = to;
+    device::readError = error;
+    const Answer answer = Open(IMF_OPEN_REPAIR);
     device::readError = 0;
-    EXPECT_EQ(answer.error, c.expected);
-    if (c.expected == IMF_ERROR_REPAIRED) {
-      EXPECT_EQ(answer, Usable(60));
-    } else {
-      EXPECT_TRUE(Load() == good);
-    }
+    EXPECT_EQ(answer, expected == IMF_ERROR_REPAIRED ? Usable(60) : Answer(expected, 0, 0));
+    EXPECT_EQ(Load() != good, expected == IMF_ERROR_REPAIRED);
   }
   Save(good);
   device::writeError = EIO;  // the name can still be completed, and it is what counts
-  EXPECT_EQ(Open(mPath, IMF_OPEN_REPAIR), Usable(60));
+  EXPECT_EQ(Open(IMF_OPEN_REPAIR), Usable(60));
+  device::writeError = 0;
+  chmod(mPath.c_str(), 0444);
+  ASSERT_EQ(geteuid() == 0 ? seteuid(65534) : 0, 0);
+  EXPECT_EQ(Outcome(IMF_OPEN_REPAIR), IMF_ERROR_ACCESS);
+  EXPECT_EQ(seteuid(getuid()), 0);
+}
+
+TEST_F(ImfTest, WriterReportsWhatTheDeviceRefuses) {
   ImfWriter writer;
+  device::writeError = EIO;
   EXPECT_FALSE(writer.Open(mPath, kStart));
   EXPECT_EQ(errno, EIO);
   device::writeError = 0;
-  ASSERT_TRUE(writer.Open(mPath, kStart));
+  Start(&writer);
   device::writeError = ENOSPC;
-  EXPECT_EQ(writer.AddStream(Stream(0)), ImfWriteResult::kFailed);
+  EXPECT_EQ(writer.Write(ImfPacket()), ImfWriteResult::kFailed);
   EXPECT_EQ(errno, ENOSPC);
   EXPECT_FALSE(writer.Close());
-  device::writeError = 0;
-
-  chmod(mPath.c_str(), 0444);
-  if (geteuid() == 0) {
-    ASSERT_EQ(seteuid(65534), 0);
-  }
-  EXPECT_EQ(Open(mPath, IMF_OPEN_REPAIR).error, IMF_ERROR_ACCESS);
-  EXPECT_EQ(seteuid(getuid()), 0);
 }
 
 TEST_F(ImfTest, EndTimeTakesTheSameFewReadsHoweverLongTheRecording) {
   for (int count : {1, 60}) {
     Record(kStart, count);
     device::reads = 0;
-    EXPECT_EQ(Open(mPath, IMF_OPEN_READ).end, Usable(static_cast<size_t>(count)).end);
+    EXPECT_EQ(Outcome(IMF_OPEN_READ), IMF_ERROR_NONE);
     EXPECT_EQ(device::reads, 3);
   }
 }
