@@ -4,13 +4,16 @@
 #include <CLI/CLI.hpp>
 #include <cinttypes>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "Command.h"
 #include "Disks.h"
 #include "Files.h"
+#include "Recordings.h"
 #include "RootLock.h"
+#include "Timeline.h"
 #include "Units.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
@@ -32,6 +35,42 @@ struct DiskStatus {
   bool writing = false;
 };
 
+// What all disks together have left.
+struct Capacity {
+  int remaining = 0;                // MiB in free files
+  std::optional<double> hoursLeft;  // until they are used up; unknown when nothing was recorded
+};
+
+constexpr int64_t kRateWindow = 6 * 3600;  // seconds
+
+// The present rate is that at which the latest hours of recording used up files: a file counts in full, however
+// much of it is in use.
+Capacity MeasureCapacity(const Disks& disks) {
+  Capacity capacity;
+  int total = 0;
+  capacity.remaining = disks.Manager()->GetRemainSize(total);
+
+  const Recordings recordings(disks);
+  const std::optional<Recording> latest = recordings.LastBefore(kLatestTime * kMicros, kAnyChannel);
+  if (!latest) return capacity;
+  std::map<std::string, int> fileSizes;  // bytes, by disk
+  for (const Disk& disk : disks.All()) {
+    if (const FmgrRepositoryGroup* group = disks.Group(disk)) fileSizes[disk.name] = group->GetFileSize();
+  }
+  double bytes = 0;
+  std::vector<Span> spans;
+  const Range window = {(latest->end - kRateWindow) * kMicros, latest->end * kMicros};
+  for (const Recording& recording : recordings.Find(window, kAnyChannel)) {
+    if (recording.state != Recording::State::kComplete) continue;
+    bytes += fileSizes[recording.disk];
+    spans.push_back({recording.start, recording.end, false});
+  }
+  double seconds = 0;
+  for (const Span& span : Merge(spans, 0, kLatestTime)) seconds += static_cast<double>(span.end - span.begin);
+  if (bytes > 0) capacity.hoursLeft = capacity.remaining * static_cast<double>(kMiB) / (bytes / seconds) / 3600;
+  return capacity;
+}
+
 DiskStatus Examine(const Disk& disk, FmgrRepositoryGroup& group) {
   DiskStatus status;
   status.name = disk.name;
@@ -50,7 +89,7 @@ DiskStatus Examine(const Disk& disk, FmgrRepositoryGroup& group) {
   return status;
 }
 
-void PrintJson(const DiskStatus& status) {
+void PrintJson(const DiskStatus& status, const Capacity& capacity) {
   nlohmann::ordered_json line;
   line["disk"] = status.name;
   line["path"] = status.path;
@@ -64,6 +103,9 @@ void PrintJson(const DiskStatus& status) {
   line["first"] = status.first != 0 ? nlohmann::ordered_json(FormatTime(status.first)) : nullptr;
   line["last"] = status.last != 0 ? nlohmann::ordered_json(FormatTime(status.last)) : nullptr;
   line["writing"] = status.writing;
+  line["allDisks"]["remainingMiB"] = capacity.remaining;
+  line["allDisks"]["hoursLeft"] = nullptr;
+  if (capacity.hoursLeft) line["allDisks"]["hoursLeft"] = *capacity.hoursLeft;
   std::printf("%s\n", line.dump().c_str());
 }
 
@@ -83,25 +125,30 @@ void PrintText(const DiskStatus& status) {
   }
 }
 
+void PrintText(const Capacity& capacity) {
+  std::printf("remaining %d MiB", capacity.remaining);
+  if (capacity.hoursLeft) std::printf(", %.1f hours at the present rate", *capacity.hoursLeft);
+  std::printf("\n");
+}
+
 int Status(std::string root, bool json) {
   Disks disks;
-  Refusal refusal = ResolveRoot(&root, true);
-  if (!refusal) refusal = disks.Choose(root, {});
-  if (!refusal) refusal = disks.OpenForLooking();
-  if (refusal) {
+  if (Refusal refusal = OpenToLook(&root, &disks)) {
     Complain("%s", refusal->c_str());
     return kRefused;
   }
   const std::optional<std::string> holder = HolderOfRoot(root);
   const bool recording = holder && holder->rfind("recorder record ", 0) == 0;
   if (holder && !json) std::printf("in use by %s\n", holder->c_str());
+  const Capacity capacity = MeasureCapacity(disks);
   for (const Disk& disk : disks.All()) {
     FmgrRepositoryGroup* group = disks.Group(disk);
     if (group == nullptr) continue;
     DiskStatus status = Examine(disk, *group);
     status.writing = recording && group == disks.Manager()->CurrentRepositoryGroup();
-    json ? PrintJson(status) : PrintText(status);
+    json ? PrintJson(status, capacity) : PrintText(status);
   }
+  if (!json) PrintText(capacity);
   return kDone;
 }
 
