@@ -88,6 +88,7 @@ Clip::Result Clip::Write(const std::string& path, const Progress& progress) {
 bool Clip::TakePacket(const ChannelReader& reader, const Begin& begin) {
   const ImfPacket& packet = reader.Packet();
   if (!mRunning) {
+    mSkipped = mSkipped || (!packet.keyFrame && packet.time >= mRange.since);
     if (!packet.keyFrame || IsBefore(reader.Where(), begin.place)) return true;
     // Without a place to begin at, only what lies in the range.
     if (mFrom == 0 && begin.place.ordinal == 0 && packet.time < mRange.since) return true;
@@ -113,7 +114,8 @@ bool Clip::BeginSection(const ChannelReader& reader) {
     }
     mFrom = key.time;
     if (key.time > mRange.since) {
-      mMissing.push_back({mRange.since, key.time, mBreak.empty() ? "no key frame is recorded" : mBreak});
+      const std::string why = mSkipped ? "no key frame is recorded before" : "nothing is recorded";
+      mMissing.push_back({mRange.since, key.time, mBreak.empty() ? why : mBreak});
     }
   } else {
     mMissing.back().to = key.time;

@@ -71,6 +71,7 @@ class Clip {
   int64_t mSectionTime = 0;    // of its key frame
   std::vector<Picture> mHeld;  // read, but perhaps not needed
   std::string mBreak;          // why nothing is written at the moment
+  bool mSkipped = false;       // pictures of the range lie before the first key frame
   int64_t mFrom = 0;
   int64_t mTo = 0;
   std::vector<Missing> mMissing;
