@@ -83,9 +83,9 @@ class RecorderTest : public testing::Test {
       Video video{sDirectory + "/" + names[i], {}};
       const std::string out = sDirectory + "/out";
       ASSERT_EQ(
-          Process({"ffmpeg", "-v",  "error", "-f",      "lavfi",   "-i",       "testsrc2=size=320x240:rate=25",
-                   "-t",     "40",  "-c:v",  "libx264", "-preset", "veryfast", "-g",
-                   "25",     "-bf", "2",     "-b:v",    "1000k",   video.path},
+          Process({"ffmpeg",  "-v",  "error", "-f",      "lavfi",   "-i",       "testsrc2=size=320x240:rate=25",
+                   "-t",      "40",  "-c:v",  "libx264", "-preset", "veryfast", "-g",
+                   groups[i], "-bf", "2",     "-b:v",    "1000k",   video.path},
                   out, sDirectory + "/err")
               .Wait(),
           0);
