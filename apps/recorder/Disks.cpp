@@ -17,7 +17,9 @@ namespace {
 bool HoldsFiles(const std::string& path) {
   for (const std::string& name : ListDirectory(path)) {
     if (name != "imf_free" && name != "imf_error" && name.rfind("data_", 0) != 0) continue;
-    for (const std::string& file : ListDirectory(path + "/" + name)) {
+    std::string directory = path + "/";
+    directory += name;
+    for (const std::string& file : ListDirectory(directory)) {
       if (HasSuffix(file, ".imf")) return true;
     }
   }

@@ -7,7 +7,7 @@
 
 namespace recorder {
 
-constexpr uint64_t kMiB = 1024 * 1024;
+constexpr uint64_t kMiB = uint64_t{1024} * 1024;
 constexpr int64_t kMicros = 1000000;  // microseconds in a second
 
 // "64M", "1G", "1.5G", "512 KiB", "1048576": bytes, units are powers of 1024. Nothing for any other text, for a
