@@ -9,14 +9,12 @@
 enum imf_error_code_e {
   IMF_ERROR_NONE = 0,          // opened for reading
   IMF_ERROR_REPAIRED = 1,      // repair: a usable recording, its end and channels are known
-  IMF_ERROR_NOT_FOUND = 2,     // no such file; reading: or not a regular file
+  IMF_ERROR_NOT_FOUND = 2,     // no such file, or not a regular file
   IMF_ERROR_NOT_A_RECORD = 3,  // reading: no valid header, or the header of another recording than the name's
   IMF_ERROR_MODE = 4,          // an open mode that this reader does not have
   IMF_ERROR_IO = 7,            // the device itself could not read, and nothing usable is left
-  IMF_ERROR_UNREPAIRABLE =
-      8,  // repair: nothing usable is there, the name is another recording's, not a regular file
-  IMF_ERROR_ACCESS =
-      9,  // a missing right, a read-only or vanished disk, no memory: nothing is known of the file
+  IMF_ERROR_UNREPAIRABLE = 8,  // repair: nothing usable is there, or the name is another recording's
+  IMF_ERROR_ACCESS = 9,        // a missing right, a read-only or vanished disk: nothing is known of the file
 };
 
 enum imf_file_open_mode_e {

@@ -48,9 +48,9 @@ uint32_t StartTimeOfName(const std::string& path) {
   return name.startTime;
 }
 
-imf_error_code_e OpenError(int error, imf_error_code_e notRegular) {
-  if (error == EISDIR) return notRegular;
-  if (error == ENOENT || error == ENOTDIR) return IMF_ERROR_NOT_FOUND;
+// What only looks like a record file, a directory or a symbolic link, is nobody's to repair or to recycle.
+imf_error_code_e OpenError(int error) {
+  if (error == ENOENT || error == ENOTDIR || error == EISDIR) return IMF_ERROR_NOT_FOUND;
   return imf::IsDeviceError(error) ? IMF_ERROR_IO : IMF_ERROR_ACCESS;
 }
 
@@ -66,7 +66,7 @@ imf_error_code_e HeaderError(int error, imf_error_code_e notSound) {
 // end time is not this recording's.
 imf_error_code_e ImfFile::Content::Read(const std::string& path) {
   file = imf::OpenRegular(path, O_RDONLY);
-  if (file < 0) return OpenError(errno, IMF_ERROR_NOT_FOUND);
+  if (file < 0) return OpenError(errno);
   imf::Identity identity;
   if (!imf::ReadIdentity(file, &identity)) return HeaderError(errno, IMF_ERROR_NOT_A_RECORD);
   const uint32_t nameStart = StartTimeOfName(path);
@@ -80,9 +80,9 @@ imf_error_code_e ImfFile::Content::Read(const std::string& path) {
 
 imf_error_code_e ImfFile::Content::Repair(const std::string& path) {
   file = imf::OpenRegular(path, O_RDWR);
-  if (file < 0) return OpenError(errno, IMF_ERROR_UNREPAIRABLE);
+  if (file < 0) return OpenError(errno);
   struct stat info = {};
-  if (fstat(file, &info) != 0) return OpenError(errno, IMF_ERROR_UNREPAIRABLE);
+  if (fstat(file, &info) != 0) return OpenError(errno);
   imf::Identity identity;
   if (!imf::ReadIdentity(file, &identity)) return HeaderError(errno, IMF_ERROR_UNREPAIRABLE);
   if (identity.startTime != StartTimeOfName(path) || identity.startTime == 0 ||
