@@ -11,6 +11,7 @@ namespace recorder {
 namespace {
 
 constexpr ChannelReader::Place kHeadersOnly = {std::numeric_limits<int64_t>::max(), 0};
+constexpr int64_t kReordering = 5 * kMicros;  // the most that lies between a picture's decoding and its display
 constexpr int64_t kShortTail = kMicros / 10;  // what a last picture without a known length may leave open
 
 bool SameCoding(const ImfStreamInfo& a, const ImfStreamInfo& b) {
@@ -63,7 +64,7 @@ Clip::Result Clip::Write(const std::string& path, const Progress& progress) {
   mPath = path;
   Begin begin;
   if (!FindBegin(&begin)) return Result::kNothing;
-  ChannelReader reader(mDisks, mChannel, mRange.until);
+  ChannelReader reader(mDisks, mChannel, mRange.until + kReordering);
   reader.Start(begin.path, begin.place);
   for (;;) {
     switch (reader.Next()) {
@@ -73,7 +74,7 @@ Clip::Result Clip::Write(const std::string& path, const Progress& progress) {
       case ChannelReader::Item::kEnd:
         return Finish(true);
       case ChannelReader::Item::kPacket:
-        if (reader.DecodeTime() >= mRange.until || !TakePacket(reader, begin)) return Finish(false);
+        if (reader.DecodeTime() >= End() || !TakePacket(reader, begin)) return Finish(false);
         const int64_t from = mFrom != 0 ? mFrom : mRange.since;
         const double done = static_cast<double>(reader.DecodeTime() - from);
         if (!progress(std::clamp(done / static_cast<double>(mRange.until - from), 0.0, 1.0))) {
@@ -99,9 +100,10 @@ bool Clip::TakePacket(const ChannelReader& reader, const Begin& begin) {
   }
   // Pictures that are shown before the first key frame need the ones before it.
   if (packet.time < mSectionTime) return true;
-  // What is shown after the range is needed only when a picture that is shown in it comes later.
+  // What is shown after the range is needed only when a picture that is shown in it comes later; then what is
+  // shown between the two belongs to it as well.
   mHeld.push_back({packet, reader.EndTime() - packet.time, reader.EndTime()});
-  return packet.time >= mRange.until || WriteHeld();
+  return packet.time >= End() || WriteHeld();
 }
 
 bool Clip::BeginSection(const ChannelReader& reader) {
@@ -138,6 +140,7 @@ bool Clip::WriteHeld() {
       mError = mWriter.Error();
       return false;
     }
+    mLastShown = std::max(mLastShown, picture.packet.time);
     mTo = std::max(mTo, picture.endTime);
   }
   mHeld.clear();
@@ -158,11 +161,12 @@ void Clip::EndSection(const std::string& reason) {
 Clip::Result Clip::Finish(bool atEnd) {
   if (!mError.empty()) return Result::kFailed;
   if (!mWriter.IsOpen() || mTo <= mRange.since) return Result::kNothing;
-  if (atEnd && mRunning && mRange.until - mTo > kShortTail) {
+  if (atEnd && mRunning) {
     const bool growing =
         !mRecordings.Open().empty() && mRecordings.Open().back().state == Recording::State::kGrowing;
     mMissing.push_back({mTo, mRange.until, growing ? "not recorded yet" : "nothing is recorded"});
   }
+  if (!mMissing.empty() && mRange.until - mMissing.back().from <= kShortTail) mMissing.pop_back();
   if (mWriter.Close()) return Result::kDone;
   mError = mWriter.Error();
   return Result::kFailed;

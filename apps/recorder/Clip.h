@@ -1,6 +1,7 @@
 // A span of time of one channel, put together from the record files that hold it.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -53,6 +54,7 @@ class Clip {
     int64_t endTime;
   };
 
+  int64_t End() const { return std::max(mRange.until, mLastShown); }
   bool FindBegin(Begin* begin) const;
   bool TakePacket(const ChannelReader& reader, const Begin& begin);
   bool BeginSection(const ChannelReader& reader);
@@ -74,6 +76,7 @@ class Clip {
   bool mSkipped = false;       // pictures of the range lie before the first key frame
   int64_t mFrom = 0;
   int64_t mTo = 0;
+  int64_t mLastShown = 0;  // when the last picture that was written is shown
   std::vector<Missing> mMissing;
   std::string mError;
 };

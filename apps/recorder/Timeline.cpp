@@ -28,16 +28,32 @@ struct Step {
   int count;
   int64_t seconds;  // about
 };
-constexpr Step kSteps[] = {
-    {Step::kSecond, 1, 1},           {Step::kSecond, 2, 2},          {Step::kSecond, 5, 5},
-    {Step::kSecond, 10, 10},         {Step::kSecond, 15, 15},        {Step::kSecond, 30, 30},
-    {Step::kSecond, 60, 60},         {Step::kSecond, 120, 120},      {Step::kSecond, 300, 300},
-    {Step::kSecond, 600, 600},       {Step::kSecond, 900, 900},      {Step::kSecond, 1800, 1800},
-    {Step::kHours, 1, kHour},        {Step::kHours, 2, 2 * kHour},   {Step::kHours, 3, 3 * kHour},
-    {Step::kHours, 6, 6 * kHour},    {Step::kHours, 12, 12 * kHour}, {Step::kDays, 1, kDay},
-    {Step::kDays, 2, 2 * kDay},      {Step::kDays, 7, 7 * kDay},     {Step::kMonths, 1, 30 * kDay},
-    {Step::kMonths, 3, 91 * kDay},   {Step::kMonths, 6, 182 * kDay}, {Step::kMonths, 12, 365 * kDay},
-    {Step::kMonths, 60, 1826 * kDay}};
+constexpr Step kSteps[] = {{Step::kSecond, 1, 1},
+                           {Step::kSecond, 2, 2},
+                           {Step::kSecond, 5, 5},
+                           {Step::kSecond, 10, 10},
+                           {Step::kSecond, 15, 15},
+                           {Step::kSecond, 30, 30},
+                           {Step::kSecond, 60, 60},
+                           {Step::kSecond, 120, 120},
+                           {Step::kSecond, 300, 300},
+                           {Step::kSecond, 600, 600},
+                           {Step::kSecond, 900, 900},
+                           {Step::kSecond, 1800, 1800},
+                           {Step::kHours, 1, kHour},
+                           {Step::kHours, 2, 2 * kHour},
+                           {Step::kHours, 3, 3 * kHour},
+                           {Step::kHours, 6, 6 * kHour},
+                           {Step::kHours, 12, 12 * kHour},
+                           {Step::kDays, 1, kDay},
+                           {Step::kDays, 2, 2 * kDay},
+                           {Step::kDays, 7, 7 * kDay},
+                           {Step::kMonths, 1, 30 * kDay},
+                           {Step::kMonths, 3, 91 * kDay},
+                           {Step::kMonths, 6, 182 * kDay},
+                           {Step::kMonths, 12, 365 * kDay},
+                           {Step::kMonths, 60, 1826 * kDay},
+                           {Step::kMonths, 240, 7305 * kDay}};
 
 const Step& ChooseStep(int64_t length, int limit) {
   for (const Step& step : kSteps) {

@@ -1,0 +1,406 @@
+// The recorder's looking commands: clips, lists, the walk over all recordings, months, the menu. Real H.264
+// recorded in two sessions, over several files and two disks; and recordings that change under the reader's
+// hands.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "TestDisk.h"
+#include "apps/recorder/Clip.h"
+#include "apps/recorder/Recordings.h"
+#include "apps/recorder/Units.h"
+#include "platform/host/ImfRecord.h"
+
+namespace recorder {
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+using Strings = std::vector<std::string>;
+
+constexpr int64_t kStart = 1717199980;  // 2024-05-31T23:59:40Z
+constexpr int kLength = 40;             // seconds of video
+constexpr int kSecondSession = 60;      // seconds after the first one started
+constexpr int kRate = 25;
+constexpr int kGroups[] = {25, 32};  // pictures from key frame to key frame, by channel
+
+struct Picture {
+  double time;
+  bool key;
+  std::string hash;
+};
+
+// Of a video file, in the order in which they are decoded, as a program that is not ours sees them.
+std::vector<Picture> PicturesOf(const std::string& path, const std::string& directory) {
+  const std::string out = directory + "/probed";
+  const std::string command =
+      "ffprobe -v error -select_streams v -show_packets -show_data_hash crc32 -of json ";
+  EXPECT_EQ(std::system((command + path + " >" + out).c_str()), 0);
+  std::vector<Picture> pictures;
+  const Json probed = Json::parse(std::ifstream(out));
+  for (const auto& packet : probed["packets"]) {
+    const std::string flags = packet["flags"];
+    pictures.push_back({std::stod(packet["pts_time"].get<std::string>()), flags[0] == 'K',
+                        packet["data_hash"].get<std::string>() + packet["size"].get<std::string>()});
+  }
+  return pictures;
+}
+
+class RecorderQuery : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    setenv("TZ", "UTC", 1);
+    sRoot = new TestRoot;
+    sWork = sRoot->Path() + "/work";
+    fs::create_directory(sWork);
+    std::string inputs;
+    for (int channel : {0, 1}) {
+      const std::string video = sWork + "/" + std::to_string(channel) + ".mp4";
+      ASSERT_EQ(
+          Shell("ffmpeg -v error -f lavfi -i testsrc2=size=320x240:rate=25 -t 40 -c:v libx264 -preset veryfast "
+                "-bf 2 -b:v 500k -g " +
+                std::to_string(kGroups[channel]) + " " + video),
+          0)
+          << sErr;
+      inputs += " --input " + video;
+      sVideos.push_back(PicturesOf(video, sWork));
+    }
+    for (const char* disk : {"a", "b"}) {
+      ASSERT_EQ(Run("prepare --size 1M --count 9 --disk " + std::string(disk)), 0) << sErr;
+    }
+    for (int64_t start : {kStart, kStart + kSecondSession}) {
+      ASSERT_EQ(Run("record --segment 6 --clock stream --start " + std::to_string(start) + inputs), 0) << sErr;
+    }
+  }
+  static void TearDownTestSuite() {
+    delete sRoot;
+    unsetenv("TZ");
+  }
+
+  static int Shell(const std::string& command) {
+    const int status = std::system(("{ " + command + "; } >" + sWork + "/out 2>" + sWork + "/err").c_str());
+    for (auto [name, text] : {std::pair("/out", &sOut), std::pair("/err", &sErr)}) {
+      std::ostringstream all;
+      all << std::ifstream(sWork + name).rdbuf();
+      *text = all.str();
+    }
+    return WEXITSTATUS(status);
+  }
+  static int Run(const std::string& arguments, const std::string& root = sRoot->Path()) {
+    return Shell(std::string(RECORDER_PROGRAM) + " --root " + root + " " + arguments);
+  }
+  static std::vector<Json> JsonLines() {
+    std::vector<Json> lines;
+    std::istringstream text(sOut);
+    for (std::string line; std::getline(text, line);) lines.push_back(Json::parse(line));
+    return lines;
+  }
+  static std::string Since(double since, double until) {
+    char text[128];
+    std::snprintf(text, sizeof text, " --since %.3f --until %.3f ", kStart + since, kStart + until);
+    return text;
+  }
+  // Names of the completed recordings on the disks, which ascend with time.
+  static std::set<std::string> Names(const std::string& root = sRoot->Path()) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(root + "/disk")) {
+      const std::string name = entry.path().filename();
+      if (name.find("_cm") != std::string::npos) names.insert(name);
+    }
+    return names;
+  }
+
+  static TestRoot* sRoot;
+  static std::string sWork, sOut, sErr;
+  static std::vector<std::vector<Picture>> sVideos;  // by channel
+};
+
+TestRoot* RecorderQuery::sRoot;
+std::string RecorderQuery::sWork, RecorderQuery::sOut, RecorderQuery::sErr;
+std::vector<std::vector<Picture>> RecorderQuery::sVideos;
+
+// Pictures lost, doubled or altered, jumps in time where files are joined, a clip that begins too late.
+TEST_F(RecorderQuery, ExportsExactlyTheRange) {
+  struct Case {
+    double since, until;
+    int channel;
+  };
+  for (const Case& each : {Case{3.3, 17.9, 0}, Case{6, 12, 1}, Case{6.2, 6.6, 1}, Case{0, 40, 1},
+                           Case{38, 50, 0}, Case{-20, 2, 1}, Case{35.5, 70.2, 0}, Case{45, 70, 1}}) {
+    SCOPED_TRACE(Since(each.since, each.until) + std::to_string(each.channel));
+    // What it should hold: per session, from the last key frame at or before its begin on, what is decoded up
+    // to the last picture shown before its end, and whatever is shown before one of these.
+    const std::vector<Picture>& video = sVideos[each.channel];
+    Strings wanted;
+    double begin = 1e9;
+    for (int session : {0, kSecondSession}) {
+      size_t first = 0;
+      size_t end = 0;
+      for (size_t i = 0; i < video.size(); i++) {
+        const double time = session + video[i].time;
+        if (video[i].key && time <= each.since + 1e-6) first = i;
+        if (time < each.until - 1e-6) end = i + 1;
+      }
+      double shown = 0;
+      for (size_t i = first; i < end; i++) shown = std::max(shown, video[i].time);
+      while (end > first && end < video.size() && video[end].time < shown) end++;
+      if (end <= first || session + kLength <= each.since) continue;
+      begin = std::min(begin, session + video[first].time);
+      for (size_t i = first; i < end; i++) wanted.push_back(video[i].hash);
+    }
+    const std::string clip = sWork + "/clip.mp4";
+    ASSERT_EQ(Run("export --json --force -o " + clip + " --channel " + std::to_string(each.channel) +
+                  Since(each.since, each.until)),
+              0)
+        << sErr;
+    const Json report = JsonLines().at(0);
+    EXPECT_EQ(report["start"], FormatExactTime(std::llround((kStart + begin) * 1e6)));
+    const bool complete = (each.since >= 0 && each.until <= kLength);
+    EXPECT_EQ(report["missing"].empty(), complete) << sErr;
+
+    Strings hashes;
+    std::vector<double> times;
+    for (const Picture& picture : PicturesOf(clip, sWork)) {
+      hashes.push_back(picture.hash);
+      times.push_back(picture.time);
+    }
+    EXPECT_EQ(hashes, wanted);
+    EXPECT_NEAR(report["seconds"], static_cast<double>(wanted.size()) / kRate, 0.001);
+    if (complete) {
+      EXPECT_NEAR(report["seconds"], each.until - each.since, 1.0 * kGroups[each.channel] / kRate);
+    }
+    std::sort(times.begin(), times.end());
+    for (size_t i = 0; i < times.size(); i++) ASSERT_NEAR(times[i], static_cast<double>(i) / kRate, 0.001) << i;
+    EXPECT_EQ(Shell("ffmpeg -v error -i " + clip + " -f null -"), 0);
+    EXPECT_EQ(sErr, "") << "it can be decoded";
+  }
+}
+
+// Where the source has start codes, the MP4 needs lengths: the packets differ, the pictures must not.
+TEST_F(RecorderQuery, ExportsWhatATransportStreamBrought) {
+  TestRoot root;
+  const std::string ts = sWork + "/0.ts";
+  ASSERT_EQ(Shell("ffmpeg -v error -i " + sWork + "/0.mp4 -c copy " + ts), 0) << sErr;
+  ASSERT_EQ(Run("prepare --disk a --size 1M --count 9", root.Path()), 0) << sErr;
+  ASSERT_EQ(Run("record --segment 6 --clock stream --start " + std::to_string(kStart) + " --input " + ts,
+                root.Path()),
+            0)
+      << sErr;
+  ASSERT_EQ(Run("export -o " + sWork + "/ts.mp4" + Since(5, 21), root.Path()), 0) << sErr;
+  const std::string hashes = " -f framehash - | grep -v '^#' | cut -d, -f6";
+  ASSERT_EQ(Shell("ffmpeg -v error -i " + sWork + "/ts.mp4" + hashes), 0);
+  const std::string clip = sOut;
+  ASSERT_EQ(Shell("ffmpeg -v error -ss 5 -i " + ts + " -t 16" + hashes), 0);
+  EXPECT_EQ(std::count(clip.begin(), clip.end(), '\n'), 16 * kRate);
+  EXPECT_EQ(clip, sOut);
+}
+
+// A clip goes on behind damage, never shows a picture without the ones it needs, and says what is missing.
+TEST_F(RecorderQuery, ExportGoesOnBehindDamage) {
+  const std::string root = sRoot->Path() + "x";
+  fs::create_directory(root);
+  fs::copy(sRoot->Path() + "/disk", root + "/disk", fs::copy_options::recursive);
+  std::string damaged;
+  for (const auto& entry : fs::recursive_directory_iterator(root + "/disk")) {
+    if (entry.path().filename() == *std::next(Names().begin())) damaged = entry.path();
+  }
+  std::fstream file(damaged);
+  file.seekp(400000).write(std::string(20000, 'x').data(), 20000);
+  file.close();
+  const std::string clip = sWork + "/damaged.mp4";
+  for (int channel : {0, 1}) {
+    EXPECT_EQ(
+        Run("export --json --force -o " + clip + Since(4, 16) + " --channel " + std::to_string(channel), root),
+        0);
+    EXPECT_NE(sErr.find("damaged in " + damaged), std::string::npos) << sErr;
+    EXPECT_EQ(JsonLines().at(0)["missing"].size(), 1u);
+    const std::vector<Picture> pictures = PicturesOf(clip, sWork);
+    EXPECT_LT(pictures.size(), 12u * kRate);
+    EXPECT_GE(pictures.size(), 12u * kRate - 2 * kGroups[channel]);
+    EXPECT_EQ(Shell("ffmpeg -v error -i " + clip + " -f null -"), 0);
+    EXPECT_EQ(sErr, "");
+  }
+  fs::remove_all(root);
+}
+
+TEST_F(RecorderQuery, ListsAgreeWithTheNames) {
+  const std::set<std::string> names = Names();
+  ASSERT_GT(names.size(), 9u) << "both disks are in use";
+  const auto listed = [&] {
+    Strings found;
+    for (const Json& line : JsonLines()) found.push_back(fs::path(line["path"].get<std::string>()).filename());
+    return found;
+  };
+  EXPECT_EQ(Run("list --json"), 0);
+  EXPECT_EQ(listed(), Strings(names.begin(), names.end()));
+  EXPECT_EQ(Run("play-list --json --at " + std::to_string(kStart + 62)), 0);
+  EXPECT_EQ(listed(), Strings(names.begin(), names.end())) << "back to the first and on to the last, each once";
+  EXPECT_EQ(Run("list --json --channel 1" + Since(41, 59)), 1) << "a gap";
+  EXPECT_NE(sErr.find(*std::next(names.begin(), names.size() / 2)), std::string::npos) << "the next: " << sErr;
+
+  EXPECT_EQ(Run("menu --json"), 0);
+  int64_t megabytes = 0;
+  for (const Json& line : JsonLines()) {
+    EXPECT_EQ(line["state"], "IDLE");
+    megabytes += line["megabytes"].get<int64_t>();
+  }
+  EXPECT_EQ(megabytes, 9437184 / 1000000 + static_cast<int64_t>((names.size() - 9) << 20) / 1000000);
+  EXPECT_EQ(Run("status --json"), 0);
+  EXPECT_EQ(JsonLines().at(0)["allDisks"]["remainingMiB"], 18 - names.size());
+
+  EXPECT_EQ(Run("months --json"), 0);
+  EXPECT_EQ(sOut, "{\"year\":2024,\"month\":5}\n{\"year\":2024,\"month\":6}\n");
+  setenv("TZ", "America/St_Johns", 1);
+  EXPECT_EQ(Run("months --json"), 0);
+  EXPECT_EQ(sOut, "{\"year\":2024,\"month\":5}\n") << "midnight comes later there";
+  setenv("TZ", "UTC", 1);
+}
+
+TEST_F(RecorderQuery, RefusesInOneLine) {
+  const std::string there = sWork + "/there.mp4";
+  std::ofstream(there) << "mine";
+  const std::string good = Since(1, 2);
+  const std::string out = " -o " + sWork + "/new/x.mp4";
+  fs::create_directory(sWork + "/new");
+  struct Case {
+    std::string arguments;
+    int status;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"export --since yesterday --until now" + out, 2, "--since yesterday is not a time"},
+      {"list --since 2024-02-30T00:00:00Z", 2, "is not a time"},
+      {"export" + Since(5, 4) + out, 2, "before it begins"},
+      {"export --channel 32" + good + out, 2, "channels are numbered 0 to 31"},
+      {"export --channel 2" + good + out, 2, "channel 2 was never recorded: there is 0-1"},
+      {"export --channel 1" + Since(42, 50) + out, 1,
+       "the last recording before it ends at 2024-06-01T00:00:20"},
+      {"timeline" + Since(-90, -80), 1, "the next recording starts at 2024-05-31T23:59:40"},
+      {"play-list --at now", 1, "the last recording before it ends at 2024-06-01T00:01:20"},
+      {"export" + good + "-o " + sWork + "/no/x.mp4", 2, "No such file or directory"},
+      {"export" + good + "-o " + there, 2, "exists already"},
+      {"export" + good + "-o " + sRoot->Path() + "/disk/a/x.mp4", 2, "for recordings only"},
+      {"timeline -o " + sWork + "/new/x.gif", 2, "a .png or an .svg"},
+  };
+  for (const Case& each : cases) {
+    EXPECT_EQ(Run(each.arguments), each.status) << each.arguments;
+    EXPECT_NE(sErr.find(each.line), std::string::npos) << each.arguments << ": " << sErr;
+    EXPECT_EQ(std::count(sErr.begin(), sErr.end(), '\n'), 1) << sErr;
+  }
+  EXPECT_TRUE(fs::is_empty(sWork + "/new"));
+  EXPECT_EQ(fs::file_size(there), 4u);
+}
+
+// --- Recordings that change under the reader's hands. A picture's bytes tell where it comes from. ---
+
+class ChangingRecordings : public testing::Test {
+ protected:
+  // Ten pictures a second, a key frame a second.
+  void Put(ImfWriter* writer, int64_t first, int64_t count, char what) {
+    for (int64_t i = first; i < first + count; i++) {
+      ImfPacket packet;
+      packet.keyFrame = i % 10 == 0;
+      packet.time = kStart * kMicros + i * 100000;
+      packet.pts = packet.dts = i * 100;
+      packet.duration = 100;
+      packet.data.assign(100, static_cast<uint8_t>(what));
+      ASSERT_EQ(writer->Write(packet), ImfWriteResult::kWritten);
+    }
+  }
+  void Open(ImfWriter* writer, const std::string& path, int64_t second) {
+    ImfStreamInfo stream;
+    stream.codecName = "mjpeg";
+    stream.width = stream.height = 16;
+    stream.timeBaseDenominator = 1000;
+    ASSERT_TRUE(writer->Open(path, static_cast<uint32_t>(kStart + second)));
+    ASSERT_EQ(writer->AddStream(stream), ImfWriteResult::kWritten);
+  }
+  std::string Name(int64_t second, int64_t end) {
+    char name[64];
+    std::snprintf(name, sizeof name, end == 0 ? "%x_00000000.imf" : "%x_%x_cm1.imf",
+                  static_cast<unsigned>(kStart + second), static_cast<unsigned>(kStart + end));
+    return mDirectory + name;
+  }
+  std::string MakeFile(int64_t second, int64_t end) { return MakeTestFile(Name(second, end), 1 << 18); }
+
+  // Exports ten seconds; `change` is called when `when` pictures are in the clip. What the pictures hold, in
+  // runs.
+  std::string Export(int64_t when, const std::function<void()>& change) {
+    Disks disks;
+    std::string root = mRoot.Path();
+    EXPECT_EQ(OpenToLook(&root, &disks), std::nullopt);
+    const Recordings recordings(disks);
+    Clip clip(disks, recordings, 0, {kStart * kMicros, (kStart + 10) * kMicros});
+    const std::string path = mRoot.Path() + "/clip.mp4";
+    mResult = clip.Write(path, [&](double) {
+      if (clip.Writer().Packets() == when) change();
+      return !mInterrupt;
+    });
+    for (const Clip::Missing& each : clip.AllMissing()) mMissing += each.reason;
+    std::ostringstream bytes;
+    bytes << std::ifstream(path).rdbuf();
+    std::string runs;
+    for (const char c : {'A', 'B', 'C'}) {
+      const std::string picture(100, c);
+      int count = 0;
+      for (size_t at = 0; (at = bytes.str().find(picture, at)) != std::string::npos; at += 100) count++;
+      runs += std::to_string(count) + c;
+    }
+    return runs;
+  }
+
+  TestRoot mRoot;
+  const std::string mDirectory = mRoot.AddDisk("a", 1) + "/data_00000001/";
+  Clip::Result mResult = Clip::Result::kFailed;
+  bool mInterrupt = false;
+  std::string mMissing;
+};
+
+TEST_F(ChangingRecordings, AreFollowedAsTheyGrow) {
+  ImfWriter first;
+  ImfWriter second;
+  const std::string growing = MakeFile(0, 0);
+  const std::string next = MakeTestFile(mRoot.Path() + "/next", 1 << 18);
+  Open(&first, growing, 0);
+  Put(&first, 0, 25, 'A');
+  const std::string pictures = Export(20, [&] {
+    Put(&first, 25, 15, 'A');
+    ASSERT_TRUE(first.Close());
+    fs::rename(growing, Name(0, 4));
+    Open(&second, next, 4);
+    Put(&second, 40, 30, 'B');
+    fs::rename(next, Name(4, 0));
+  });
+  EXPECT_EQ(pictures, "40A30B0C") << mMissing;
+  EXPECT_EQ(mResult, Clip::Result::kDone);
+}
+
+TEST_F(ChangingRecordings, AreNotMixedUpWithWhatReplacesThem) {
+  for (const auto& [second, what] : {std::pair(0, 'A'), std::pair(5, 'B')}) {
+    ImfWriter writer;
+    Open(&writer, MakeFile(second, second + 5), second);
+    Put(&writer, second * 10, 50, what);
+    ASSERT_TRUE(writer.Close());
+  }
+  ImfWriter newer;
+  const std::string pictures = Export(20, [&] {
+    fs::rename(Name(0, 5), Name(100, 0));
+    Open(&newer, Name(100, 0), 100);
+    Put(&newer, 0, 50, 'C');
+  });
+  EXPECT_EQ(pictures, "20A50B0C");
+  EXPECT_NE(mMissing.find("recycled meanwhile"), std::string::npos) << mMissing;
+  mInterrupt = true;
+  Export(1, [] {});
+  EXPECT_EQ(mResult, Clip::Result::kInterrupted);
+}
+
+}  // namespace
+}  // namespace recorder

@@ -1,0 +1,105 @@
+// The arithmetic of timelines: what a cell shows, what counts as a gap, and where the marks of the time axis
+// stand.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+#include "apps/recorder/Timeline.h"
+#include "apps/recorder/Units.h"
+
+namespace recorder {
+namespace {
+
+// '.' nothing, '1' to '3' a part, '#' all of it, 'w' being recorded.
+std::string Cells(const std::vector<Span>& spans, int64_t since, int64_t until, int width) {
+  std::string text;
+  Timeline timeline;
+  timeline.since = since;
+  timeline.until = until;
+  for (const Cell& cell : CellsOf({"", spans}, timeline, width))
+    text += cell.growing ? 'w' : ".123#"[cell.level];
+  return text;
+}
+
+TEST(Timeline, CellsShowEveryGap) {
+  struct Case {
+    std::vector<Span> spans;
+    int64_t since, until;
+    int width;
+    const char* cells;
+  };
+  const Case cases[] = {
+      {{}, 0, 100, 10, ".........."},
+      {{{0, 100}}, 0, 100, 10, "##########"},
+      {{{20, 30}, {30, 50}}, 0, 100, 10, "..###....."},
+      {{{20, 31}, {30, 50}}, 0, 100, 10, "..###....."},  // ends are rounded up: no overlap counts twice
+      {{{0, 50000}, {50001, 100000}}, 0, 100000, 10, "#####3####"},  // one second of a day
+      {{{44, 45}}, 0, 100, 10, "....1....."},
+      {{{42, 47}}, 0, 100, 10, "....2....."},
+      {{{-50, 5}, {95, 200}}, 0, 100, 10, "2........2"},
+      {{{0, 3}}, 0, 4, 8, "######.."},         // cells of half a second
+      {{{0, 1}, {2, 3}}, 0, 3, 7, "##2.2##"},  // that no second is a whole number of
+      {{{0, 60}, {60, 75, true}}, 0, 100, 10, "######ww.."},
+      {{{100, 200}, {0, 10}}, 0, 100, 10, "#........."},  // in any order
+  };
+  for (const Case& each : cases) {
+    EXPECT_EQ(Cells(each.spans, each.since, each.until, each.width), each.cells);
+  }
+}
+
+TEST(Timeline, GapsLieBetweenRecordings) {
+  Timeline timeline;
+  timeline.since = 100;
+  timeline.until = 200;
+  const TimelineRow row = {"", {{110, 121}, {120, 130}, {131, 150}, {150, 160, true}}};
+  EXPECT_EQ(GapsOf(row, timeline), (std::vector<Span>{{130, 131}}));
+  EXPECT_DOUBLE_EQ(CoverageOf(row, timeline), 0.49);
+  timeline.before = 90;  // then it is known that something was recorded around the timeline
+  timeline.after = 300;
+  EXPECT_EQ(GapsOf(row, timeline), (std::vector<Span>{{100, 110}, {130, 131}, {160, 200}}));
+  EXPECT_TRUE(GapsOf({"", {}}, timeline).empty());
+}
+
+// Marks are round on the clock on the wall, in each zone, also over a change of clock, and neither too few nor
+// too many whatever the length.
+TEST(Timeline, TicksAreRoundInLocalTime) {
+  for (const char* zone : {"UTC", "Europe/Berlin", "America/St_Johns", "Asia/Kathmandu"}) {
+    setenv("TZ", zone, 1);
+    tzset();
+    for (const char* start : {"2024-03-30T13:07:11", "2024-10-26T22:59:59", "2024-11-02T21:00:00"}) {
+      const int64_t since = *ParseTime(start) / kMicros;
+      for (int64_t length = 10; length < 2000000000; length = length * 7 / 5) {
+        const std::vector<Tick> ticks = TicksOf(since, since + length, 11);
+        ASSERT_LE(ticks.size(), 13u) << zone << " " << length;  // an hour that comes twice may add one
+        if (length < 150000000) {
+          ASSERT_GE(ticks.size(), 2u) << zone << " " << length;
+        }
+        for (size_t i = 0; i < ticks.size(); i++) {
+          const time_t time = ticks[i].time;
+          std::tm local{};
+          localtime_r(&time, &local);
+          ASSERT_TRUE(ticks[i].time >= since && ticks[i].time <= since + length);
+          ASSERT_TRUE(i == 0 || ticks[i].time > ticks[i - 1].time) << zone << " " << FormatTime(ticks[i].time);
+          if (length >= 600) {
+            ASSERT_EQ(local.tm_sec, 0) << zone << " " << FormatTime(time);
+          }
+          if (length >= 20 * 3600) {
+            ASSERT_EQ(local.tm_min, 0) << zone << " " << FormatTime(time);
+          }
+          if (length >= 14 * 86400) {
+            ASSERT_EQ(local.tm_hour, 0) << zone << " " << FormatTime(time);
+          }
+          if (length >= 400 * 86400) {
+            ASSERT_EQ(local.tm_mday, 1) << zone << " " << FormatTime(time);
+          }
+        }
+      }
+    }
+  }
+  unsetenv("TZ");
+  tzset();
+}
+
+}  // namespace
+}  // namespace recorder
