@@ -8,6 +8,7 @@
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "platform/host/FlcHost.h"
 #include "platform/host/HostSystem.h"
+#include "platform/host/RecordName.h"
 
 namespace recorder {
 
@@ -24,6 +25,19 @@ bool HoldsFiles(const std::string& path) {
     }
   }
   return false;
+}
+
+// The last component of a data directory's path, which ends with a slash.
+std::string NameOfDirectory(const FmgrDataRepository& repository) {
+  const std::string& path = repository.Path();
+  return path.empty() ? path : NameOf(path.substr(0, path.size() - 1));
+}
+
+// The file list cache follows no symbolic links, so neither does this.
+bool IsRealDirectory(const std::string& pathWithSlash) {
+  std::error_code error;
+  return !pathWithSlash.empty() && std::filesystem::is_directory(std::filesystem::symlink_status(
+                                       pathWithSlash.substr(0, pathWithSlash.size() - 1), error));
 }
 
 Refusal RefuseDisk(const std::string& root, const std::string& name, const std::vector<std::string>& others) {
@@ -117,6 +131,7 @@ Refusal Disks::OpenForRecording(const Recording& recording) {
   for (const Disk& disk : mDisks) {
     if (mManager->AddRepositoryGroup(disk.path) != 1) Complain("disk %s cannot be read", disk.name.c_str());
   }
+  LeaveForeignDirectories();
   if (mManager->mGroups.empty()) return "none of the disks can be read";
   return std::nullopt;
 }
@@ -132,8 +147,42 @@ Refusal Disks::OpenForLooking() {
   }
   mManager->mGroups.splice(mManager->mGroups.end(), mManager->mAltGroups);
   mManager->mAltMode = 0;
+  LeaveForeignDirectories();
   if (mManager->mGroups.empty()) return "none of the disks can be read";
   return std::nullopt;
+}
+
+void Disks::LeaveForeignDirectories() {
+  bool left = false;
+  for (FmgrRepositoryGroup* group : mManager->mGroups) {
+    std::set<int> numbers;  // whose directory has the name that the file manager gives
+    for (const FmgrDataRepository* repository : group->mDataRepositories) {
+      if (NameOfDirectory(*repository) == repository->MakeRepositoryName(repository->Index())) {
+        numbers.insert(repository->Index());
+      }
+    }
+    group->mDataRepositories.remove_if([&](const FmgrDataRepository* repository) {
+      const std::string name = NameOfDirectory(*repository);
+      const bool regular = name == repository->MakeRepositoryName(repository->Index());
+      if (IsRealDirectory(repository->Path()) && ParseDataDirectoryName(name) == repository->Index() &&
+          (regular || numbers.insert(repository->Index()).second)) {
+        return false;
+      }
+      if (mForeign.insert(repository->Path()).second) {
+        Complain("%s is not a data directory, or a second one of its number: it is left alone",
+                 repository->Path().c_str());
+      }
+      delete repository;
+      left = true;
+      return true;
+    });
+  }
+  // What was left out may have put its disk in the wrong place of the rotation.
+  if (left) {
+    mManager->mGroups.sort([](const FmgrRepositoryGroup* a, const FmgrRepositoryGroup* b) {
+      return a->GetLastIndex() < b->GetLastIndex();
+    });
+  }
 }
 
 FmgrRepositoryGroup* Disks::Group(const Disk& disk) const {

@@ -1,6 +1,7 @@
 // The disks under a root directory, and the file manager that manages them: for recording, or only for looking.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,10 @@ class Disks {
   FmgrFileManager* Manager() const { return mManager; }
   // The disk's group in the file manager; null when it isn't managed any more.
   FmgrRepositoryGroup* Group(const Disk& disk) const;
+  // Takes out of the file manager's list what only looks like a data directory: "data_old", a file of such a name, a
+  // second directory of one number. It would be counted as number 0 or as the other one, and stand in the way of
+  // recycling. One line each, once; on disk it is left alone. To be called whenever disks were polled.
+  void LeaveForeignDirectories();
   // Drops what the file list cache keeps of all disks: it is read afresh from the file names.
   void ForgetCache() const;
 
@@ -66,6 +71,7 @@ class Disks {
 
   std::string mRoot;
   std::vector<Disk> mDisks;
+  std::set<std::string> mForeign;  // directories that were complained of
   FmgrFileManager* mManager = nullptr;
 };
 

@@ -147,6 +147,7 @@ bool Segments::WriteStreams() {
 void Segments::KeepHouse() {
   FmgrFileManager* manager = mDisks.Manager();
   manager->CheckRepository();
+  mDisks.LeaveForeignDirectories();
   for (const Disk& disk : mDisks.All()) {
     if (FmgrRepositoryGroup* group = mDisks.Group(disk)) SaveForeignFiles(disk, *group);
   }
