@@ -1,0 +1,101 @@
+// A file manager over test disks that already hold recordings.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "TestDisk.h"
+#include "fmgr/FmgrFileManager.h"
+#include "fmgr/FmgrRepositoryGroup.h"
+
+constexpr int kT = 1600000000;  // 0x5f5e1000; test times count from here
+
+__attribute__((format(printf, 1, 2))) inline std::string Text(const char* format, ...) {
+  char text[200];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+inline std::string DataDir(const std::string& disk, int index) { return disk + Text("/data_%08d/", index); }
+
+// Start and end in seconds after kT; end 0: in progress. As text "INDEX:START-END" or "INDEX:START".
+inline std::string PathOf(const std::string& disk, int index, unsigned start, unsigned end) {
+  return DataDir(disk, index) +
+         (end == 0 ? Text("%x_00000000.imf", kT + start) : Text("%x_%x_cm1.imf", kT + start, kT + end));
+}
+inline std::string PathOf(const std::string& disk, const std::string& recording) {
+  int index = 0;
+  unsigned start = 0;
+  unsigned end = 0;
+  EXPECT_LE(2, std::sscanf(recording.c_str(), "%d:%u-%u", &index, &start, &end)) << recording;
+  return PathOf(disk, index, start, end);
+}
+
+inline std::string LinkTarget(const char* link) {
+  char target[256] = {};
+  return readlink(link, target, sizeof target - 1) < 0 ? "" : target;
+}
+
+inline bool IsThere(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+inline std::string ErrorLine(int line, const std::string& message) {
+  return Text("\033[31;1mErr (fmgr/FmgrFileManager:%d) ", line) + message + "\n\033[0m";
+}
+
+class ManagerTest : public testing::Test {
+ protected:
+  ManagerTest() { Begin({}); }
+  ~ManagerTest() override { FmgrFileManager::ReleaseInstance(); }
+
+  // Starts over with these disks, added in this order. Returns their directories.
+  std::vector<std::string> Begin(const std::vector<std::string>& disks, int option = 0) {
+    FmgrFileManager::ReleaseInstance();
+    mRoot = std::make_unique<TestRoot>();
+    Restart(option);
+    std::vector<std::string> directories;
+    for (const std::string& disk : disks) directories.push_back(Add(disk));
+    return directories;
+  }
+
+  void Restart(int option) {
+    FmgrFileManager::ReleaseInstance();
+    mManager = FmgrFileManager::GetInstance(option);
+    mManager->SetRootDirOfTemp(mRoot->Path());
+  }
+
+  // Adds a disk: "NAME FREEFILES RECORDING...".
+  std::string Add(const std::string& disk, int size = 4096) {
+    std::istringstream words(disk);
+    std::string name;
+    std::string recording;
+    int freeFiles = 0;
+    words >> name >> freeFiles;
+    const std::string directory = mRoot->AddDisk(name, freeFiles, size);
+    while (words >> recording) {
+      const std::string path = MakeTestFile(PathOf(directory, recording), size);
+      MakeTestFile(path.substr(0, path.rfind('/')) + "/search.fdb", 1);  // not empty, so it needs no rebuild
+    }
+    EXPECT_EQ(1, mManager->AddRepositoryGroup(directory));
+    return directory;
+  }
+
+  // Names of the disks in rotation order.
+  std::string Order() const {
+    std::string order;
+    for (const FmgrRepositoryGroup* group : mManager->mGroups) order += group->mName + " ";
+    return order;
+  }
+
+  std::unique_ptr<TestRoot> mRoot;
+  FmgrFileManager* mManager = nullptr;
+};

@@ -1,0 +1,290 @@
+// The file manager's answers for playback, search and menus, over several disks.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "FlcSpy.h"
+#include "ManagerFixture.h"
+#include "SearchDb.h"
+
+namespace {
+
+class ManagerQueryTest : public ManagerTest {
+ protected:
+  // Data directories 1 to 6, five recordings each, on disks a and b in turn. Their paths, oldest first.
+  std::vector<std::string> BeginWalk() {
+    const auto text = [](int i) { return Text("%d:%d-%d", i / 5 + 1, 100 * i, 100 * i + 90); };
+    std::string disks[] = {"a 0", "b 0"};
+    for (int i = 0; i < 30; ++i) disks[i / 5 % 2] += " " + text(i);
+    const std::vector<std::string> added = Begin({disks[0], disks[1]});
+    std::vector<std::string> paths;
+    for (int i = 0; i < 30; ++i) paths.push_back(PathOf(added[i / 5 % 2], text(i)));
+    return paths;
+  }
+
+  static constexpr bool kForward = false;
+  static constexpr bool kBack = true;
+  // Goes on until there is no more, at most for a hundred recordings.
+  std::vector<std::string> Walk(std::string path, bool back) {
+    std::vector<std::string> visited;
+    unsigned result = 0;
+    while (result == 0 && visited.size() < 100) {
+      visited.push_back(path);
+      result = back ? mManager->GetPrevFilePath(path, path) : mManager->GetNextFilePath(path, path);
+    }
+    return visited;
+  }
+};
+
+TEST_F(ManagerQueryTest, NextAndPreviousVisitEachRecordingOnce) {
+  std::vector<std::string> paths = BeginWalk();
+  std::string path;
+  ASSERT_EQ(0, mManager->GetFilePath(kT - 1000, path, 1));
+  EXPECT_EQ(paths, Walk(path, kForward));
+  std::reverse(paths.begin(), paths.end());
+  EXPECT_EQ(paths, Walk(paths.front(), kBack));
+  const std::string foreign = "/tmp" + paths[9].substr(paths[9].rfind('/'));
+  EXPECT_EQ(12u, mManager->GetNextFilePath(foreign, path));
+  EXPECT_EQ(12u, mManager->GetPrevFilePath(foreign, path));
+}
+
+TEST_F(ManagerQueryTest, NextOfTheRecordingInProgressIsItself) {
+  const std::string disk = Add("a 1 1:10-20");
+  timeval time{kT + 30, 0};
+  std::string growing;
+  std::string next;
+  ASSERT_EQ(0, mManager->MakeRecordFile(time, growing));
+  for (const std::string& path : {PathOf(disk, "1:10-20"), growing}) {
+    EXPECT_EQ(0u, mManager->GetNextFilePath(path, next));
+    EXPECT_EQ(growing, next);
+  }
+  ASSERT_EQ(0, mManager->RenameRecordFile(growing, kT + 40, 1, next));
+  EXPECT_EQ(0u, mManager->GetNextFilePath(growing, next));
+  EXPECT_EQ(PathOf(disk, "1:30-40"), next);
+}
+
+// Without the driver a directory knows only its own files; going back, the manager crosses to the one before.
+TEST_F(ManagerQueryTest, BackOverDisksInListMode) {
+  mManager->mAltMode = 1;
+  const std::string a = Add("a 0 2:30-40 2:40-50");
+  const std::string b = Add("b 0 1:10-20 9:60-70");
+  const std::vector<std::string> expected = {PathOf(b, "9:60-70"), PathOf(a, "2:40-50"), PathOf(a, "2:30-40"),
+                                             PathOf(b, "1:10-20")};
+  EXPECT_EQ(expected, Walk(expected[0], kBack));
+  EXPECT_EQ(1u, Walk(expected[1], kForward).size());
+}
+
+TEST_F(ManagerQueryTest, ChoiceAmongDisksByMode) {
+  const struct {
+    std::string a, b;
+    int time, mode;
+    const char* chosen;
+  } rows[] = {
+      {"1:100-200", "1:150-180", 160, 1, "b"},  // ends first
+      {"1:100-200", "1:150-180", 160, 0, "a"},  // ends last
+      {"1:100-200", "1:150-200", 160, 1, "a"},  // of equal ends the first in start order
+      {"1:100-200", "1:150-200", 160, 0, "b"},  // the last
+      {"1:150-200", "1:100-200", 160, 0, "a"},
+      {"1:100-200", "1:100-200", 160, 0, "a"},  // of equal starts too: the last in rotation order
+      {"1:150-200", "1:100-140", 145, 1, "a"},  // the next one; the other disk has none
+      {"1:150-200", "1:100-140", 145, -1, "b"},
+      {"1:150-200", "1:100-140", 50, 2, "b"},
+      {"1:150-200", "1:100-140", 50, 0, ""},
+      {"1:150-200", "1:100-140", 201, 1, ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    const std::vector<std::string> disks = Begin({"a 0 " + row.a, "b 0 " + row.b});
+    std::string path;
+    EXPECT_EQ(*row.chosen == '\0' ? 12 : 0, mManager->GetFilePath(kT + row.time, path, row.mode));
+    EXPECT_EQ(*row.chosen == 'a'   ? PathOf(disks[0], row.a)
+              : *row.chosen == 'b' ? PathOf(disks[1], row.b)
+                                   : "",
+              path);
+  }
+}
+
+TEST_F(ManagerQueryTest, TimeRangeAndCounts) {
+  const std::vector<std::string> disks = Begin({"a 2 1:30-40 3:50-60", "b 3 4:10-20 4:20-30"});
+  using Pair = std::pair<int, int>;
+  Pair range;
+  EXPECT_EQ(1, mManager->GetTimeRange(range.first, range.second));
+  EXPECT_EQ(Pair(kT + 10, kT + 60), range);
+  EXPECT_EQ(0, mManager->GetExternalTimeRange(range.first, range.second));
+  EXPECT_EQ(Pair(0, 0), range);
+  EXPECT_EQ(3, mManager->GetAllDataRepositoryCount());
+  EXPECT_EQ(5, mManager->GetFreeFileCount());
+  EXPECT_EQ(3, mManager->GetFreeFileCount(disks[1]));
+  EXPECT_EQ(4, mManager->GetTotalFileCount(disks[0]));
+  EXPECT_EQ(0, mManager->GetFreeFileCount(disks[1] + "/") + mManager->GetTotalFileCount("a"));
+  // Deliberate: a directory that was just made has start -1, the smallest of all.
+  ASSERT_EQ(1, mManager->CreateDataRepository(5));
+  EXPECT_EQ(1, mManager->GetTimeRange(range.first, range.second));
+  EXPECT_EQ(Pair(-1, kT + 60), range);
+  Begin({"c 1"});
+  ASSERT_EQ(1, mManager->CreateDataRepository(1));
+  EXPECT_EQ(0, mManager->GetTimeRange(range.first, range.second));
+  EXPECT_EQ(Pair(0, 0), range);
+}
+
+TEST_F(ManagerQueryTest, SearchChartAndFileList) {
+  const std::vector<std::string> disks = Begin({"a 0 1:100-200 3:500-600", "b 0 2:300-400 4:700-800"});
+  ASSERT_EQ(0, unlink((DataDir(disks[1], 2) + "search.fdb").c_str()));
+  ASSERT_TRUE(SearchDb(DataDir(disks[1], 2), SEARCH_DB_WRITE).Add({kT + 300, kT + 400, 5}));
+  TimeSearchChart chart;
+  chart.startTime = kT + 250;
+  chart.endTime = kT + 450;
+  chart.latestEndBefore = chart.earliestStartAfter = 1;  // of an earlier search
+  EXPECT_EQ(1, mManager->CollectSearchData(&chart));
+  EXPECT_EQ(kT + 200, chart.latestEndBefore);
+  EXPECT_EQ(kT + 500, chart.earliestStartAfter);
+  EXPECT_EQ(1u, chart.recordings.size());
+  chart.startTime = kT + 410;
+  EXPECT_EQ(0, mManager->CollectSearchData(&chart));
+
+  ImfSearchCondition condition;
+  condition.startTime = (kT + 150) * 1000000LL;
+  condition.endTime = (kT + 550) * 1000000LL;
+  std::list<std::string> files{"from before"};
+  EXPECT_EQ(0, mManager->CollectFileList(files, condition));
+  EXPECT_EQ((std::list<std::string>{"from before", PathOf(disks[0], "1:100-200"), PathOf(disks[1], "2:300-400"),
+                                    PathOf(disks[0], "3:500-600")}),
+            files);
+  condition.channelMask = 2;
+  EXPECT_EQ(0, mManager->CollectFileList(files, condition));  // deliberate: the list is not empty
+  files.clear();
+  EXPECT_EQ(12, mManager->CollectFileList(files, condition));
+}
+
+TEST_F(ManagerQueryTest, StorageMenu) {
+  const std::string idle = Add("a 0 1:10-20 2:20-30", 2000000000);  // 4000 MB: beyond 32 bits
+  const std::string empty = Add("c 1");
+  const std::string current = Add("usbdisk1 0 3:30-40", 1999999);
+  ipc_menu_disk_stream_t menu;
+  std::memset(&menu, 0x55, sizeof menu);
+  const std::pair<std::string, std::string> named[16] = {
+      {"a", idle}, {}, {"unused", idle}, {"usbdisk1", current}, {"no", "/tmp/not/managed"}, {"c", empty}};
+  for (int i = 0; i < 16; ++i) {
+    menu.entries[i].inUse = !named[i].first.empty() && i != 2;
+    // A name of 8 bytes has no terminator, and the path follows.
+    std::memcpy(menu.entries[i].diskName, named[i].first.c_str(),
+                std::min<size_t>(8, named[i].first.size() + 1));
+    std::memcpy(menu.entries[i].diskPath, named[i].second.c_str(), named[i].second.size() + 1);
+  }
+  ipc_menu_disk_stream_t expected = menu;
+  expected.kind = 2;
+  const int fields[][5] = {{0, 4000, 0, kT + 10, kT + 30}, {3, 1, 1, kT + 30, kT + 40}, {5, 0, 0, 0, 0}};
+  for (const auto& [i, size, writing, start, end] : fields) {
+    expected.entries[i].recordedSize = size;
+    expected.entries[i].writing = writing;
+    expected.entries[i].startTime = start;
+    expected.entries[i].endTime = end;
+  }
+  EXPECT_EQ(
+      "Dbg (fmgr) [a] IDLE , 1600000010 - 1600000030\n"
+      "Dbg (fmgr) [usbdisk1] WRITE, 1600000030 - 1600000040\n"
+      "Dbg (fmgr) [c] IDLE , 0 - 0\n",
+      StderrOf([&] { EXPECT_EQ(1, mManager->CollectTimeRange(menu)); }));
+  EXPECT_EQ(0, std::memcmp(&expected, &menu, sizeof menu));
+  mManager->mAltGroups = mManager->mGroups;  // whether a disk outside the rotation is written to is not known
+  mManager->mAltMode = menu.entries[0].writing = 1;
+  EXPECT_EQ(1, mManager->CollectTimeRange(menu));
+  EXPECT_EQ(1, menu.entries[0].writing);
+  mManager->mAltMode = 0;
+}
+
+class MonthTest : public ManagerQueryTest {
+ protected:
+  MonthTest() { SetZone("UTC"); }
+  static void SetZone(const char* zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  static std::string At(time_t start, time_t end) { return Text("1:%ld-%ld", start - kT, end - kT); }
+  // Months are counted from year 0. 0: none.
+  int Ask(int month, int direction) {
+    int year = -1;
+    int found = -1;
+    const bool any = mManager->GetRecentlyMonthInfo(month / 12, month % 12 + 1, year, found, direction);
+    return any ? year * 12 + found - 1 : 0;
+  }
+};
+
+// Recordings right before and right after the midnight that begins a month: an hour's error finds the wrong
+// one.
+TEST_F(MonthTest, FollowLocalTimeOverBothChangesOfTheClock) {
+  const struct {
+    const char* zone;
+    int month;
+    time_t midnight;  // that begins the month
+    int repeated;     // seconds until it comes once more
+  } rows[] = {
+      {"UTC", 2024 * 12, 1704067200, 0},
+      {"Europe/Berlin", 2024 * 12, 1704063600, 0},
+      {"Europe/Berlin", 2024 * 12 + 3, 1711922400, 0},   // summer time since the day before
+      {"Europe/Berlin", 2024 * 12 + 10, 1730415600, 0},  // winter time since four days
+      {"America/St_Johns", 2024 * 12 + 3, 1711938600, 0},
+      {"America/St_Johns", 2024 * 12 + 11, 1733023800, 0},
+      {"America/St_Johns", 2009 * 12 + 10, 1257042600, 3600},  // set back one minute after this midnight
+  };
+  for (const auto& [zone, month, midnight, repeated] : rows) {
+    SCOPED_TRACE(zone + std::to_string(month));
+    SetZone(zone);
+    const time_t last = midnight + repeated;
+    Begin({"a 0 " + At(midnight - 20, midnight - 10), "b 0 " + At(last, last + 20)});
+    const std::vector<int> months = {Ask(month - 2, 1), Ask(month - 1, 1), Ask(month, 1),
+                                     Ask(month - 1, 0), Ask(month, -1),    Ask(month + 1, 0)};
+    EXPECT_EQ((std::vector<int>{month - 1, month, 0, 0, month - 1, month}), months);
+    Begin({"a 0 " + At(midnight - 5, last + 5)});  // across the midnight: belongs to both months
+    EXPECT_EQ(month, Ask(month - 1, 1));
+    EXPECT_EQ(month - 1, Ask(month, 0));
+    Begin({"a 0 " + At(last, last + 20)});
+    EXPECT_EQ(0, Ask(month, 0));
+  }
+}
+
+TEST_F(MonthTest, WhatIsAskedAndOddities) {
+  constexpr int kNewYear = 1704067200;
+  // A recording in progress goes on for ever to the driver, so it is the answer for later months as well.
+  Add("usbdisk1 0 " + Text("7:%d", kNewYear + 60 - kT));
+  flc_spy::Clear();
+  EXPECT_EQ(2024 * 12, Ask(2024 * 12 - 1, 3));
+  ASSERT_EQ(1u, flc_spy::Requests().size());
+  const flc_file_info_param_t& sent = flc_spy::Requests()[0].file;
+  EXPECT_EQ(FLC_FILE_BY_TIME, flc_spy::Requests()[0].number);
+  const flc_file_info_param_t expected = FlcFileParam("usbdisk1", 7, kNewYear, 0, 0xffffffff, 3);
+  EXPECT_EQ(0, std::memcmp(&expected, &sent, sizeof sent));
+  EXPECT_EQ(2024 * 12, Ask(2024 * 12 + 4, 1));
+  EXPECT_EQ(2024 * 12, Ask(2024 * 12 + 4, 0));
+  EXPECT_EQ(0, Ask(2024 * 12, 0));
+  // A disk without a name can't be asked about.
+  mManager->CleanUpRepositoryGroup();
+  mManager->AddRepositoryGroup(mRoot->Path() + "/disk/usbdisk1/");
+  EXPECT_EQ("\033[31;1mErr (fmgr/include/Flc:93) Invalid parameter\n\033[0m",
+            StderrOf([&] { EXPECT_EQ(0, Ask(2024 * 12 - 1, 1)); }));
+}
+
+// What a question costs: the driver's requests, which a board pays for with system calls.
+TEST_F(ManagerQueryTest, RequestsPerQuestion) {
+  const std::vector<std::string> paths = BeginWalk();
+  std::string path;
+  const auto requestsOf = [](auto question) {
+    flc_spy::Clear();
+    EXPECT_EQ(0, static_cast<int>(question()));
+    return flc_spy::Requests().size();
+  };
+  // Six directories: each one's start once (its count and its oldest file), then its answer.
+  EXPECT_EQ(6u * 3, requestsOf([&] { return mManager->GetFilePath(kT + 2, path, 1); }));
+  EXPECT_EQ(1u, requestsOf([&] { return mManager->GetNextFilePath(paths[12], path); }));
+  EXPECT_EQ(1u, requestsOf([&] { return mManager->GetPrevFilePath(paths[12], path); }));
+  // Remove and add.
+  EXPECT_EQ(2u, requestsOf([&] { return mManager->RenameRecordFile(paths[12], kT + 1295, 1, path); }));
+  // A text with the paths of two directories in it belongs to the one that starts earlier.
+  for (const std::string& text : {paths[25] + paths[5], paths[5] + paths[25]}) {
+    EXPECT_EQ(2u + 4, requestsOf([&] { return mManager->RenameRecordFile(text, kT + 590, 1, path); }));
+    EXPECT_EQ(paths[5].substr(0, paths[5].rfind('/')), path.substr(0, path.rfind('/')));
+  }
+}
+
+}  // namespace
