@@ -18,6 +18,7 @@
 #include <climits>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <set>
@@ -209,6 +210,9 @@ std::string ReadAll(FILE* file) {
   std::vector<char*> list;
   for (const std::string& argument : arguments) list.push_back(const_cast<char*>(argument.c_str()));
   list.push_back(nullptr);
+  // The leak detector traces its own process, which can't be done while another one does.
+  const char* sanitizer = std::getenv("ASAN_OPTIONS");
+  setenv("ASAN_OPTIONS", ((sanitizer != nullptr ? sanitizer : "") + std::string(":detect_leaks=0")).c_str(), 1);
   dup2(out, STDOUT_FILENO);
   dup2(error, STDERR_FILENO);
   if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0 && raise(SIGSTOP) == 0 && InstallFilter()) {

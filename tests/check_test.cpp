@@ -124,10 +124,6 @@ const Planted kFaults[] = {
      }},
     {"NeverPutIntoPool", Fault::kLeftover, "/imf_prealloc/00000002.imf", "never put into the pool",
      [](const std::string& d) { MakeTestFile(d + "/imf_prealloc/00000002.imf", kSize); }},
-    {"EmptyPrealloc", Fault::kLeftover, "/imf_prealloc", "is empty",
-     [](const std::string& d) { fs::create_directory(d + "/imf_prealloc"); }},
-    {"OnTheDiskItself", Fault::kOutside, "/00000001.imf", "lies outside",
-     [](const std::string& d) { Move(d, "/imf_free/00000001.imf", "/00000001.imf"); }},
     {"InLostAndFound", Fault::kOutside, "/lost+found/sub/#123", "lies outside",
      [](const std::string& d) { Move(d, "/imf_free/00000001.imf", "/lost+found/sub/#123"); }},
     {"NameNobodyLooksFor", Fault::kOutside, "/data_00000001/backup", "nobody looks",
@@ -144,8 +140,6 @@ const Planted kFaults[] = {
      [](const std::string& d) { fs::create_directory(d + kData + "65000100_65000200_cm1.imf"); }},
     {"LinkAsRecord", Fault::kNoRegularFile, "/data_00000001/65000100_00000000.imf", "a symbolic link",
      [](const std::string& d) { fs::create_symlink(d + kData + kFirst, d + kData + "65000100_00000000.imf"); }},
-    {"FileAsDataDirectory", Fault::kNoRegularFile, "/data_00000003", "is not a directory",
-     [](const std::string& d) { Write(d + "/data_00000003", "x"); }},
     {"ShortDirectoryName", Fault::kDirectoryName, "/data_3", "data_00000003",
      [](const std::string& d) { fs::create_directory(d + "/data_3"); }},
     {"NoDirectoryNumber", Fault::kDirectoryName, "/data_old copy", "will be taken for one",
@@ -156,8 +150,6 @@ const Planted kFaults[] = {
      [](const std::string& d) { Write(d + kData + "it's \"notes\".txt", "x"); }},
     {"NoTimeInName", Fault::kName, "/data_00000001/holiday.imf", "no start time",
      [](const std::string& d) { MakeTestFile(d + kData + "holiday.imf", kSize); }},
-    {"HugeTimes", Fault::kName, "/data_00000001/f5000000_f5000001_cm1.imf", "end that can't be",
-     [](const std::string& d) { MakeTestFile(d + kData + "f5000000_f5000001_cm1.imf", kSize); }},
     {"OddSpelling", Fault::kName, "/data_00000001/65000000_6500000a_cm01.imf",
      "should be 65000000_6500000a_cm1.imf",
      [](const std::string& d) { Move(d, kData + kFirst, kData + "65000000_6500000a_cm01.imf"); }},
@@ -167,16 +159,12 @@ const Planted kFaults[] = {
      [](const std::string& d) { Move(d, kData + kFirst, kData + "64000000_64000010_cm1.imf"); }},
     {"OtherEnd", Fault::kHeader, "/data_00000001/65000014_65000020_cm1.imf", "another end",
      [](const std::string& d) { Move(d, kData + kThird, kData + "65000014_65000020_cm1.imf"); }},
-    {"OtherChannels", Fault::kHeader, "/data_00000001/65000014_6500001e_cm3.imf", "other channels, 0",
-     [](const std::string& d) { Move(d, kData + kThird, kData + "65000014_6500001e_cm3.imf"); }},
     {"NoHeader", Fault::kHeader, "/data_00000001/65000100_65000200_cm1.imf", "header is not valid",
      [](const std::string& d) { MakeTestFile(d + kData + "65000100_65000200_cm1.imf", kSize); }},
     {"TwoOfOneStart", Fault::kTwoStarts, "/data_00000001/65000000_00000000.imf", "same second as",
      [](const std::string& d) { MakeTestFile(d + kData + "65000000_00000000.imf", kSize); }},
     {"DbMissing", Fault::kSearchDb, "/data_00000001/search.fdb", "is missing",
      [](const std::string& d) { fs::remove(d + kData + "search.fdb"); }, true},
-    {"DbEmpty", Fault::kSearchDb, "/data_00000001/search.fdb", "is empty",
-     [](const std::string& d) { fs::resize_file(d + kData + "search.fdb", 0); }, true},
     {"DbIsText", Fault::kSearchDb, "/data_00000001/search.fdb", "can't be read",
      [](const std::string& d) { Write(d + kData + "search.fdb", std::string(9000, 'x')); }, true},
     {"DbIsDirectory", Fault::kSearchDb, "/data_00000001/search.fdb", "not a regular file",
@@ -199,6 +187,8 @@ const Planted kFaults[] = {
      },
      true},
 };
+
+void PrintTo(const Planted& planted, std::ostream* out) { *out << planted.name; }
 
 class CheckFault : public testing::TestWithParam<Planted> {};
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "Checker.h"
 #include "Command.h"
@@ -113,11 +114,9 @@ void DropBeingWritten(Reports* reports) {
 }
 
 void KeepCommon(const DiskReport& before, DiskReport* now) {
-  const auto isNew = [&](const Finding& finding) {
-    return std::none_of(before.findings.begin(), before.findings.end(), [&](const Finding& other) {
-      return other.fault == finding.fault && other.path == finding.path;
-    });
-  };
+  std::set<std::pair<Fault, std::string>> known;
+  for (const Finding& finding : before.findings) known.emplace(finding.fault, finding.path);
+  const auto isNew = [&](const Finding& finding) { return known.count({finding.fault, finding.path}) == 0; };
   now->findings.erase(std::remove_if(now->findings.begin(), now->findings.end(), isNew), now->findings.end());
 }
 
@@ -191,12 +190,11 @@ void PrintText(const std::string& root, const DiskReport& report) {
   line("quarantined", report.quarantined);
   line("outside", report.outside);
   line("wrong", report.Wrong());
-  std::vector<std::string> steps;
+  std::set<std::string> steps;
   for (const Finding& finding : report.findings) {
     std::printf("  %s: %s: %s\n", FaultName(finding.fault), Printable(finding.path).c_str(),
                 Printable(finding.what).c_str());
-    const std::string step = Printable(NextStep(root, report.path, finding));
-    if (std::find(steps.begin(), steps.end(), step) == steps.end()) steps.push_back(step);
+    steps.insert(Printable(NextStep(root, report.path, finding)));
   }
   for (const std::string& note : report.notes) std::printf("  note: %s\n", Printable(note).c_str());
   for (const std::string& step : steps) std::printf("  next: %s\n", step.c_str());

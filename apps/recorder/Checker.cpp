@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <set>
 
@@ -58,14 +59,6 @@ struct DataDirectory {
   std::vector<std::string> records;
   std::vector<std::string> searchDb;
 };
-
-// "N" of a pool file's name; -1 for any other name.
-int64_t PoolNumber(const std::string& name) {
-  const int64_t number = std::strtol(name.c_str(), nullptr, 10);
-  const bool isName =
-      number >= 0 && number <= INT32_MAX && name == FmgrRepository::MakeFileName(static_cast<int>(number));
-  return isName ? number : -1;
-}
 
 class DiskCheck {
  public:
@@ -376,6 +369,13 @@ int64_t DiskReport::Wrong() const {
   return std::count_if(findings.begin(), findings.end(), [](const Finding& finding) {
     return finding.isOfFile && finding.fault != Fault::kLeftover;
   });
+}
+
+int64_t PoolNumber(const std::string& name) {
+  const int64_t number = std::strtol(name.c_str(), nullptr, 10);
+  const bool isName =
+      number >= 0 && number < INT32_MAX && name == FmgrRepository::MakeFileName(static_cast<int>(number));
+  return isName ? number : -1;
 }
 
 DiskReport CheckDisk(const std::string& disk) { return DiskCheck(disk).Run(); }

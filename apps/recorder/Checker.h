@@ -9,9 +9,7 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace recorder {
@@ -62,6 +60,9 @@ struct DiskReport {
   int64_t Wrong() const;
   bool IsMostlyWrong() const { return Wrong() * 2 > Files(); }
 };
+
+// N of a pool file's name, eight digits and ".imf"; -1 for any other name.
+int64_t PoolNumber(const std::string& name);
 
 // `disk` without a slash at its end.
 DiskReport CheckDisk(const std::string& disk);

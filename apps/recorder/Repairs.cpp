@@ -4,12 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <map>
-#include <set>
 
 #include "Files.h"
 #include "ImfFile.h"
@@ -41,15 +40,9 @@ class Pool {
  public:
   explicit Pool(const DiskReport& report) : mPath(report.path + "/imf_free/"), mFileSize(report.fileSize) {
     for (const std::string& name : ListDirectory(mPath)) {
-      if (IsNumber(name)) mLast = std::max(mLast, Number(name));
+      mLast = std::max(mLast, PoolNumber(name));
     }
   }
-
-  static bool IsNumber(const std::string& name) {
-    const int64_t number = Number(name);
-    return number >= 0 && number < INT32_MAX && name == FmgrRepository::MakeFileName(static_cast<int>(number));
-  }
-  static int64_t Number(const std::string& name) { return std::strtol(name.c_str(), nullptr, 10); }
 
   // Puts the file behind the others, or where its own number is free. Tells what became of it.
   std::string Put(const std::string& path) {
@@ -59,11 +52,11 @@ class Pool {
       return "stays: not a file of the disk's size";
     }
     std::string name = NameOf(path);
-    if (!IsNumber(name) || Exists(mPath + name))
+    if (PoolNumber(name) < 0 || Exists(mPath + name))
       name = FmgrRepository::MakeFileName(static_cast<int>(mLast + 1));
     const std::string error = Move(path, mPath + name);
     if (!error.empty()) return "stays: can't become " + mPath + name + ": " + error;
-    mLast = std::max(mLast, Number(name));
+    mLast = std::max(mLast, PoolNumber(name));
     return "is free again as " + mPath + name;
   }
 
@@ -140,9 +133,9 @@ void ReturnOrphans(const DiskReport& report, const Say& say) {
     const auto place = places.find({info.st_dev, info.st_ino});
     if (finding.fault == Fault::kLeftover && place != places.end()) {
       if (unlink(path.c_str()) == 0) say(path, "is gone; the file is still " + place->second);
-    } else if (finding.fault == Fault::kOutside && !Pool::IsNumber(NameOf(path)) && HoldsRecording(path)) {
+    } else if (finding.fault == Fault::kOutside && PoolNumber(NameOf(path)) < 0 && HoldsRecording(path)) {
       say(path, Quarantine(report.path, path));
-    } else if (finding.fault != Fault::kLeftover || Pool::IsNumber(NameOf(path))) {
+    } else if (finding.fault != Fault::kLeftover || PoolNumber(NameOf(path)) >= 0) {
       say(path, pool.Put(path));
     } else {
       say(path, "stays: preparing gives no such name");
