@@ -76,7 +76,7 @@ void Recovery::NotifyFileFixed(ImfFile&, const std::string& newName, unsigned vi
 
 void Recovery::NotifyFileRemoved(const std::string& path, unsigned start, unsigned end, unsigned mask) {
   if (mQuarantining) {
-    std::printf("quarantined %s\n", path.c_str());
+    // Whoever does it knows whether it came to that.
   } else if (end == 0) {
     std::printf("discarded %s: it was never completed\n", path.c_str());
   } else {

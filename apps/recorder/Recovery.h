@@ -22,7 +22,7 @@ class Recovery : public RecoveryObserver, public ImfSegmentCloseInterface {
   void NoteState(const std::vector<Disk>& disks);
   void ReportState();
 
-  // The files removed until further notice go into quarantine, or are recycled.
+  // The files removed until further notice go into quarantine, which the caller reports, or are recycled.
   void SetQuarantining(bool quarantining) { mQuarantining = quarantining; }
   int Recycled() const { return mRecycled; }
 

@@ -221,10 +221,16 @@ bool Segments::Quarantine(const char* what, int error) {
   FmgrFileManager* manager = mDisks.Manager();
   mWriter.reset();
   mRecovery.SetQuarantining(true);
-  manager->MoveRecordFileToErrorRepository(mPath, 1);
+  const bool there = Exists(mPath);
+  const bool moved = manager->MoveRecordFileToErrorRepository(mPath, 1) == 1;
   mRecovery.SetQuarantining(false);
-  SyncDirectory(DirectoryOf(mPath));
-  mTotals.quarantined++;
+  if (!there || !moved || Exists(mPath)) {
+    Complain("cannot move %s to quarantine", mPath.c_str());
+  } else {
+    std::printf("quarantined %s\n", mPath.c_str());
+    mTotals.quarantined++;
+    SyncDirectory(DirectoryOf(mPath));
+  }
   if (++mFailures < kFailureLimit) return true;
 
   const FmgrRepositoryGroup* broken = manager->CurrentRepositoryGroup();

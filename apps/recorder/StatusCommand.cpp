@@ -131,6 +131,23 @@ void PrintText(const Capacity& capacity) {
   std::printf("\n");
 }
 
+// The disk of the newest file in progress. Between two segments there is none, and the disk of the newest data
+// directory is the one that the recorder goes on with, unless it has given that disk up.
+const FmgrRepositoryGroup* BeingWritten(const Disks& disks) {
+  const FmgrRepositoryGroup* writing = disks.Manager()->CurrentRepositoryGroup();
+  int newest = 0;
+  for (const FmgrRepositoryGroup* group : disks.Manager()->mGroups) {
+    if (group->mDataRepositories.empty()) continue;
+    const FmgrDataRepository& last = *group->mDataRepositories.back();
+    const std::string name = last.GetNewestFile();
+    const int start = FmgrDataRepository::FileNameToStartTimeSec(name);
+    if (last.IsCompletedFile(name) || start <= newest) continue;
+    newest = start;
+    writing = group;
+  }
+  return writing;
+}
+
 int Status(std::string root, bool json) {
   Disks disks;
   if (Refusal refusal = OpenToLook(&root, &disks)) {
@@ -145,7 +162,7 @@ int Status(std::string root, bool json) {
     FmgrRepositoryGroup* group = disks.Group(disk);
     if (group == nullptr) continue;
     DiskStatus status = Examine(disk, *group);
-    status.writing = recording && group == disks.Manager()->CurrentRepositoryGroup();
+    status.writing = recording && group == BeingWritten(disks);
     json ? PrintJson(status, capacity) : PrintText(status);
   }
   if (!json) PrintText(capacity);
