@@ -21,5 +21,5 @@ sed -n '/^```cpp$/,/^```$/p' "$readme" | sed '1d;$d' >"$scratch/example.cpp"
   $(pkg-config --define-variable=prefix="$scratch/stage$prefix" --cflags --libs filemanager-host)
 libraries=$(dirname "$(find "$scratch/stage" -name libfilemanager.so)")
 found=$(LD_LIBRARY_PATH=$libraries "$scratch/example" "$scratch/r" 2>"$scratch/log")
-want=$scratch/r/disk/a/data_00000001/5f5e10b4_5f5e10ef_cm1.imf
+want=$scratch/r/disk/a/data_00000002/5f5e10b4_5f5e10ef_cm1.imf
 [ "$found" = "$want" ] || { echo "expected $want, got $found"; cat "$scratch/log"; exit 1; }
