@@ -14,6 +14,7 @@ DESTDIR=$scratch/stage cmake --install "$build" >/dev/null
 pc=$(find "$scratch/stage" -name filemanager-host.pc)
 prefix=$(sed -n 's/^prefix=//p' "$pc")
 export PKG_CONFIG_PATH=${pc%/*}
+# shellcheck disable=SC2016
 sed -n '/^```cpp$/,/^```$/p' "$readme" | sed '1d;$d' >"$scratch/example.cpp"
 [ -s "$scratch/example.cpp" ] || { echo "the README has no program"; exit 1; }
 # shellcheck disable=SC2046
