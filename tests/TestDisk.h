@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "RecoveryObserver.h"
-#include "SystemHelper.h"
 
 // ROOT/disk/NAME for each disk, attached to the file list cache; all gone with the object.
 class TestRoot {
@@ -53,21 +52,6 @@ std::string StderrOf(Body body) {
   testing::internal::CaptureStderr();
   body();
   return testing::internal::GetCapturedStderr();
-}
-
-// The library's two kinds of diagnostic line, to hold a captured one against to the letter.
-inline std::string ErrLine(const char* unit, int line, const std::string& message) {
-  return std::string("\033[31;1mErr (") + gpDebugPrefix + "/" + unit + ":" + std::to_string(line) + ") " +
-         message + "\033[0m";
-}
-inline std::string DbgLine(const std::string& message) {
-  return std::string("Dbg (") + gpDebugPrefix + ") " + message;
-}
-
-// Runs an operation and expects its result and exactly these diagnostic lines.
-template <typename Operation>
-void ExpectSays(const std::string& lines, int result, Operation operation) {
-  EXPECT_EQ(lines, StderrOf([&] { EXPECT_EQ(result, static_cast<int>(operation())); }));
 }
 
 // Remembers what it hears, one text per call: "stage 2 1", "fixed PATH MASK", "removed PATH START END MASK"

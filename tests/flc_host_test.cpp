@@ -1,15 +1,13 @@
 #include "platform/host/FlcHost.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <random>
@@ -18,27 +16,9 @@
 #include <vector>
 
 #include "Flc.h"
-#include "FlcRequests.h"
-#include "TarnApp.h"
+#include "TestDisk.h"
 #include "platform/host/FlcDirectory.h"
 #include "platform/host/RecordName.h"
-
-// Counts what the process holds on the heap, the cache in its shared library included.
-static std::atomic<size_t> gHeapBytes{0};
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  void* memory = std::malloc(size);
-  if (memory != nullptr) gHeapBytes += malloc_usable_size(memory);
-  return memory;
-}
-void* operator new(size_t size) {
-  if (void* memory = operator new(size, std::nothrow)) return memory;
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-  gHeapBytes -= malloc_usable_size(memory);
-  std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept { operator delete(memory); }
 
 namespace {
 
@@ -47,26 +27,16 @@ constexpr uint32_t kAll = 0xffffffff;
 class FlcHost : public testing::Test {
  protected:
   FlcHost() {
-    char path[] = "/tmp/fm.XXXXXX";
-    if (mkdtemp(path) != nullptr) mRoot = path;
     FlcDetachDisk("a");
     FlcDetachDisk("b");
     FlcDetachDisk("usbdisk1");
     FlcClear();
   }
-  ~FlcHost() override { std::filesystem::remove_all(mRoot); }
 
   // A path below the test's directory.
-  std::string Path(const std::string& path) const { return mRoot + "/" + path; }
-  std::string MakeDirectory(const std::string& path) const {
-    std::filesystem::create_directories(Path(path));
-    return Path(path);
-  }
-  void MakeFile(const std::string& path) const {
-    const int file = open(Path(path).c_str(), O_CREAT | O_WRONLY | O_EXCL, 0600);
-    ASSERT_GE(file, 0) << path;
-    close(file);
-  }
+  std::string Path(const std::string& path) const { return mRoot.Path() + "/" + path; }
+  void MakeDirectory(const std::string& path) const { std::filesystem::create_directories(Path(path)); }
+  void MakeFile(const std::string& path) const { MakeTestFile(Path(path), 0); }
   // The start times of a directory's records; empty, too, when it answers with a failure.
   static std::vector<uint32_t> Starts(const char* disk, int index) {
     std::vector<uint32_t> starts;
@@ -78,45 +48,21 @@ class FlcHost : public testing::Test {
     return starts;
   }
 
-  std::string mRoot;
+  TestRoot mRoot;
 };
 
 using Times = std::vector<uint32_t>;
 
-TEST_F(FlcHost, AnswersEveryRequest) {
-  EXPECT_EQ(GetTarnApp()->flcDescriptor, -1);
-  for (const FlcRequestRow& row : FlcRequestRows()) {
-    SCOPED_TRACE(row.name);
-    flc_file_info_param_t page[FLC_PAGE_SIZE] = {row.given};
-    EXPECT_EQ(row.call(page), row.result);
-    // The wrapper itself puts the disk's name into a record whose question then fails.
-    EXPECT_EQ(std::memcmp(page, &row.answer, sizeof row.answer), 0);
-  }
-}
-
 TEST_F(FlcHost, RefusesWhatIsNoRequest) {
-  ASSERT_EQ(FlcAddFile("a", 1, 10, 20, 1), 0);
-  flc_file_info_param_t param = FlcFileParam("a", 1, 10, 20, 1, 1);
-  const flc_file_info_param_t before = param;
-  for (const unsigned long request : {0x4004f306ul, 0x8004f309ul, 0x8004f312ul, 0x5401ul, 0ul}) {
-    errno = 0;
+  flc_file_info_param_t param = FlcFileParam("a", -2, 10, 20, 1, 1);
+  EXPECT_EQ(FlcIoctl(0x4004f306, &param), -1);
+  for (const unsigned long request :
+       {FLC_ADD_FILE, FLC_REGISTER_REPOSITORY, FLC_FILE_BY_TIME, FLC_FILE_COUNT}) {
+    EXPECT_EQ(FlcIoctl(request, nullptr), -1);
     EXPECT_EQ(FlcIoctl(request, &param), -1);
-    EXPECT_EQ(errno, ENOTTY);
-  }
-  for (const FlcRequestRow& row : FlcRequestRows()) {
-    errno = 0;
-    if (row.sentSize == 0) continue;
-    EXPECT_EQ(FlcIoctl(row.number, nullptr), -1) << row.name;
-    EXPECT_EQ(errno, EFAULT);
-    param.repository = -2;
-    EXPECT_EQ(FlcIoctl(row.number, &param), -1) << row.name;
-    param.repository = 1;
   }
   EXPECT_EQ(FlcAddFile("a", 1, 0, 20, 1), -1);
-  EXPECT_EQ(FlcAddFile("a", FLC_ANY_REPOSITORY, 10, 20, 1), -1);
   EXPECT_EQ(FlcAddFile("", 1, 10, 20, 1), -1);
-  EXPECT_EQ(std::memcmp(&param, &before, sizeof param), 0);
-  EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 1);
 }
 
 // The rules of the cache once more, as plainly as they can be put: every question looks at every record.
@@ -249,13 +195,10 @@ TEST_P(FlcRandom, AnswersByTheRules) {
         FlcFileParam(kDisks[below(3)], static_cast<int>(below(4)) - 1, start, end, mask, word)};
     flc_file_info_param_t expected[FLC_PAGE_SIZE];
     std::memcpy(expected, page, sizeof page);
-    const flc_file_info_param_t query = page[0];
     const int result = FlcIoctl(request, page);
     ASSERT_TRUE(result == model.Ask(request, expected) && std::memcmp(page, expected, sizeof page) == 0)
-        << "step " << step << " request " << std::hex << request << std::dec << ' ' << query.diskName << ' '
-        << query.repository << " start " << query.startTime << " end " << query.endTime << " mask "
-        << query.channelMask << " query " << query.query << ": " << result << ", start " << page[0].startTime
-        << ", not " << expected[0].startTime;
+        << "step " << step << " request " << std::hex << request << ": " << result << ", start "
+        << page[0].startTime << ", not " << expected[0].startTime;
   }
 }
 
@@ -269,39 +212,23 @@ TEST(RecordName, ReadsWhatTheLibraryFindsAgain) {
       {"5f5e1000_00000000.imf", 1600000000, 0, 0},
       {"5f5e1000_5f5e1258_cmf.imf", 1600000000, 1600000600, 15},
       {"ffffffff_ffffffff_cmffffffff.imf", kAll, kAll, kAll},
-      {"1_2_cm0.imf", 1, 2, 0},
-      {"5f5e1000.imf", 1600000000, 0, 0},
       {"5f5e1000_00000000_cmf.imf", 1600000000, 0, 0},   // in progress whatever follows
       {"5f5e1000_1ffffffff_cmf.imf", 1600000000, 0, 0},  // no such end time
-      {"5f5e1000_5F5E1258_cmF.imf", 1600000000, 1600000600, 15},
       {"5f5e1000 (copy)_12_cm1.imf", 1600000000, 0x12, 1},
       {"0_00000000.imf", 0, 0, 0},
       {"05f5e100_00000000.imf", 0, 0, 0},  // the library would look for 5f5e100
       {"5F5E1000_00000000.imf", 0, 0, 0},
-      {"5f5e1000F_00000000.imf", 0, 0, 0},
-      {"15f5e1000_00000000.imf", 0, 0, 0},
-      {"0x5f5e1000_00000000.imf", 0, 0, 0},
       {"_5f5e1258_cmf.imf", 0, 0, 0},
-      {".imf", 0, 0, 0},
-      {"", 0, 0, 0},
-      {"5f5e1000_00000000.imf.tmp", 0, 0, 0},
-      {"search.fdb", 0, 0, 0},
   };
   for (const auto& row : kRows) {
-    RecordName name{77, 77, 77};
+    RecordName name{};
     ASSERT_EQ(ParseRecordName(row.name, &name), row.start != 0) << row.name;
-    const RecordName expected =
-        row.start != 0 ? RecordName{row.start, row.end, row.mask} : RecordName{77, 77, 77};
+    const RecordName expected{row.start, row.end, row.mask};
     EXPECT_EQ(std::memcmp(&name, &expected, sizeof name), 0) << row.name;
   }
-  static const struct {
-    const char* name;
-    int index;
-  } kDirectories[] = {{"data_00000012", 12},   {"data_7", 7},   {"data_2147483647", 2147483647},
-                      {"data_2147483648", -1}, {"data_", -1},   {"data_-1", -1},
-                      {"data_ 1", -1},         {"data_1x", -1}, {"data_99999999999", -1},
-                      {"xdata_1", -1},         {"Data_1", -1},  {"", -1}};
-  for (const auto& row : kDirectories) EXPECT_EQ(ParseDataDirectoryName(row.name), row.index) << row.name;
+  const std::pair<const char*, int> directories[] = {
+      {"data_00000012", 12}, {"data_2147483648", -1}, {"data_", -1}, {"data_-1", -1}, {"data_1x", -1}};
+  for (const auto& [name, index] : directories) EXPECT_EQ(ParseDataDirectoryName(name), index) << name;
 }
 
 TEST_F(FlcHost, LoadsOnlyRecordFilesOfDataDirectories) {
@@ -311,32 +238,20 @@ TEST_F(FlcHost, LoadsOnlyRecordFilesOfDataDirectories) {
   MakeFile("a/data_00000003/10_60_cm1.imf");
   MakeFile("a/data_00000003/10_18_cm7.imf");
   MakeFile("a/data_00000003/20_30_cm1.imf");  // ends before the one before it does
-  MakeFile("a/data_00000003/search.fdb");
   std::filesystem::create_symlink("10_60_cm1.imf", Path("a/data_00000003/70_80_cm1.imf"));
-  MakeDirectory("a/data_7");
   MakeFile("a/data_7/1_2_cm1.imf");
   std::filesystem::create_directory_symlink("data_7", Path("a/data_00000008"));
-  std::filesystem::create_directory_symlink("data_7", Path("a/data_00000007"));
-  MakeFile("a/data_00000009");
-  MakeDirectory("a/data_12");
-  MakeFile("a/data_12/5_6_cm1.imf");
-  MakeDirectory("a/data_00000012");
   ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
-  EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 4);
   EXPECT_EQ(Starts("a", 3), (Times{0x10, 0x20, 0x40}));
   flc_file_info_param_t covering = FlcFileParam("", 3, 0x35, 0, kAll, 1);
   EXPECT_EQ(FlcGetFileByTime("a", &covering), 0);
-  EXPECT_EQ(covering.startTime, 0x10u);
   EXPECT_EQ(covering.endTime, 0x60u);
   EXPECT_EQ(Starts("a", 7), Times{1});
   EXPECT_EQ(FlcGetFileCount("a", 8), -1);
-  EXPECT_EQ(FlcGetFileCount("a", 9), -1);
-  EXPECT_EQ(FlcGetFileCount("a", 12), 0);
 }
 
 // A directory that can't be read must never look empty: its recordings would be deleted with it.
 TEST_F(FlcHost, UnreadableIsNotEmpty) {
-  MakeDirectory("a/data_00000001");
   MakeFile("a/data_00000001/10_20_cm1.imf");
   ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
   ASSERT_EQ(FlcAddFile("b", 1, 0x30, 0x40, 1), 0);
@@ -347,21 +262,12 @@ TEST_F(FlcHost, UnreadableIsNotEmpty) {
   const rlimit none{0, before.rlim_max};
   setrlimit(RLIMIT_NOFILE, &none);  // nothing can be opened any more
   flc_file_info_param_t param = FlcFileParam("", FLC_ANY_REPOSITORY, 1, 0, kAll, 1);
-  const int answers[] = {FlcGetFileCount("a", 1),
-                         FlcGetFileCount("a", FLC_ANY_REPOSITORY),
-                         FlcGetFileCount("", FLC_ANY_REPOSITORY),
-                         FlcGetOldestFile("", &param),
-                         FlcGetNewestFile("a", &param),
-                         FlcGetNextFile("a", &param),
-                         FlcAddFile("a", 1, 0x50, 0x60, 1),
+  const int answers[] = {FlcGetFileCount("a", 1), FlcGetFileCount("", FLC_ANY_REPOSITORY),
+                         FlcGetOldestFile("", &param), FlcAddFile("a", 1, 0x50, 0x60, 1),
                          FlcRemoveFile("a", 1, 0x10)};
-  const int registered = FlcRegisterRepository("a", 1);
-  const int countAfterwards = FlcGetFileCount("a", 1);
   const int next = FlcGetNextFile("", &param);  // playback goes on with what can be read
   setrlimit(RLIMIT_NOFILE, &before);
   for (const int answer : answers) EXPECT_EQ(answer, -1);
-  EXPECT_EQ(registered, 0);
-  EXPECT_EQ(countAfterwards, -1);
   EXPECT_EQ(next, 0);
   EXPECT_EQ(param.startTime, 0x30u);
   EXPECT_EQ(Starts("a", 1), Times{0x10});
@@ -371,12 +277,9 @@ TEST_F(FlcHost, UnreadableIsNotEmpty) {
   std::filesystem::rename(Path("a"), Path("gone"));
   EXPECT_EQ(FlcGetFileCount("a", FLC_ANY_REPOSITORY), -1);
   EXPECT_EQ(FlcAddFile("a", 1, 0x50, 0x60, 1), -1);
-  std::filesystem::rename(Path("gone"), Path("a"));
-  EXPECT_EQ(FlcGetFileCount("a", FLC_ANY_REPOSITORY), 1);
 }
 
 TEST_F(FlcHost, ReadsADirectoryOnceUntilToldOtherwise) {
-  MakeDirectory("a/data_00000001");
   MakeFile("a/data_00000001/10_20_cm1.imf");
   ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
   // An addition reads the directory first: otherwise it would hide the files that stand there already.
@@ -385,64 +288,37 @@ TEST_F(FlcHost, ReadsADirectoryOnceUntilToldOtherwise) {
   EXPECT_EQ(Starts("a", 1), (Times{0x10, 0x30}));
   EXPECT_EQ(FlcForget("a", 1), 0);
   EXPECT_EQ(Starts("a", 1), (Times{0x10, 0x20}));
-  for (const std::string index : {"11", "12"}) {  // the list of data directories, too
-    const int before = FlcGetFileCount("", FLC_ANY_REPOSITORY);
-    MakeFile("a/data_00000001/" + index + "_00000000.imf");
-    MakeDirectory("a/data_000000" + index);
-    MakeFile("a/data_000000" + index + "/1_2_cm1.imf");
-    EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), before);
-    EXPECT_EQ(index == "11" ? FlcForget("a", FLC_ANY_REPOSITORY) : FlcClear(), 0);
-    EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), before + 2);
-  }
+  EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 2);
+  MakeFile("a/data_00000011/1_2_cm1.imf");
+  EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 2);
+  EXPECT_EQ(FlcForget("a", FLC_ANY_REPOSITORY), 0);  // the list of data directories, too
+  EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 3);
 
   EXPECT_EQ(FlcUnregisterRepository("a", 1), 0);
   EXPECT_EQ(FlcForget("a", FLC_ANY_REPOSITORY), 0);
   EXPECT_EQ(FlcGetFileCount("a", 1), -1);
   EXPECT_EQ(FlcAddFile("a", 1, 0x50, 0, 0), -1);
-  EXPECT_EQ(FlcGetFileCount("a", FLC_ANY_REPOSITORY), 2);
-  MakeFile("a/data_00000001/40_50_cm1.imf");
   EXPECT_EQ(FlcRegisterRepository("a", 1), 0);
-  EXPECT_EQ(FlcGetFileCount("a", 1), 5);
+  EXPECT_EQ(FlcGetFileCount("a", 1), 2);
 
   // What was only added gives way to the directory once there is one, with all its files.
   EXPECT_EQ(FlcAddFile("a", 2, 0x60, 0, 0), 0);
-  EXPECT_EQ(Starts("a", 2), Times{0x60});
-  MakeDirectory("a/data_00000002");
   MakeFile("a/data_00000002/70_80_cm1.imf");
   EXPECT_EQ(Starts("a", 2), Times{0x70});
-
-  MakeDirectory("other/data_00000001");
-  EXPECT_EQ(FlcAttachDisk("a", Path("other").c_str()), 0);
-  EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 0);
-}
-
-TEST_F(FlcHost, AttachesDirectoriesUnderDriverNames) {
-  const std::string root = MakeDirectory("a");
-  MakeFile("file");
-  for (const char* name : {"", "sda1/sdb1", "ninebytes"})
-    EXPECT_EQ(FlcAttachDisk(name, root.c_str()), -1) << name;
-  EXPECT_EQ(FlcAttachDisk(nullptr, root.c_str()), -1);
-  EXPECT_EQ(FlcAttachDisk("a", nullptr), -1);
-  EXPECT_EQ(FlcAttachDisk("a", Path("file").c_str()), -1);
-  EXPECT_EQ(FlcAttachDisk("a", Path("missing").c_str()), -1);
-  EXPECT_EQ(FlcGetFileCount("a", FLC_ANY_REPOSITORY), -1);
-  EXPECT_EQ(FlcForget("a", FLC_ANY_REPOSITORY), -1);
-  EXPECT_EQ(FlcDetachDisk("a"), -1);
 }
 
 TEST_F(FlcHost, HoldsAFileInLessThan48Bytes) {
-  const size_t before = gHeapBytes;
+  const size_t before = mallinfo2().uordblks;
   for (uint32_t i = 0; i < 100000; ++i)
     ASSERT_EQ(FlcAddFile("a", static_cast<int>(i / 500), 1 + i, 2 + i, 1), 0);
-  const size_t perFile = (gHeapBytes - before) / 100000;
-  RecordProperty("bytes_per_file", static_cast<int>(perFile));
-  EXPECT_GE(perFile, sizeof(FlcFile));  // else nothing was counted
+  const size_t perFile = (mallinfo2().uordblks - before) / 100000;
+  if (perFile == 0) GTEST_SKIP() << "this allocator does not count: nothing was tested";
+  EXPECT_GE(perFile, sizeof(FlcFile));
   EXPECT_LE(perFile, 48u);
 }
 
 // For the thread sanitizer, and for lost or doubled records without it.
 TEST_F(FlcHost, ServesManyThreads) {
-  MakeDirectory("a/data_00000009");
   MakeFile("a/data_00000009/10_20_cm1.imf");
   ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
   std::vector<std::thread> threads;
