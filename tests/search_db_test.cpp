@@ -123,6 +123,25 @@ TEST_F(SearchDbTest, HostileDatabases) {
   EXPECT_EQ(fs::file_size(mDirectory + "elsewhere"), good.size());
 }
 
+TEST_F(SearchDbTest, LockedOrReadOnlyIsAFailureAndNoLoss) {
+  ASSERT_TRUE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({100, 199, 1}));
+  sqlite3* holder = nullptr;
+  ASSERT_EQ(sqlite3_open(mPath.c_str(), &holder), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+  EXPECT_FALSE(SearchDb(mDirectory, SEARCH_DB_WRITE).Remove(100));
+  EXPECT_TRUE(IsMarked()) << "a change that could not be made: the next start rebuilds";
+  sqlite3_close(holder);
+
+  fs::permissions(mPath, fs::perms::owner_read | fs::perms::others_read);
+  if (geteuid() == 0) {
+    fs::permissions(mRoot.Path(), fs::perms::owner_all | fs::perms::others_exec);
+    ASSERT_EQ(seteuid(65534), 0);
+  }
+  EXPECT_FALSE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({300, 399, 1}));
+  EXPECT_EQ(seteuid(getuid()), 0);
+  EXPECT_EQ(Search(), Recordings(1, {100, 199, 1}));
+}
+
 // A recorder that dies in mid-change leaves SQLite's journal beside the database, and searches have to go on.
 TEST_F(SearchDbTest, ChangeCutOffIsTakenBackByTheNextSearch) {
   ASSERT_TRUE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({100, 199, 1}));
