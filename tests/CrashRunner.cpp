@@ -208,6 +208,7 @@ std::string ReadAll(FILE* file) {
 
 [[noreturn]] void BecomeProgram(const std::vector<std::string>& arguments, int out, int error) {
   std::vector<char*> list;
+  list.reserve(arguments.size() + 1);
   for (const std::string& argument : arguments) list.push_back(const_cast<char*>(argument.c_str()));
   list.push_back(nullptr);
   // The leak detector traces its own process, which can't be done while another one does.

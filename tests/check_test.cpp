@@ -53,7 +53,7 @@ void Rebuild(const std::string& directory) {
 
 // A disk of seven files: three recordings in data_00000001 and one in data_00000002, two free, one quarantined.
 std::string MakeHealthyDisk(TestRoot& root, const std::string& name) {
-  const std::string disk = root.AddDisk(name, 2, kSize);
+  std::string disk = root.AddDisk(name, 2, kSize);
   const std::string data = disk + "/data_00000001/";
   WriteRecording(data + kFirst, kStart);
   WriteRecording(data + kSecond, kStart + 10);
@@ -140,9 +140,7 @@ const Planted kFaults[] = {
      [](const std::string& d) { fs::create_directory(d + kData + "65000100_65000200_cm1.imf"); }},
     {"LinkAsRecord", Fault::kNoRegularFile, "/data_00000001/65000100_00000000.imf", "a symbolic link",
      [](const std::string& d) { fs::create_symlink(d + kData + kFirst, d + kData + "65000100_00000000.imf"); }},
-    {"ShortDirectoryName", Fault::kDirectoryName, "/data_3", "data_00000003",
-     [](const std::string& d) { fs::create_directory(d + "/data_3"); }},
-    {"NoDirectoryNumber", Fault::kDirectoryName, "/data_old copy", "will be taken for one",
+    {"NoDirectoryNumber", Fault::kDirectoryName, "/data_old copy", "is left alone",
      [](const std::string& d) { fs::create_directory(d + "/data_old copy"); }},
     {"TwoDirectories", Fault::kTwoDirectories, "/data_1", "same number as data_00000001",
      [](const std::string& d) { fs::create_directory(d + "/data_1"); }},
@@ -157,8 +155,6 @@ const Planted kFaults[] = {
      [](const std::string& d) { Move(d, kData + kThird, kData + "65000014_00000000.imf"); }},
     {"OtherStart", Fault::kHeader, "/data_00000001/64000000_64000010_cm1.imf", "a recording that starts at",
      [](const std::string& d) { Move(d, kData + kFirst, kData + "64000000_64000010_cm1.imf"); }},
-    {"OtherEnd", Fault::kHeader, "/data_00000001/65000014_65000020_cm1.imf", "another end",
-     [](const std::string& d) { Move(d, kData + kThird, kData + "65000014_65000020_cm1.imf"); }},
     {"NoHeader", Fault::kHeader, "/data_00000001/65000100_65000200_cm1.imf", "header is not valid",
      [](const std::string& d) { MakeTestFile(d + kData + "65000100_65000200_cm1.imf", kSize); }},
     {"TwoOfOneStart", Fault::kTwoStarts, "/data_00000001/65000000_00000000.imf", "same second as",
@@ -256,6 +252,7 @@ TEST_F(CheckCommand, FindingsAreLinesOfJsonWhateverTheNames) {
 }
 
 TEST_F(CheckCommand, ReturnsOrphansAndKeepsRecordings) {
+  MakeTestFile(mDisk + "/imf_free/spare.imf", kSize);  // the pool would count on from it, and lose another
   const std::set<unsigned long> all = InodesOf(mDisk);
   fs::create_directory(mDisk + "/imf_prealloc");
   fs::create_hard_link(mDisk + "/imf_free/00000000.imf", mDisk + "/imf_prealloc/00000000.imf");
@@ -264,16 +261,10 @@ TEST_F(CheckCommand, ReturnsOrphansAndKeepsRecordings) {
   EXPECT_EQ(1, Check("--return-orphans").status) << "the search database still lists what was moved";
   EXPECT_EQ(0, Check("--rebuild-index").status);
   ExpectEachInOnePlace(mDisk, all);
-  EXPECT_EQ((std::vector<std::string>{"00000000.imf", "00000001.imf"}), NamesIn(mDisk + "/imf_free"));
+  EXPECT_EQ((std::vector<std::string>{"00000000.imf", "00000001.imf", "00000002.imf"}),
+            NamesIn(mDisk + "/imf_free"));
   EXPECT_TRUE(fs::exists(mDisk + "/imf_error/" + kFirst)) << "a recording must not be handed out";
   EXPECT_FALSE(fs::exists(mDisk + "/imf_prealloc"));
-}
-
-TEST_F(CheckCommand, PoolNameThatWouldBeGivenOutTwiceGetsANumber) {
-  const std::set<unsigned long> all = InodesOf(mDisk);
-  Move(mDisk, "/imf_free/00000001.imf", "/imf_free/spare.imf");
-  EXPECT_EQ(0, Check("--return-orphans").status);
-  ExpectEachInOnePlace(mDisk, all);
 }
 
 TEST_F(CheckCommand, RepairsNames) {

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -59,6 +60,8 @@ struct DataDirectory {
   std::vector<std::string> records;
   std::vector<std::string> searchDb;
 };
+
+std::string Join(const std::string& directory, const std::string& name) { return directory + "/" + name; }
 
 class DiskCheck {
  public:
@@ -136,7 +139,7 @@ void DiskCheck::WalkPool(const std::string& directory) {
   std::vector<std::string> names;
   if (!Look(directory, &info, true) || !List(directory, &names)) return;
   for (const std::string& name : names) {
-    const std::string path = directory + "/" + name;
+    const std::string path = Join(directory, name);
     if (!Look(path, &info, false)) continue;
     Add(path, info, HasSuffix(name, ".imf") ? Place::kPool : Place::kForeign);
     if (!HasSuffix(name, ".imf")) continue;
@@ -156,13 +159,14 @@ void DiskCheck::WalkData(const std::string& name) {
   const std::string path = mReport.path + "/" + name;
   if (!Look(path, &info, true)) return;
   const int number = ParseDataDirectoryName(name);
+  if (number < 0) {
+    Find(Fault::kDirectoryName, path, "is not a data directory and is left alone");
+    return WalkElsewhere(path, 0);
+  }
   char proper[32];
   std::snprintf(proper, sizeof proper, "data_%08d", number);
   const auto [other, isFirst] = mNumbers.emplace(number, name);
-  if (number < 0) {
-    Find(Fault::kDirectoryName, path, "is not a data directory, but will be taken for one");
-    mNumbers.erase(number);
-  } else if (!isFirst) {
+  if (!isFirst) {
     Find(Fault::kTwoDirectories, path, "has the same number as " + other->second);
   } else if (name != proper) {
     Find(Fault::kDirectoryName, path, std::string("should be called ") + proper);
@@ -176,8 +180,8 @@ void DiskCheck::WalkData(const std::string& name) {
       continue;
     }
     const bool isRecord = HasSuffix(entry, ".imf");
-    if (entry.rfind(".search.fdb", 0) == 0 || !Look(path + "/" + entry, &info, false)) continue;
-    Add(path + "/" + entry, info, isRecord ? Place::kData : Place::kForeign);
+    if (entry.rfind(".search.fdb", 0) == 0 || !Look(Join(path, entry), &info, false)) continue;
+    Add(Join(path, entry), info, isRecord ? Place::kData : Place::kForeign);
     if (isRecord) directory.records.push_back(entry);
   }
   mDirectories.push_back(directory);
@@ -189,7 +193,7 @@ void DiskCheck::WalkSimple(const std::string& directory, Place place) {
   std::vector<std::string> names;
   if (!Look(directory, &info, true) || !List(directory, &names)) return;
   for (const std::string& name : names) {
-    const std::string path = directory + "/" + name;
+    const std::string path = Join(directory, name);
     if (lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) Add(path, info, place);
   }
   if (place == Place::kPrealloc && names.empty()) {
@@ -199,9 +203,13 @@ void DiskCheck::WalkSimple(const std::string& directory, Place place) {
 
 void DiskCheck::WalkElsewhere(const std::string& directory, int depth) {
   std::vector<std::string> names;
+  if (access(directory.c_str(), R_OK | X_OK) != 0) {  // as lost+found for anybody but root
+    mReport.notes.push_back(directory + " can't be looked through");
+    return;
+  }
   if (depth > kDeepest || !List(directory, &names)) return;
   for (const std::string& name : names) {
-    const std::string path = directory + "/" + name;
+    const std::string path = Join(directory, name);
     struct stat info = {};
     if (lstat(path.c_str(), &info) != 0 || info.st_dev != mDevice) continue;
     if (S_ISREG(info.st_mode)) Add(path, info, Place::kElsewhere);
@@ -316,7 +324,7 @@ DiskReport DiskCheck::Run() {
   });
   if (mReport.missing) return mReport;
   for (const std::string& name : names) {
-    const std::string path = mReport.path + "/" + name;
+    const std::string path = Join(mReport.path, name);
     if (name == "imf_free") {
       WalkPool(path);
     } else if (name == "imf_error" || name == "imf_prealloc") {

@@ -83,8 +83,10 @@ std::map<Inode, std::string> ListPlaces(const std::string& disk) {
   std::map<Inode, std::string> places;
   for (const std::string& place : ListDirectory(disk)) {
     if (place != "imf_free" && place != "imf_error" && place.rfind("data_", 0) != 0) continue;
-    for (const std::string& name : ListDirectory(disk + "/" + place)) {
-      const std::string path = disk + "/" + place + "/" + name;
+    std::string directory = disk;
+    directory.append("/").append(place).append("/");
+    for (const std::string& name : ListDirectory(directory)) {
+      const std::string path = directory + name;
       struct stat info = {};
       if (lstat(path.c_str(), &info) == 0) places[{info.st_dev, info.st_ino}] = path;
     }
