@@ -178,13 +178,12 @@ class Picture {
     const std::vector<Span> merged = Merge(row.spans, mTimeline.since, mTimeline.until);
     for (const Span& span : merged) {
       if (span.growing) continue;
-      Fill(colour, X(span.begin), y, X(span.end) - X(span.begin), height);
+      Fill(colour, X(span.begin), y, std::max(X(span.end) - X(span.begin), 1.0), height);
     }
-    // Where one record file ends and the next begins, if there is room to show it.
-    if (!row.spans.empty() && (kRowsRight - kRowsLeft) / static_cast<double>(row.spans.size()) >= 8) {
-      for (const Span& span : row.spans) {
-        if (span.begin > mTimeline.since) Line(kPaper, X(span.begin), y, y + height);
-      }
+    // Where a record file begins, unless it is so narrow that the mark would hide it.
+    for (const Span& span : row.spans) {
+      if (span.begin > mTimeline.since && X(span.end) - X(span.begin) >= 8)
+        Line(kPaper, X(span.begin), y, y + height);
     }
     for (const Span& span : merged) {
       if (span.growing) Fill(kGrowing, X(span.begin), y, std::max(X(span.end) - X(span.begin), 3.0), height);
