@@ -199,9 +199,8 @@ class Tracer {
 
 std::string ReadAll(FILE* file) {
   std::string text;
-  char buffer[4096];
   std::rewind(file);
-  for (size_t got = 0; (got = std::fread(buffer, 1, sizeof buffer, file)) > 0;) text.append(buffer, got);
+  for (int byte = 0; (byte = std::fgetc(file)) != EOF;) text += static_cast<char>(byte);
   std::fclose(file);
   return text;
 }
