@@ -28,17 +28,15 @@ __attribute__((format(printf, 1, 2))) inline std::string Text(const char* format
 
 inline std::string DataDir(const std::string& disk, int index) { return disk + Text("/data_%08d/", index); }
 
-// Start and end in seconds after kT; end 0: in progress. As text "INDEX:START-END" or "INDEX:START".
-inline std::string PathOf(const std::string& disk, int index, unsigned start, unsigned end) {
-  return DataDir(disk, index) +
-         (end == 0 ? Text("%x_00000000.imf", kT + start) : Text("%x_%x_cm1.imf", kT + start, kT + end));
-}
+// Of a recording "INDEX:START-END", or "INDEX:START" when it is in progress; in seconds after kT.
 inline std::string PathOf(const std::string& disk, const std::string& recording) {
   int index = 0;
   unsigned start = 0;
   unsigned end = 0;
-  EXPECT_LE(2, std::sscanf(recording.c_str(), "%d:%u-%u", &index, &start, &end)) << recording;
-  return PathOf(disk, index, start, end);
+  const int fields = std::sscanf(recording.c_str(), "%d:%u-%u", &index, &start, &end);
+  EXPECT_LE(2, fields) << recording;
+  return DataDir(disk, index) +
+         (fields == 2 ? Text("%x_00000000.imf", kT + start) : Text("%x_%x_cm1.imf", kT + start, kT + end));
 }
 
 inline std::string LinkTarget(const char* link) {
@@ -47,10 +45,6 @@ inline std::string LinkTarget(const char* link) {
 }
 
 inline bool IsThere(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
-inline std::string ErrorLine(int line, const std::string& message) {
-  return Text("\033[31;1mErr (fmgr/FmgrFileManager:%d) ", line) + message + "\n\033[0m";
-}
 
 class ManagerTest : public testing::Test {
  protected:

