@@ -306,9 +306,11 @@ TEST_P(Crash, LosesNothing) {
     ++points;
     if (result.total_part_count() != before) {
       ++failures;
-      std::printf("FAILED; again: CRASH_REPLAY=%zu:%zu\n", killAt, second);
+      std::printf("FAILED; again: CRASH_REPLAY=%zu:%zu crash_test --gtest_filter='*%s'\n", killAt, second,
+                  scenario.name);
     }
     if (replayAt != 0) break;
+    if (points % 50 == 0) std::printf("%s: %zu of %zu points\n", scenario.name, points, whole.changes.size());
   }
   std::printf(
       "%s: killed at %zu points, one before each change to the disks, and at %zu of them in the recovery too\n",
