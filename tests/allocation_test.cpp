@@ -37,17 +37,19 @@ class AllocationTest : public ManagerTest {
 TEST_F(AllocationTest, FromFreeFileToCompletedRecording) {
   const std::string disk = Add("a 2");
   const std::set<unsigned long> inodes = InodesOf(disk);
+  EXPECT_EQ(0, mManager->MakeCheckInitDataRepository());
+  EXPECT_EQ(DataDir(disk, 1), LinkTarget("/tmp/curr_rep"));
   std::string path;
-  EXPECT_EQ(0, Make(0, path));  // a disk without a data directory gets its first one
+  EXPECT_EQ(0, Make(0, path));
   EXPECT_EQ(PathOf(disk, "1:0"), path);
   EXPECT_EQ(disk, LinkTarget("/tmp/curr_disk"));
-  EXPECT_EQ(DataDir(disk, 1), LinkTarget("/tmp/curr_rep"));
   std::string completed;
   EXPECT_EQ(0, mManager->RenameRecordFile(path, kT + 60, 1, completed));
   EXPECT_EQ(PathOf(disk, "1:0-60"), completed);
   ExpectEachInOnePlace(disk, inodes);
   // Deliberate: the owner is found by its path anywhere in the text, and what the rename did is not told.
   EXPECT_EQ(0, mManager->RenameRecordFile("elsewhere" + completed, kT + 61, 1, path));
+  EXPECT_EQ(12, mManager->RenameRecordFile(disk + "/imf_free/00000001.imf", kT + 61, 1, path));
 }
 
 TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
@@ -85,6 +87,7 @@ TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
   ASSERT_EQ(0, mkdir(DataDir(disk, 1).c_str(), 0700));  // behind the library's back
   std::string path;
   EXPECT_EQ(11, Make(0, path));
+  EXPECT_EQ(11, mManager->MakeCheckInitDataRepository());
   EXPECT_EQ(1, mManager->GetFreeFileCount());
 }
 
