@@ -129,6 +129,10 @@ Refusal Disks::OpenForRecording(const Recording& recording) {
   mManager->mGroupParamA = recording.observer;
   mManager->mGroupParamB = recording.segmentClose;
   for (const Disk& disk : mDisks) {
+    if (Exists(disk.path + "/imf_prealloc")) {
+      Complain("disk %s: preparing it was cut off; recorder check --return-orphans finishes it",
+               disk.name.c_str());
+    }
     if (mManager->AddRepositoryGroup(disk.path) != 1) Complain("disk %s cannot be read", disk.name.c_str());
   }
   LeaveForeignDirectories();

@@ -77,13 +77,17 @@ DiskStatus Examine(const Disk& disk, FmgrRepositoryGroup& group) {
   status.path = disk.path;
   status.free = group.GetFreeFileCount();
   status.used = group.GetRecordFileCount();
-  status.quarantined = group.mErrorRepository.GetFileCount();
   status.fileSize = static_cast<uint64_t>(group.GetFileSize());
-  for (const std::string& name : group.mErrorRepository.files) {
+  // The library's list leaves out files whose name was taken when they came ("...imf2"); they stay visible
+  // here.
+  for (const std::string& name : ListDirectory(disk.path + "/imf_error")) {
     struct stat st;
-    if (lstat(group.mErrorRepository.FileNameToPath(name).c_str(), &st) == 0) {
-      status.quarantinedBytes += static_cast<uint64_t>(st.st_size);
+    if (name.find(".imf") == std::string::npos || lstat((disk.path + "/imf_error/" + name).c_str(), &st) != 0 ||
+        !S_ISREG(st.st_mode)) {
+      continue;
     }
+    ++status.quarantined;
+    status.quarantinedBytes += static_cast<uint64_t>(st.st_size);
   }
   group.GetTimeRange(status.first, status.last);
   return status;
