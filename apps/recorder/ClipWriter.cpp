@@ -56,7 +56,7 @@ bool ClipWriter::Open(const std::string& path, const ImfStreamInfo& stream, cons
   mStream = stream;
   const AVCodecDescriptor* codec = avcodec_descriptor_get_by_name(stream.codecName.c_str());
   if (codec == nullptr) {
-    mError = "its coding '" + stream.codecName + "' is not known";
+    mError = "the coding '" + stream.codecName + "' is not known";
     return false;
   }
   const std::string url = "file:" + path;  // a colon in the path is no protocol
@@ -82,7 +82,7 @@ bool ClipWriter::Open(const std::string& path, const ImfStreamInfo& stream, cons
   if (result < 0) return Fail(result);
   result = avformat_write_header(mContext, nullptr);
   if (result == AVERROR(EINVAL)) {
-    mError = "its coding '" + stream.codecName + "' cannot be put into an MP4 file";
+    mError = "the coding '" + stream.codecName + "' cannot be put into an MP4 file";
     return false;
   }
   return result >= 0 || Fail(result);
@@ -110,7 +110,7 @@ bool ClipWriter::FindExtraData(const ImfPacket& first) {
   av_packet_unref(mPacket);
   av_bsf_free(&filter);
   if (parameters->extradata_size > 0) return true;
-  mError = "its parameter sets are neither in the stream's description nor in the first key frame";
+  mError = "the stream's parameter sets are neither in its description nor in the first key frame";
   return false;
 }
 
