@@ -133,6 +133,15 @@ TEST_F(AllocationTest, WhenANewDataDirectoryIsDue) {
   }
 }
 
+// 10 lies between two limits of the menu and has always meant "no limit"; so does what the menu does not know.
+TEST_F(AllocationTest, ServesTheMenusValuesForTheTimeLimit) {
+  const int hours[] = {0, 12, 24, 48, 72, 96, 120, 144, 168, 336, 0, 672, 720, 1440, 2160, 0};
+  for (int value = 0; value < 16; ++value) {
+    mManager->SetPreserveLimitHour(static_cast<ipc_preserve_limit_e>(value));
+    EXPECT_EQ(hours[value], mManager->mPreserveLimitHour) << value;
+  }
+}
+
 TEST_F(AllocationTest, RecordingsBeyondThePreservationLimitGo) {
   constexpr int kHour = 3600;
   RecordingObserver observer;
