@@ -210,6 +210,24 @@ TEST_F(RecorderQuery, ListsAgreeWithTheNames) {
   EXPECT_EQ(sProgram->out, "{\"year\":2024,\"month\":5}\n{\"year\":2024,\"month\":6}\n");
 }
 
+TEST_F(RecorderQuery, DrawsTimelines) {
+  EXPECT_EQ(sProgram->Shell("COLUMNS=100 " RECORDER_PROGRAM " timeline --root " + sRoot->Path()), 0);
+  EXPECT_EQ(sProgram->out.find('\033'), std::string::npos) << "no colours in a file";
+  for (const char* row :
+       {"\nchannel 0 \u2588\u2588", "\nchannel 1 ", "\ndisk a ", "\ndisk b ", "\u2588 recorded"}) {
+    EXPECT_NE(sProgram->out.find(row), std::string::npos) << row << sProgram->out;
+  }
+  // The font library keeps what it has loaded.
+  const std::string draw =
+      "LSAN_OPTIONS=detect_leaks=0 " RECORDER_PROGRAM " --root " + sRoot->Path() + " timeline -o ";
+  EXPECT_EQ(sProgram->Shell(draw + sWork + "/t.png; " + draw + sWork + "/t.svg"), 0) << sProgram->err;
+  EXPECT_EQ(
+      sProgram->Shell("ffprobe -v error -show_entries stream=codec_name,width -of csv=p=0 " + sWork + "/t.png"),
+      0);
+  EXPECT_EQ(sProgram->out, "png,1200\n");
+  EXPECT_NE(ReadText(sWork + "/t.svg").find("width=\"1200px\""), std::string::npos);
+}
+
 TEST_F(RecorderQuery, RefusesInOneLine) {
   const std::string there = sWork + "/there.mp4";
   std::ofstream(there) << "mine";
@@ -325,7 +343,7 @@ TEST_P(GrowingRecordings, AreFollowed) {
 }
 
 TEST_F(ChangingRecordings, AreNotMixedUpWithWhatReplacesThem) {
-  for (const auto& [second, what] : {std::pair(0, 'A'), std::pair(5, 'B')}) {
+  for (const auto& [second, what] : {std::pair(int64_t{0}, 'A'), std::pair(int64_t{5}, 'B')}) {
     ImfWriter writer;
     Open(&writer, MakeFile(second, second + 5), second);
     Put(&writer, second * 10, 50, what);

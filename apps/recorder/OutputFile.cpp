@@ -21,7 +21,7 @@ Refusal CannotWrite(const std::string& path, int error) {
 
 std::string RealPath(const std::string& path) {
   char* real = realpath(path.c_str(), nullptr);
-  const std::string result = real != nullptr ? real : "";
+  std::string result = real != nullptr ? real : "";
   free(real);
   return result;
 }

@@ -53,6 +53,7 @@ class Picture {
     mSurface.reset(svg ? cairo_svg_surface_create(path.c_str(), kWidth, height)
                        : cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(kWidth),
                                                     static_cast<int>(height)));
+    if (svg) cairo_svg_surface_set_document_unit(mSurface.get(), CAIRO_SVG_UNIT_PX);
     mCairo.reset(cairo_create(mSurface.get()));
     Fill(kPaper, 0, 0, kWidth, height);
   }
@@ -148,7 +149,9 @@ class Picture {
     cairo_clip(cairo);
     SetColour(kGap);
     cairo_set_line_width(cairo, 0.8);
-    for (double at = x - height; at < x + width; at += 7) {
+    constexpr double kDistance = 7;
+    for (int line = 0; line < (width + height) / kDistance; line++) {
+      const double at = x - height + line * kDistance;
       cairo_move_to(cairo, at, y + height);
       cairo_line_to(cairo, at + height, y);
     }

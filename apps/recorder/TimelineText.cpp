@@ -69,7 +69,8 @@ std::string TickLine(const std::vector<Tick>& ticks, std::string Tick::*text, co
         column + label.size() > static_cast<size_t>(width)) {
       continue;
     }
-    line = Padded(line, column) + label;
+    line.resize(column, ' ');
+    line += label;
   }
   return line;
 }
