@@ -90,7 +90,9 @@ std::vector<int64_t> MomentsOf(int64_t since, int64_t until, const Step& step) {
     std::tm moment = local;
     moment.tm_isdst = -1;
     time = mktime(&moment);
-    const bool aligned = step.unit != Step::kDays || IsAligned(moment, step);
+    const bool aligned = step.unit == Step::kHours  ? moment.tm_hour % step.count == 0  // the clock may be set
+                         : step.unit == Step::kDays ? IsAligned(moment, step)
+                                                    : true;
     if (time >= since && time <= until && aligned && (moments.empty() || time > moments.back())) {
       moments.push_back(time);
     }
