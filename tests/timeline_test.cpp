@@ -73,7 +73,8 @@ TEST(Timeline, TicksAreRoundInLocalTime) {
           ASSERT_TRUE(i == 0 || time > ticks[i - 1].time);
           ASSERT_TRUE(local.tm_sec == 0 || length < 600);
           ASSERT_TRUE(local.tm_min == 0 || length < int64_t{20} * 3600);
-          ASSERT_TRUE(local.tm_hour % 3 == 0 || length < int64_t{22} * 3600);
+          const int hours = length < int64_t{11} * 3600 ? 1 : length < int64_t{22} * 3600 ? 2 : 3;
+          ASSERT_EQ(local.tm_hour % hours, 0);
           ASSERT_TRUE(local.tm_hour == 0 || length < int64_t{14} * 86400);
           ASSERT_TRUE(local.tm_mday == 1 || length < int64_t{400} * 86400);
         }
