@@ -1,5 +1,4 @@
 // recorder export: a span of time of one channel as an MP4 file, without re-encoding. Looks only.
-#include <signal.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -59,15 +58,6 @@ class ExportProgress {
   Clock::time_point mDrawn = mBegin;
 };
 
-void RequestStop(int) { gStop = true; }
-
-void CatchSignals() {
-  struct sigaction action = {};
-  action.sa_handler = RequestStop;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-}
-
 void Report(const std::string& path, int channel, const Clip& clip, bool json) {
   for (const Clip::Missing& missing : clip.AllMissing()) {
     Complain("not in the clip: %s to %s (%s)", FormatExactTime(missing.from).c_str(),
@@ -116,7 +106,7 @@ int Export(const Options& options, std::string root) {
     return kRefused;
   }
 
-  CatchSignals();
+  StopOnSignals();
   av_log_set_level(AV_LOG_FATAL);  // what matters of it is said in lines of our own
   Clip clip(disks, *recordings, channel, range);
   Clip::Result result;

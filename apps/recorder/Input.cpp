@@ -1,5 +1,6 @@
 #include "Input.h"
 
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -16,6 +17,14 @@ extern "C" {
 namespace recorder {
 
 std::atomic<bool> gStop{false};
+
+// Without SA_RESTART, so that a read that waits is interrupted.
+void StopOnSignals() {
+  struct sigaction action = {};
+  action.sa_handler = [](int) { gStop = true; };
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
 
 namespace {
 

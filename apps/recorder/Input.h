@@ -17,6 +17,8 @@ namespace recorder {
 
 // Set by SIGINT and SIGTERM: recording comes to an end, and whatever waits stops waiting.
 extern std::atomic<bool> gStop;
+// Sets it on SIGINT and SIGTERM; what waits in the kernel stops waiting.
+void StopOnSignals();
 
 // A packet on its way to the disk.
 struct Sample {

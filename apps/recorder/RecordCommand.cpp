@@ -44,17 +44,6 @@ struct Plan {
   int64_t start = 0;  // microseconds since the epoch
 };
 
-void RequestStop(int) { gStop = true; }
-
-// Without SA_RESTART, so that what waits in the kernel stops waiting.
-void CatchSignals() {
-  struct sigaction action = {};
-  action.sa_handler = RequestStop;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-  signal(SIGPIPE, SIG_IGN);  // a log that is not read any more must not end the recording
-}
-
 Refusal MakePlan(const Options& options, const std::string& root, Plan* plan) {
   if (options.inputs.size() > static_cast<size_t>(IMF_CHANNEL_LIMIT)) {
     return std::to_string(options.inputs.size()) + " inputs: at most " + std::to_string(IMF_CHANNEL_LIMIT) +
@@ -117,7 +106,8 @@ int Record(const Options& options, const std::string& root) {
   if (!refusal) refusal = disks.Choose(plan.root, options.disks);
   if (!refusal) refusal = lock.Take(plan.root, "record");
   if (!refusal) {
-    CatchSignals();
+    StopOnSignals();
+    signal(SIGPIPE, SIG_IGN);  // a log that is not read any more must not end the recording
     recovery.NoteState(disks.All());
     refusal = disks.OpenForRecording({options.overwrite, plan.keep, &recovery, &recovery});
   }
