@@ -15,7 +15,7 @@
 #include "SyscallCounter.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
-#include "platform/host/FlcHost.h"
+#include "platform/host/flc/FlcHost.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "platform/host/FlcHost.h"
-#include "platform/host/ImfRecord.h"
+#include "platform/host/flc/FlcHost.h"
+#include "platform/host/imf/ImfRecord.h"
 
 namespace fs = std::filesystem;
 

@@ -11,8 +11,8 @@
 #include "TestDisk.h"
 #include "apps/recorder/Checker.h"
 #include "apps/recorder/RootLock.h"
-#include "platform/host/ImfRecord.h"
-#include "platform/host/SearchDbRebuild.h"
+#include "platform/host/imf/ImfRecord.h"
+#include "platform/host/searchdb/SearchDbRebuild.h"
 
 namespace fs = std::filesystem;
 using recorder::CheckDisk;

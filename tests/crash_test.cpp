@@ -16,7 +16,7 @@
 #include "CrashRunner.h"
 #include "TestDisk.h"
 #include "apps/recorder/Checker.h"
-#include "platform/host/RecordName.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace fs = std::filesystem;
 

@@ -1,4 +1,4 @@
-#include "platform/host/FlcHost.h"
+#include "platform/host/flc/FlcHost.h"
 
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -17,8 +17,8 @@
 
 #include "Flc.h"
 #include "TestDisk.h"
-#include "platform/host/FlcDirectory.h"
-#include "platform/host/RecordName.h"
+#include "platform/host/flc/FlcDirectory.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace {
 

@@ -14,8 +14,8 @@
 
 #include "ImfFile.h"
 #include "TestDisk.h"
-#include "platform/host/ImfFormat.h"
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfFormat.h"
+#include "platform/host/imf/ImfRecord.h"
 
 // The device, as far as it can be made to fail: these stand in front of the C library's functions in this
 // program.

@@ -12,7 +12,7 @@
 
 #include "RecorderProgram.h"
 #include "TestDisk.h"
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfRecord.h"
 
 namespace {
 

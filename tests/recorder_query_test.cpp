@@ -14,7 +14,7 @@
 #include "apps/recorder/Clip.h"
 #include "apps/recorder/Recordings.h"
 #include "apps/recorder/Units.h"
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfRecord.h"
 
 namespace recorder {
 namespace {

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/host/SearchDbRebuild.h"
+#include "platform/host/searchdb/SearchDbRebuild.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "Disks.h"
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfRecord.h"
 
 namespace recorder {
 

@@ -16,7 +16,7 @@
 #include "RecordCheck.h"
 #include "Units.h"
 #include "fmgr/FmgrRepository.h"
-#include "platform/host/RecordName.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace recorder {
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfRecord.h"
 
 struct AVFormatContext;
 struct AVPacket;

@@ -6,9 +6,9 @@
 #include "Files.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
-#include "platform/host/FlcHost.h"
 #include "platform/host/HostSystem.h"
-#include "platform/host/RecordName.h"
+#include "platform/host/flc/FlcHost.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace recorder {
 

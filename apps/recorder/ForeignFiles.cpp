@@ -9,8 +9,8 @@
 #include "Disks.h"
 #include "Files.h"
 #include "fmgr/FmgrRepositoryGroup.h"
-#include "platform/host/FlcHost.h"
-#include "platform/host/RecordName.h"
+#include "platform/host/flc/FlcHost.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace recorder {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfRecord.h"
 
 struct AVFormatContext;
 struct AVPacket;

@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "Units.h"
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfRecord.h"
 
 namespace recorder {
 

@@ -10,8 +10,8 @@
 #include "SearchDb.h"
 #include "Units.h"
 #include "fmgr/FmgrDataRepository.h"
-#include "platform/host/ImfRecord.h"
-#include "platform/host/RecordName.h"
+#include "platform/host/imf/ImfRecord.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace recorder {
 

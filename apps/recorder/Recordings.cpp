@@ -11,7 +11,7 @@
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfRecord.h"
 
 namespace recorder {
 

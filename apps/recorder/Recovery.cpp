@@ -6,7 +6,7 @@
 #include "Files.h"
 #include "SystemHelper.h"
 #include "Units.h"
-#include "platform/host/RecordName.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace recorder {
 

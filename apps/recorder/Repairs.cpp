@@ -15,8 +15,8 @@
 #include "SearchIndex.h"
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrErrorRepository.h"
-#include "platform/host/ImfRecord.h"
-#include "platform/host/RecordName.h"
+#include "platform/host/imf/ImfRecord.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace recorder {
 

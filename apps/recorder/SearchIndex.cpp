@@ -7,7 +7,7 @@
 #include "Files.h"
 #include "RecordCheck.h"
 #include "SystemHelper.h"
-#include "platform/host/RecordName.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace recorder {
 

@@ -10,8 +10,8 @@
 #include "Units.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
-#include "platform/host/FlcHost.h"
-#include "platform/host/ImfRecord.h"
+#include "platform/host/flc/FlcHost.h"
+#include "platform/host/imf/ImfRecord.h"
 
 namespace recorder {
 

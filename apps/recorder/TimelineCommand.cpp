@@ -19,7 +19,7 @@
 #include "Timeline.h"
 #include "Units.h"
 #include "fmgr/FmgrFileManager.h"
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfRecord.h"
 
 namespace recorder {
 

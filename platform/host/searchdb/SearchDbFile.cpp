@@ -1,4 +1,4 @@
-#include "platform/host/SearchDbFile.h"
+#include "platform/host/searchdb/SearchDbFile.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <chrono>
 
-#include "platform/host/ImfFormat.h"
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfFormat.h"
+#include "platform/host/imf/ImfRecord.h"
 
 using Clock = std::chrono::steady_clock;
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/host/ImfRecord.h"
+#include "platform/host/imf/ImfRecord.h"
 
 namespace imf {
 

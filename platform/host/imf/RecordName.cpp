@@ -1,4 +1,4 @@
-#include "platform/host/RecordName.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace {
 

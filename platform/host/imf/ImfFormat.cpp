@@ -1,4 +1,4 @@
-#include "platform/host/ImfFormat.h"
+#include "platform/host/imf/ImfFormat.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

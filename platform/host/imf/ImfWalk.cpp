@@ -1,4 +1,4 @@
-#include "platform/host/ImfWalk.h"
+#include "platform/host/imf/ImfWalk.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -7,9 +7,9 @@
 #include <optional>
 #include <utility>
 
-#include "platform/host/ImfFormat.h"
-#include "platform/host/ImfRecord.h"
-#include "platform/host/ImfWalk.h"
+#include "platform/host/imf/ImfFormat.h"
+#include "platform/host/imf/ImfRecord.h"
+#include "platform/host/imf/ImfWalk.h"
 
 struct ImfReader::State {
   int file = -1;

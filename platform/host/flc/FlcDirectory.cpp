@@ -1,4 +1,4 @@
-#include "platform/host/FlcDirectory.h"
+#include "platform/host/flc/FlcDirectory.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,7 +12,7 @@
 #include <tuple>
 #include <utility>
 
-#include "platform/host/RecordName.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/host/ImfFormat.h"
+#include "platform/host/imf/ImfFormat.h"
 
 namespace imf {
 

@@ -1,4 +1,4 @@
-#include "platform/host/FlcHost.h"
+#include "platform/host/flc/FlcHost.h"
 
 #include <sys/stat.h>
 
@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "Flc.h"
-#include "platform/host/FlcDirectory.h"
+#include "platform/host/flc/FlcDirectory.h"
 
 namespace {
 

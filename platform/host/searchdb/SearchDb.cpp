@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "SystemHelper.h"
-#include "platform/host/SearchDbFile.h"
+#include "platform/host/searchdb/SearchDbFile.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "platform/host/SearchDbRebuild.h"
+#include "platform/host/searchdb/SearchDbRebuild.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "ImfFile.h"
-#include "platform/host/RecordName.h"
-#include "platform/host/SearchDbFile.h"
+#include "platform/host/imf/RecordName.h"
+#include "platform/host/searchdb/SearchDbFile.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <cstring>
 
 #include "SystemHelper.h"
-#include "platform/host/ImfFormat.h"
-#include "platform/host/ImfWalk.h"
-#include "platform/host/RecordName.h"
+#include "platform/host/imf/ImfFormat.h"
+#include "platform/host/imf/ImfWalk.h"
+#include "platform/host/imf/RecordName.h"
 
 unsigned ImfStreamCountSummary::GetVideoChannelMask(int kind) const {
   return kind == 0 ? mVideoChannelMask : 0;
