@@ -9,8 +9,8 @@
 #include "RecorderProgram.h"
 #include "SearchDb.h"
 #include "TestDisk.h"
-#include "apps/recorder/Checker.h"
-#include "apps/recorder/RootLock.h"
+#include "apps/recorder/check/Checker.h"
+#include "apps/recorder/disks/RootLock.h"
 #include "platform/host/imf/ImfRecord.h"
 #include "platform/host/searchdb/SearchDbRebuild.h"
 

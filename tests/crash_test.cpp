@@ -15,7 +15,7 @@
 
 #include "CrashRunner.h"
 #include "TestDisk.h"
-#include "apps/recorder/Checker.h"
+#include "apps/recorder/check/Checker.h"
 #include "platform/host/imf/RecordName.h"
 
 namespace fs = std::filesystem;

@@ -11,9 +11,9 @@
 
 #include "RecorderProgram.h"
 #include "TestDisk.h"
-#include "apps/recorder/Clip.h"
-#include "apps/recorder/Recordings.h"
-#include "apps/recorder/Units.h"
+#include "apps/recorder/base/Units.h"
+#include "apps/recorder/clip/Clip.h"
+#include "apps/recorder/looking/Recordings.h"
 #include "platform/host/imf/ImfRecord.h"
 
 namespace recorder {

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "apps/recorder/Refusals.h"
-#include "apps/recorder/Units.h"
+#include "apps/recorder/base/Units.h"
+#include "apps/recorder/disks/Refusals.h"
 
 namespace recorder {
 namespace {

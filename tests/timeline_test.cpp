@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "apps/recorder/Timeline.h"
-#include "apps/recorder/Units.h"
+#include "apps/recorder/base/Units.h"
+#include "apps/recorder/looking/Timeline.h"
 
 namespace recorder {
 namespace {

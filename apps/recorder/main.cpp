@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "Command.h"
+#include "apps/recorder/commands/Command.h"
 
 int main(int argc, char** argv) {
   std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);  // a line is seen when it happens, in a log file too

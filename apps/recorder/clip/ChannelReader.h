@@ -1,0 +1,88 @@
+// Reads the pictures of one channel from record file to record file, over all disks, also while they are being
+// recorded, and tells where pictures are missing.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "apps/recorder/disks/Disks.h"
+#include "platform/host/imf/ImfRecord.h"
+
+namespace recorder {
+
+class ChannelReader {
+ public:
+  enum class Item {
+    kPacket,
+    kBreak,  // pictures are missing between the packet before and the next; Reason() says why
+    kEnd,    // nothing more is recorded before the limit
+  };
+  // A packet's place, good as long as its record file holds the same recording.
+  struct Place {
+    int64_t fileStart = 0;  // seconds since the epoch, as in the file's name
+    int64_t ordinal = 0;    // among the channel's packets in it, from 1
+  };
+
+  // `disks` are open and outlive the object. Nothing is read of files that start at `limit` (microseconds since
+  // the epoch) or later.
+  ChannelReader(const Disks& disks, int channel, int64_t limit);
+  ~ChannelReader();
+
+  // Reading begins with the record file at `path`. Packets before `full` come without their data, and damage to
+  // that goes unnoticed.
+  void Start(const std::string& path, Place full);
+  Item Next();
+
+  const ImfPacket& Packet() const { return mReader->Packet(); }
+  const ImfStreamInfo& Stream() const { return mStream; }
+  // Microseconds since the epoch: when the packet is decoded, which never falls in a recording; when its
+  // picture is over.
+  int64_t DecodeTime() const { return mLast.decodeTime; }
+  int64_t EndTime() const { return mLast.endTime; }
+  Place Where() const { return {mFileStart, mOrdinal}; }
+  const std::string& Reason() const { return mReported; }
+
+ private:
+  // Of a packet, in microseconds.
+  struct Times {
+    bool valid = false;
+    int64_t dts = 0;         // as the stream's own clock has it
+    int64_t decodeTime = 0;  // since the epoch
+    int64_t endTime = 0;     // since the epoch
+    int64_t duration = 0;
+  };
+
+  bool OpenFile();
+  bool ReadPacket();
+  bool TakePacket();
+  bool Joins(const Times& next) const;
+  void NoteLostEnd();
+  void NextFile();
+  void Note(const std::string& reason);
+  bool IsBroken() const { return mDamaged > 0 || !mReason.empty(); }
+  Item Break();
+
+  const Disks& mDisks;
+  const int mChannel;
+  const int64_t mLimit;
+  Place mFull;
+
+  std::string mPath;  // the record file being read; empty at the end
+  std::unique_ptr<ImfReader> mReader;
+  bool mIsOpen = false;
+  int64_t mFileStart = 0;
+  int64_t mFileTime = 0;  // of the latest packet of any channel, microseconds since the epoch
+  int64_t mOrdinal = 0;
+  bool mStreamKnown = false;
+  ImfStreamInfo mStream;
+  Times mLast;
+
+  bool mHeld = false;        // a packet is to be delivered after the break before it
+  uint64_t mDamaged = 0;     // bytes since the packet before
+  std::string mDamagedPath;  // where
+  std::string mReason;       // why else pictures are missing since then
+  std::string mReported;
+};
+
+}  // namespace recorder

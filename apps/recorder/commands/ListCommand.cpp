@@ -1,0 +1,46 @@
+// recorder list: the recordings of a span of time. Looks only.
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "apps/recorder/base/Files.h"
+#include "apps/recorder/commands/Command.h"
+#include "apps/recorder/looking/Recordings.h"
+
+namespace recorder {
+
+namespace {
+
+int List(const RangeOptions& options, std::string root) {
+  Range range;
+  Disks disks;
+  Refusal refusal = ParseRange(options, &range);
+  if (!refusal) refusal = OpenToLook(&root, &disks);
+  if (refusal) {
+    Complain("%s", refusal->c_str());
+    return kRefused;
+  }
+  const Recordings recordings(disks);
+  if (options.channel != kAnyChannel) {
+    if (Refusal unknown = RefuseChannel(options.channel, recordings.Channels())) {
+      Complain("%s", unknown->c_str());
+      return kRefused;
+    }
+  }
+  const std::vector<Recording> found = recordings.Find(range, options.channel);
+  for (const Recording& recording : found) PrintRecording(recording, options.json);
+  if (!found.empty()) return kDone;
+  recordings.ComplainOfNothing(range, options.channel);
+  return kFound;
+}
+
+}  // namespace
+
+void AddListCommand(CLI::App& app, Context& context) {
+  auto options = std::make_shared<RangeOptions>();
+  CLI::App* command = app.add_subcommand("list", "List recordings (default: all of them)");
+  AddRangeOptions(command, options.get(), false);
+  command->callback(
+      [options, &context] { context.run = [options, &context] { return List(*options, context.root); }; });
+}
+
+}  // namespace recorder

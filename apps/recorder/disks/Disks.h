@@ -1,0 +1,79 @@
+// The disks under a root directory, and the file manager that manages them: for recording, or only for looking.
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "IpcMenu.h"
+#include "apps/recorder/disks/Refusals.h"
+
+class FmgrFileManager;
+class FmgrRepositoryGroup;
+class ImfSegmentCloseInterface;
+class RecoveryObserver;
+
+namespace recorder {
+
+struct Disk {
+  std::string name;
+  std::string path;  // ROOT/disk/NAME, absolute, without a slash at its end
+};
+
+// Makes `root` absolute. Refuses one that does not suit, is no directory, or has no "disk" directory in it
+// (when `disksNeeded`).
+Refusal ResolveRoot(std::string* root, bool disksNeeded);
+std::string DiskPath(const std::string& root, const std::string& name);
+// Names of the directories in ROOT/disk.
+std::vector<std::string> ListDisks(const std::string& root);
+// Whether a disk's directory holds what preparing makes.
+bool IsPrepared(const std::string& path);
+
+// Owns the process's file manager. One object at a time; the destructor releases the manager.
+class Disks {
+ public:
+  struct Recording {
+    bool overwrite = true;
+    ipc_preserve_limit_e keep = IPC_PRESERVE_UNLIMITED;
+    RecoveryObserver* observer = nullptr;
+    ImfSegmentCloseInterface* segmentClose = nullptr;
+  };
+
+  Disks() = default;
+  ~Disks();
+  Disks(const Disks&) = delete;
+  Disks& operator=(const Disks&) = delete;
+
+  // Chooses the disks called `names`, or every prepared one when there is none, and refuses those that can't be
+  // used. `root` is absolute.
+  Refusal Choose(const std::string& root, const std::vector<std::string>& names);
+
+  // Adds the chosen disks to the file manager, which repairs what a crash left behind. The caller holds the
+  // lock on the root directory.
+  Refusal OpenForRecording(const Recording& recording);
+  // The same beside a recorder at work: repairs nothing, runs no command, leaves the links in /tmp alone.
+  Refusal OpenForLooking();
+
+  const std::string& Root() const { return mRoot; }
+  const std::vector<Disk>& All() const { return mDisks; }
+  FmgrFileManager* Manager() const { return mManager; }
+  // The disk's group in the file manager; null when it isn't managed any more.
+  FmgrRepositoryGroup* Group(const Disk& disk) const;
+  // Takes out of the file manager's list what only looks like a data directory: "data_old", a file of such a
+  // name, a second directory of one number. It would be counted as number 0 or as the other one, and stand in
+  // the way of recycling. One line each, once; on disk it is left alone. To be called whenever disks were
+  // polled.
+  void LeaveForeignDirectories();
+  // Drops what the file list cache keeps of all disks: it is read afresh from the file names.
+  void ForgetCache() const;
+
+ private:
+  Refusal Attach(int option);
+
+  std::string mRoot;
+  std::vector<Disk> mDisks;
+  std::set<std::string> mForeign;  // directories that were complained of
+  FmgrFileManager* mManager = nullptr;
+};
+
+}  // namespace recorder

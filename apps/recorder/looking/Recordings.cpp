@@ -1,0 +1,204 @@
+#include "apps/recorder/looking/Recordings.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <list>
+#include <nlohmann/json.hpp>
+
+#include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Units.h"
+#include "apps/recorder/disks/RootLock.h"
+#include "fmgr/FmgrDataRepository.h"
+#include "fmgr/FmgrFileManager.h"
+#include "fmgr/FmgrRepositoryGroup.h"
+#include "platform/host/imf/ImfRecord.h"
+
+namespace recorder {
+
+namespace {
+
+// The channels of a recording in progress: those written so far, or announced at its begin.
+uint32_t ChannelsOf(const std::string& path) {
+  ImfReader reader;
+  if (!reader.Open(path)) return 0;
+  uint32_t mask = reader.ChannelMask();
+  reader.SetHeadersOnly(true);
+  while (reader.Next() == ImfReader::Item::kStream) mask |= 1u << reader.Stream().channel;
+  return mask;
+}
+
+}  // namespace
+
+bool Recording::Overlaps(const Range& range) const {
+  return start * kMicros < range.until && std::max(end, start + 1) * kMicros > range.since;
+}
+
+Refusal OpenToLook(std::string* root, Disks* disks) {
+  Refusal refusal = ResolveRoot(root, true);
+  if (!refusal) refusal = disks->Choose(*root, {});
+  if (!refusal) refusal = disks->OpenForLooking();
+  return refusal;
+}
+
+int64_t StartOf(const std::string& path) { return FmgrDataRepository::FileNameToStartTimeSec(NameOf(path)); }
+
+int64_t EndOf(const std::string& path) { return FmgrDataRepository::FileNameToEndTimeSec(NameOf(path)); }
+
+Recordings::Recordings(const Disks& disks) : mDisks(disks) { FindOpen(); }
+
+Recording Recordings::Describe(const std::string& path) const {
+  for (const Recording& open : mOpen) {
+    if (open.path == path) return open;
+  }
+  Recording recording;
+  recording.path = path;
+  recording.start = StartOf(path);
+  recording.end = EndOf(path);
+  recording.mask = FmgrDataRepository::FileNameToChannelMask(NameOf(path));
+  for (const Disk& disk : mDisks.All()) {
+    if (path.rfind(disk.path + "/", 0) == 0) recording.disk = disk.name;
+  }
+  if (recording.end == 0) {
+    recording.state = Recording::State::kUnfinished;
+    recording.end = recording.start;
+    recording.mask = ChannelsOf(path);
+  }
+  return recording;
+}
+
+// Only the newest file of a data directory can be in progress.
+void Recordings::FindOpen() {
+  const FmgrFileManager* manager = mDisks.Manager();
+  for (const FmgrRepositoryGroup* group : manager->mGroups) {
+    for (const FmgrDataRepository* repository : group->mDataRepositories) {
+      std::string path;
+      if (!repository->GetLastFilePath(path) || repository->IsCompletedFile(NameOf(path))) continue;
+      if (!Exists(path)) {
+        // Completed this very moment.
+        mDisks.ForgetCache();
+        if (!repository->GetLastFilePath(path) || repository->IsCompletedFile(NameOf(path))) continue;
+      }
+      Recording recording = Describe(path);
+      recording.end = std::max<int64_t>(recording.start, repository->GetEndTimeSec());
+      mOpen.push_back(recording);
+    }
+  }
+  std::sort(mOpen.begin(), mOpen.end(),
+            [](const Recording& a, const Recording& b) { return a.start < b.start; });
+  const std::optional<std::string> holder = HolderOfRoot(mDisks.Root());
+  const bool recording = holder && holder->rfind("recorder record ", 0) == 0;
+  if (recording && !mOpen.empty()) mOpen.back().state = Recording::State::kGrowing;
+}
+
+std::vector<Recording> Recordings::Find(const Range& range, int channel) const {
+  ImfSearchCondition condition;
+  condition.startTime = range.since;
+  condition.endTime = (range.until + kMicros - 1) / kMicros * kMicros;  // whole seconds count
+  if (channel != kAnyChannel) condition.channelMask = 1u << channel;
+  std::list<std::string> paths;
+  mDisks.Manager()->CollectFileList(paths, condition);
+  std::vector<Recording> found = mOpen;
+  for (const std::string& path : paths) found.push_back(Describe(path));
+  found.erase(
+      std::remove_if(found.begin(), found.end(),
+                     [&](const Recording& each) { return !each.Overlaps(range) || !each.HasChannel(channel); }),
+      found.end());
+  std::stable_sort(found.begin(), found.end(),
+                   [](const Recording& a, const Recording& b) { return a.start < b.start; });
+  return found;
+}
+
+uint32_t Recordings::Channels() const {
+  uint32_t mask = 0;
+  for (const Recording& recording : Find(Range(), kAnyChannel)) mask |= recording.mask;
+  return mask;
+}
+
+std::optional<Recording> Recordings::LastBefore(int64_t time, int channel) const {
+  std::string path;
+  if (mDisks.Manager()->GetFilePath(static_cast<int>((time - 1) / kMicros), path, 0) != FMGR_DONE) {
+    return std::nullopt;
+  }
+  std::optional<Recording> found = Describe(path);
+  while (found && (!found->HasChannel(channel) || found->start * kMicros >= time)) found = Previous(*found);
+  return found;
+}
+
+std::optional<Recording> Recordings::FirstAfter(int64_t time, int channel) const {
+  std::string path;
+  if (mDisks.Manager()->GetFilePath(static_cast<int>(time / kMicros), path, 1) != FMGR_DONE)
+    return std::nullopt;
+  std::optional<Recording> found = Describe(path);
+  while (found && (!found->HasChannel(channel) || found->end * kMicros <= time)) found = Next(*found);
+  return found;
+}
+
+std::optional<Recording> Recordings::Previous(const Recording& recording) const {
+  std::string path;
+  if (mDisks.Manager()->GetPrevFilePath(recording.path, path) != FMGR_DONE) return std::nullopt;
+  // Where nothing is before it, the file manager may answer with a recording of the same or a later start.
+  if (StartOf(path) >= recording.start) return std::nullopt;
+  return Describe(path);
+}
+
+std::optional<Recording> Recordings::Next(const Recording& recording) const {
+  std::string path;
+  if (mDisks.Manager()->GetNextFilePath(recording.path, path) != FMGR_DONE) return std::nullopt;
+  // A recording in progress is its own successor.
+  if (StartOf(path) <= recording.start) return std::nullopt;
+  return Describe(path);
+}
+
+void Recordings::ComplainOfNothing(const Range& range, int channel) const {
+  std::string line = "nothing is recorded";
+  if (channel != kAnyChannel) line += " of channel " + std::to_string(channel);
+  line += " from " + FormatExactTime(range.since) + " to " + FormatExactTime(range.until);
+  const std::optional<Recording> before = LastBefore(range.since, channel);
+  const std::optional<Recording> after = FirstAfter(range.until, channel);
+  const std::string end = before ? "ends at " + FormatTime(before->end) + " (" + before->path + ")" : "";
+  const std::string start = after ? "starts at " + FormatTime(after->start) + " (" + after->path + ")" : "";
+  if (before && after) line += "; the last recording before it " + end + ", the next " + start;
+  if (before && !after) line += "; the last recording before it " + end;
+  if (!before && after) line += "; the next recording " + start;
+  Complain("%s", line.c_str());
+}
+
+const char* NameOfState(Recording::State state) {
+  switch (state) {
+    case Recording::State::kGrowing:
+      return "recording";
+    case Recording::State::kUnfinished:
+      return "unfinished";
+    case Recording::State::kComplete:
+      break;
+  }
+  return "complete";
+}
+
+void PrintRecording(const Recording& recording, bool json, const char* note) {
+  if (!json) {
+    std::printf("%s  %s  %8s  channels %-7s %s%s%s%s%s\n", FormatTime(recording.start).c_str(),
+                FormatTime(recording.end).c_str(),
+                FormatDuration(static_cast<double>(recording.end - recording.start)).c_str(),
+                FormatChannels(recording.mask).c_str(), recording.path.c_str(),
+                recording.state == Recording::State::kComplete ? "" : "  ",
+                recording.state == Recording::State::kComplete ? "" : NameOfState(recording.state),
+                *note != '\0' ? "  " : "", note);
+    return;
+  }
+  nlohmann::ordered_json line;
+  line["path"] = recording.path;
+  line["disk"] = recording.disk;
+  line["start"] = FormatTime(recording.start);
+  line["end"] = FormatTime(recording.end);
+  line["seconds"] = recording.end - recording.start;
+  line["channels"] = nlohmann::ordered_json::array();
+  for (int channel = 0; channel < IMF_CHANNEL_LIMIT; channel++) {
+    if (recording.HasChannel(channel)) line["channels"].push_back(channel);
+  }
+  line["state"] = NameOfState(recording.state);
+  if (*note != '\0') line["note"] = note;
+  std::printf("%s\n", line.dump().c_str());
+}
+
+}  // namespace recorder

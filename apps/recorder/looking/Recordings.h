@@ -1,0 +1,74 @@
+// What is recorded on the disks, asked of the file manager by the commands that only look.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "apps/recorder/disks/Disks.h"
+#include "apps/recorder/looking/Range.h"
+
+namespace recorder {
+
+struct Recording {
+  enum class State {
+    kComplete,
+    kGrowing,     // being recorded right now
+    kUnfinished,  // a recorder was cut off; the next one repairs it
+  };
+
+  std::string path;
+  std::string disk;
+  int64_t start = 0;  // seconds since the epoch
+  int64_t end = 0;    // of one that is not complete: as far as its file tells
+  uint32_t mask = 0;  // bit n: channel n is in it
+  State state = State::kComplete;
+
+  bool HasChannel(int channel) const { return channel == kAnyChannel || (mask >> channel & 1) != 0; }
+  bool Overlaps(const Range& range) const;
+};
+
+// Makes `root` absolute and opens all of its disks for looking.
+Refusal OpenToLook(std::string* root, Disks* disks);
+
+// Start and end, in seconds since the epoch, that the name in a path tells; end 0 for a file in progress.
+int64_t StartOf(const std::string& path);
+int64_t EndOf(const std::string& path);
+
+class Recordings {
+ public:
+  // `disks` are open and outlive the object.
+  explicit Recordings(const Disks& disks);
+
+  // Those that overlap the range and hold the channel, in ascending order, the ones in progress included.
+  std::vector<Recording> Find(const Range& range, int channel) const;
+  // Those that are not complete, in ascending order.
+  const std::vector<Recording>& Open() const { return mOpen; }
+  // Every channel that is recorded, as a mask.
+  uint32_t Channels() const;
+  // The last that starts before the time, the first that ends after it (microseconds since the epoch).
+  std::optional<Recording> LastBefore(int64_t time, int channel) const;
+  std::optional<Recording> FirstAfter(int64_t time, int channel) const;
+
+  Recording Describe(const std::string& path) const;
+
+  // The recording's neighbour over all disks; nothing at the first and last one.
+  std::optional<Recording> Previous(const Recording& recording) const;
+  std::optional<Recording> Next(const Recording& recording) const;
+
+  // One line on standard error: there is nothing in the range, and what is nearest to it.
+  void ComplainOfNothing(const Range& range, int channel) const;
+
+ private:
+  void FindOpen();
+
+  const Disks& mDisks;
+  std::vector<Recording> mOpen;
+};
+
+// One line, or one JSON object, on standard output. `note` is put behind the line, or into its "note".
+void PrintRecording(const Recording& recording, bool json, const char* note = "");
+const char* NameOfState(Recording::State state);
+
+}  // namespace recorder

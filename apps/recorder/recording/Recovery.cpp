@@ -1,0 +1,92 @@
+#include "apps/recorder/recording/Recovery.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "SystemHelper.h"
+#include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Units.h"
+#include "platform/host/imf/RecordName.h"
+
+namespace recorder {
+
+namespace {
+
+bool DbIsDamaged(const std::string& directory) {
+  const std::string db = directory + "search.fdb";
+  return GetFileSize(db.c_str()) == 0 || Exists(db + ".0.err");
+}
+
+// What stays the same when a file in progress is completed.
+std::string KeyOf(const std::string& path) {
+  const std::string name = NameOf(path);
+  return DirectoryOf(path) + name.substr(0, name.find('_'));
+}
+
+}  // namespace
+
+void Recovery::NoteState(const std::vector<Disk>& disks) {
+  for (const Disk& disk : disks) {
+    for (const std::string& name : ListDirectory(disk.path)) {
+      if (ParseDataDirectoryName(name) < 0) continue;
+      const std::string directory = disk.path + "/" + name + "/";
+      int files = 0;
+      for (const std::string& file : ListDirectory(directory)) {
+        RecordName parsed{};
+        if (!ParseRecordName(file, &parsed)) continue;
+        files++;
+        if (parsed.endTime == 0) mUnfinished.push_back(directory + file);
+      }
+      if (files > 1 && DbIsDamaged(directory)) mDamagedDbs.push_back(directory);
+    }
+  }
+}
+
+void Recovery::ReportState() {
+  for (const std::string& path : mUnfinished) {
+    if (mFixed.count(KeyOf(path)) != 0) continue;
+    if (Exists(path)) {
+      std::printf("left unfinished %s\n", path.c_str());
+    } else {
+      std::printf("discarded %s: nothing usable was in it\n", path.c_str());
+    }
+  }
+  for (const std::string& directory : mDamagedDbs) {
+    if (!DbIsDamaged(directory)) {
+      std::printf("rebuilt search database %ssearch.fdb\n", directory.c_str());
+    } else if (Exists(directory)) {
+      Complain("search database %ssearch.fdb could not be rebuilt", directory.c_str());
+    }
+  }
+  mUnfinished.clear();
+  mDamagedDbs.clear();
+}
+
+void Recovery::NotifyStage(int, int) {}  // what came of a stage is reported when it is known
+
+void Recovery::NotifyFileFixed(ImfFile&, const std::string& newName, unsigned videoChannelMask) {
+  mFixed.insert(KeyOf(newName));
+  RecordName parsed{};
+  ParseRecordName(NameOf(newName), &parsed);
+  std::printf("repaired %s: %s, %s, channels %s\n", newName.c_str(), FormatTime(parsed.startTime).c_str(),
+              FormatDuration(parsed.endTime - double{0} - parsed.startTime).c_str(),
+              FormatChannels(videoChannelMask).c_str());
+  mIndex.AddRepaired(newName);
+}
+
+void Recovery::NotifyFileRemoved(const std::string& path, unsigned start, unsigned end, unsigned mask) {
+  if (mQuarantining) {
+    // Whoever does it knows whether it came to that.
+  } else if (end == 0) {
+    std::printf("discarded %s: it was never completed\n", path.c_str());
+  } else {
+    mRecycled++;
+    std::printf("recycled %s: %s to %s, channels %s\n", path.c_str(), FormatTime(start).c_str(),
+                FormatTime(end).c_str(), FormatChannels(mask).c_str());
+  }
+  if (end != 0) mIndex.Remove(path, start);
+}
+
+void Recovery::OnSegmentClosed(ImfFile&) {}  // NotifyFileFixed follows and knows the new name as well
+
+}  // namespace recorder

@@ -1,0 +1,43 @@
+// Hears what the file manager repairs and takes away, says so in one line each, and keeps the search databases
+// in step with it.
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ImfFile.h"
+#include "RecoveryObserver.h"
+#include "apps/recorder/disks/Disks.h"
+#include "apps/recorder/recording/SearchIndex.h"
+
+namespace recorder {
+
+class Recovery : public RecoveryObserver, public ImfSegmentCloseInterface {
+ public:
+  explicit Recovery(SearchIndex& index) : mIndex(index) {}
+
+  // Around the start-up, since the file manager says nothing of a file that it gives back to the pool, nor
+  // whether a search database could be rebuilt: notes what needs repair, and reports what became of it.
+  void NoteState(const std::vector<Disk>& disks);
+  void ReportState();
+
+  // The files removed until further notice go into quarantine, which the caller reports, or are recycled.
+  void SetQuarantining(bool quarantining) { mQuarantining = quarantining; }
+  int Recycled() const { return mRecycled; }
+
+  void NotifyStage(int stage, int active) override;
+  void NotifyFileFixed(ImfFile& file, const std::string& newName, unsigned videoChannelMask) override;
+  void NotifyFileRemoved(const std::string& path, unsigned start, unsigned end, unsigned mask) override;
+  void OnSegmentClosed(ImfFile& file) override;
+
+ private:
+  SearchIndex& mIndex;
+  bool mQuarantining = false;
+  int mRecycled = 0;
+  std::vector<std::string> mUnfinished;  // paths of files in progress
+  std::vector<std::string> mDamagedDbs;  // directories whose search database is to be rebuilt
+  std::set<std::string> mFixed;          // directory and start time of what was repaired
+};
+
+}  // namespace recorder

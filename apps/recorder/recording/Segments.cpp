@@ -1,0 +1,250 @@
+#include "apps/recorder/recording/Segments.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Units.h"
+#include "apps/recorder/recording/ForeignFiles.h"
+#include "fmgr/FmgrFileManager.h"
+#include "fmgr/FmgrRepositoryGroup.h"
+#include "platform/host/flc/FlcHost.h"
+#include "platform/host/imf/ImfRecord.h"
+
+namespace recorder {
+
+namespace {
+
+// Recordings past the time limit that a segment removes: more than it adds, and few enough for
+// SaveForeignFiles.
+constexpr int kPreserveRounds = 2;
+constexpr int kFailureLimit = 3;  // in a row, then the disk is given up
+static_assert(kPreserveRounds + 2 <= kSmallDirectory,
+              "MakeRecordFile recycles one more, at a second try another");
+
+}  // namespace
+
+Segments::Segments(Disks& disks, SearchIndex& index, Recovery& recovery, Options options)
+    : mDisks(disks), mIndex(index), mRecovery(recovery), mOptions(options) {}
+
+Segments::~Segments() = default;
+
+bool Segments::Put(const Sample& sample) {
+  const int channel = sample.packet.channel;
+  auto& known = mStreams[channel];
+  bool changed = known != sample.stream;
+  known = sample.stream;
+  if (mWriter && (sample.newTimeline || IsDue(sample))) Complete();
+
+  for (;;) {
+    if (!mWriter) {
+      const Opened opened = Begin(sample);
+      if (opened == Opened::kNo) return false;
+      if (opened == Opened::kAgain) continue;
+      changed = false;  // every channel's parameters were written
+    }
+    ImfWriteResult result = changed ? mWriter->AddStream(*sample.stream) : ImfWriteResult::kWritten;
+    if (result == ImfWriteResult::kWritten) result = mWriter->Write(sample.packet);
+    if (result == ImfWriteResult::kWritten) {
+      NoteWritten(sample);
+      return true;
+    }
+    if (result == ImfWriteResult::kFailed) {
+      if (!Quarantine("cannot write", errno)) return false;
+    } else if (mPackets > 0 && sample.packet.data.size() < mWriter->Capacity()) {
+      Complete();
+    } else {
+      mTotals.dropped++;
+      if (mSaidTooLarge.insert(channel).second) {
+        Complain("channel %d: a packet of %s does not fit into an empty file; such packets are dropped",
+                 channel, FormatSize(sample.packet.data.size()).c_str());
+      }
+      return true;
+    }
+  }
+}
+
+void Segments::Finish() {
+  if (mWriter) Complete();
+}
+
+// Segments change on a key frame of the first open channel, so that at least that one can be played from its
+// first packet. A channel that has fallen silent is not waited for for ever.
+bool Segments::IsDue(const Sample& sample) const {
+  if (!sample.packet.keyFrame || mPackets == 0) return false;
+  const int64_t length = sample.packet.time - mFirstTime;
+  const int64_t wanted = mOptions.seconds * kMicros;
+  if (sample.packet.channel != mStreams.begin()->first) return length >= 2 * wanted;
+  if (length >= wanted) return true;
+  // Nearly full: a group of pictures that has no room here had better begin the next file.
+  const uint64_t group = std::max({mLargestGroup, mLargestBefore, mWriter->Used() - mGroupBegin});
+  const uint64_t room = mWriter->Capacity() - mWriter->Used();
+  return group + group / 8 > room && group <= mWriter->Capacity() / 2;
+}
+
+void Segments::NoteWritten(const Sample& sample) {
+  const ImfPacket& packet = sample.packet;
+  mTotals.packets++;
+  mFailures = 0;
+  if (mPackets++ == 0) mFirstTime = packet.time;
+  mLastTime = std::max(mLastTime, packet.time);
+  if (!packet.keyFrame || packet.channel != mStreams.begin()->first) return;
+  const uint64_t begin = mWriter->Used();  // behind the key frame: the next one counts to the group instead
+  if (mGroupBegin != 0) mLargestGroup = std::max(mLargestGroup, begin - mGroupBegin);
+  mGroupBegin = begin;
+}
+
+Segments::Opened Segments::Begin(const Sample& sample) {
+  KeepHouse();
+  const int64_t wanted = sample.packet.time / kMicros;
+  if (Refusal refusal = RefuseClock(wanted)) {
+    Complain("%s", refusal->c_str());
+    return Opened::kNo;
+  }
+  mStart = NextStart(wanted);
+  if (mStart > wanted + 10 && !mSaidTooFast) {
+    Complain(
+        "warning: files fill up in less than a second, so their start times run ahead: prepare larger files");
+    mSaidTooFast = true;
+  }
+  int result = MakeFile(mStart);
+  if (result != FMGR_DONE && (result != FMGR_NO_SPACE || mOptions.overwrite)) {
+    mDisks.ForgetCache();  // what it says of the disks may be out of step with them
+    result = MakeFile(mStart);
+  }
+  if (result != FMGR_DONE) {
+    Complain("%s", result == FMGR_NO_SPACE && !mOptions.overwrite
+                       ? "no space: every file holds a recording, and nothing may be overwritten"
+                   : result == FMGR_NO_SPACE     ? "no space: no file is free and none can be recycled"
+                   : result == FMGR_CAN_NOT_MAKE ? "no record file or data directory can be made"
+                                                 : "there is no disk to record to");
+    return Opened::kNo;
+  }
+  SyncDirectory(DirectoryOf(mPath));
+
+  mWriter = std::make_unique<ImfWriter>();
+  mWriter->SetCheckpointInterval(mOptions.checkpointSeconds);
+  mPackets = 0;
+  mLastTime = 0;
+  mGroupBegin = 0;
+  mLargestBefore = mLargestGroup;
+  mLargestGroup = 0;
+  if (!mWriter->Open(mPath, mStart)) return Quarantine("cannot open", errno) ? Opened::kAgain : Opened::kNo;
+  if (!WriteStreams()) return Quarantine("cannot write", errno) ? Opened::kAgain : Opened::kNo;
+  return Opened::kYes;
+}
+
+// What doesn't fit is left out: the channel's packets won't fit either, and are reported.
+bool Segments::WriteStreams() {
+  for (const auto& stream : mStreams) {
+    if (mWriter->AddStream(*stream.second) == ImfWriteResult::kFailed) return false;
+  }
+  return true;
+}
+
+void Segments::KeepHouse() {
+  FmgrFileManager* manager = mDisks.Manager();
+  manager->CheckRepository();
+  mDisks.LeaveForeignDirectories();
+  for (const Disk& disk : mDisks.All()) {
+    if (FmgrRepositoryGroup* group = mDisks.Group(disk)) SaveForeignFiles(disk, *group);
+  }
+  manager->CheckPreserveTime(kPreserveRounds);
+}
+
+// A record file replaces another of the same start in its directory, so starts ascend there. A start that lies
+// well before what is recorded gets a data directory of its own from the file manager, unless that can't be
+// made.
+uint32_t Segments::NextStart(int64_t wanted) const {
+  const auto start = static_cast<uint32_t>(wanted);
+  FmgrRepositoryGroup* group = mDisks.Manager()->CurrentRepositoryGroup();
+  if (group == nullptr || group->mDataRepositories.empty()) return start;
+  const FmgrDataRepository& newest = *group->mDataRepositories.back();
+  const auto last =
+      static_cast<uint32_t>(std::max(0, FmgrDataRepository::FileNameToStartTimeSec(newest.GetNewestFile())));
+  if (start > last) return start;
+  if (group->IsNeedChangeRepository(static_cast<int>(start)) != 1) return last + 1;
+  uint32_t free = start;
+  std::string taken;
+  while (newest.FindFileNameByStartTime(static_cast<int>(free), taken)) free++;
+  return free;
+}
+
+int Segments::MakeFile(uint32_t start) {
+  FmgrFileManager* manager = mDisks.Manager();
+  timeval time{};
+  time.tv_sec = start;
+  manager->CheckRepositoryChangeCondition(static_cast<int>(start));
+  return manager->MakeRecordFile(time, mPath);
+}
+
+void Segments::Complete() {
+  if (mPackets == 0) return GiveBack();
+  const uint32_t end = mWriter->EndTime();
+  const uint32_t mask = mWriter->ChannelMask();
+  const uint64_t bytes = mWriter->Used();
+  if (!mWriter->Close()) Complain("cannot write %s back: %s", mPath.c_str(), std::strerror(errno));
+  mWriter.reset();
+
+  std::string path;
+  if (mDisks.Manager()->RenameRecordFile(mPath, static_cast<int>(end), mask, path) != FMGR_DONE ||
+      !Exists(path)) {
+    Complain("cannot complete %s; the next start will repair it", mPath.c_str());
+    return;
+  }
+  mIndex.Add(path);
+  SyncDirectory(DirectoryOf(path));
+
+  const double seconds = static_cast<double>(mLastTime - mFirstTime) / kMicros;
+  mTotals.segments++;
+  mTotals.bytes += bytes;
+  mTotals.seconds += seconds;
+  std::printf("%s  %.1f s  channels %s  %s  %s\n", FormatTime(mStart).c_str(), seconds,
+              FormatChannels(mask).c_str(), FormatSize(bytes).c_str(), path.c_str());
+}
+
+// Only a packet that did not fit was meant for it.
+void Segments::GiveBack() {
+  mWriter.reset();
+  for (FmgrRepositoryGroup* group : mDisks.Manager()->mGroups) {
+    for (FmgrDataRepository* repository : group->mDataRepositories) {
+      if (repository->Path() == DirectoryOf(mPath)) repository->RemoveLatestRecordFile(0);
+    }
+  }
+}
+
+// Takes the file being recorded out of use. False when it was one too many.
+bool Segments::Quarantine(const char* what, int error) {
+  Complain("%s %s: %s", what, mPath.c_str(), std::strerror(error));
+  FmgrFileManager* manager = mDisks.Manager();
+  mWriter.reset();
+  mRecovery.SetQuarantining(true);
+  const bool there = Exists(mPath);
+  const bool moved = manager->MoveRecordFileToErrorRepository(mPath, 1) == 1;
+  mRecovery.SetQuarantining(false);
+  if (!there || !moved || Exists(mPath)) {
+    Complain("cannot move %s to quarantine", mPath.c_str());
+  } else {
+    std::printf("quarantined %s\n", mPath.c_str());
+    mTotals.quarantined++;
+    SyncDirectory(DirectoryOf(mPath));
+  }
+  if (++mFailures < kFailureLimit) return true;
+
+  const FmgrRepositoryGroup* broken = manager->CurrentRepositoryGroup();
+  const std::string path = broken != nullptr ? broken->Path() : std::string();
+  if (manager->ForceChangeCurrentDisk() == 1) {
+    Complain("%d files in a row failed: disk %s is given up, recording goes on without it", mFailures,
+             path.c_str());
+    FlcDetachDisk(NameOf(path).c_str());
+    delete broken;  // off the list it is nobody's
+    mFailures = 0;
+    return true;
+  }
+  Complain("%d files in a row failed and there is no other disk: recording stops", mFailures);
+  return false;
+}
+
+}  // namespace recorder

@@ -1,0 +1,87 @@
+// Writes packets into record files, one after the other: when to begin a new one, where it comes from, and what
+// becomes of the one before.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "apps/recorder/capture/Input.h"
+#include "apps/recorder/disks/Disks.h"
+#include "apps/recorder/recording/Recovery.h"
+#include "apps/recorder/recording/SearchIndex.h"
+
+class ImfWriter;
+
+namespace recorder {
+
+class Segments {
+ public:
+  struct Options {
+    int seconds = 60;  // length of a segment; it ends with the next key frame
+    int checkpointSeconds = 2;
+    bool overwrite = true;
+  };
+  struct Totals {
+    int segments = 0;
+    int quarantined = 0;
+    int64_t packets = 0;
+    int64_t dropped = 0;
+    uint64_t bytes = 0;  // of completed segments
+    double seconds = 0;
+  };
+
+  Segments(Disks& disks, SearchIndex& index, Recovery& recovery, Options options);
+  ~Segments();  // what Finish() was not called for is left to the next start
+
+  // Records a packet. False: recording can't go on, a line on standard error has said why; the open segment, if
+  // there is one, is still to be finished.
+  bool Put(const Sample& sample);
+  // The channel's parameters are not written into new files any more.
+  void EndChannel(int channel) { mStreams.erase(channel); }
+  // Completes the open segment.
+  void Finish();
+
+  const Totals& Sum() const { return mTotals; }
+
+ private:
+  enum class Opened { kYes, kAgain, kNo };
+
+  bool IsDue(const Sample& sample) const;
+  Opened Begin(const Sample& sample);
+  uint32_t NextStart(int64_t wanted) const;
+  int MakeFile(uint32_t start);
+  void KeepHouse();
+  bool WriteStreams();
+  void NoteWritten(const Sample& sample);
+  void Complete();
+  void GiveBack();
+  bool Quarantine(const char* what, int error);
+
+  Disks& mDisks;
+  SearchIndex& mIndex;
+  Recovery& mRecovery;
+  const Options mOptions;
+  Totals mTotals;
+  std::map<int, std::shared_ptr<const ImfStreamInfo>> mStreams;  // of the channels that are open
+
+  // The segment under way.
+  std::unique_ptr<ImfWriter> mWriter;
+  std::string mPath;
+  uint32_t mStart = 0;     // seconds since the epoch, as in its name
+  int64_t mFirstTime = 0;  // microseconds since the epoch
+  int64_t mLastTime = 0;
+  int64_t mPackets = 0;
+  uint64_t mGroupBegin = 0;     // bytes in use at the last key frame of the leading channel
+  uint64_t mLargestGroup = 0;   // bytes from key frame to key frame, in this segment
+  uint64_t mLargestBefore = 0;  // and in the one before
+
+  int mFailures = 0;  // in a row
+  bool mSaidTooFast = false;
+  std::set<int> mSaidTooLarge;  // channels with packets larger than a file
+};
+
+}  // namespace recorder
