@@ -11,11 +11,11 @@
 #include <functional>
 #include <string>
 
-#include "FlcSpy.h"
 #include "SyscallCounter.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "platform/host/flc/FlcHost.h"
+#include "tests/support/FlcSpy.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <ctime>
 
-#include "FlcSpy.h"
-#include "ManagerFixture.h"
 #include "SearchDb.h"
+#include "tests/support/FlcSpy.h"
+#include "tests/support/ManagerFixture.h"
 
 namespace {
 

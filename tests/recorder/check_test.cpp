@@ -6,13 +6,13 @@
 #include <filesystem>
 #include <fstream>
 
-#include "RecorderProgram.h"
 #include "SearchDb.h"
-#include "TestDisk.h"
 #include "apps/recorder/check/Checker.h"
 #include "apps/recorder/disks/RootLock.h"
 #include "platform/host/imf/ImfRecord.h"
 #include "platform/host/searchdb/SearchDbRebuild.h"
+#include "tests/support/RecorderProgram.h"
+#include "tests/support/TestDisk.h"
 
 namespace fs = std::filesystem;
 using recorder::CheckDisk;

@@ -3,9 +3,9 @@
 
 #include <filesystem>
 
-#include "FlcSpy.h"
-#include "TestDirectory.h"
 #include "fmgr/FmgrRepositoryGroup.h"
+#include "tests/support/FlcSpy.h"
+#include "tests/support/TestDirectory.h"
 
 namespace fs = std::filesystem;
 

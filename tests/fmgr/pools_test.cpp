@@ -11,10 +11,10 @@
 #include <tuple>
 #include <vector>
 
-#include "TestDisk.h"
 #include "fmgr/FmgrErrorRepository.h"
 #include "fmgr/FmgrFreeRepository.h"
 #include "fmgr/FmgrPreAllocRepository.h"
+#include "tests/support/TestDisk.h"
 
 namespace fs = std::filesystem;
 using Names = std::list<std::string>;

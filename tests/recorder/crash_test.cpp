@@ -13,10 +13,10 @@
 #include <functional>
 #include <sstream>
 
-#include "CrashRunner.h"
-#include "TestDisk.h"
 #include "apps/recorder/check/Checker.h"
 #include "platform/host/imf/RecordName.h"
+#include "tests/support/CrashRunner.h"
+#include "tests/support/TestDisk.h"
 
 namespace fs = std::filesystem;
 

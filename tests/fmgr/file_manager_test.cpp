@@ -1,9 +1,9 @@
 // The file manager's life, the preparation of a disk, the disks and their rotation.
 #include <sys/stat.h>
 
-#include "FlcSpy.h"
-#include "ManagerFixture.h"
 #include "SearchDb.h"
+#include "tests/support/FlcSpy.h"
+#include "tests/support/ManagerFixture.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 #include <fstream>
 #include <thread>
 
-#include "RecorderProgram.h"
-#include "TestDisk.h"
 #include "platform/host/imf/ImfRecord.h"
+#include "tests/support/RecorderProgram.h"
+#include "tests/support/TestDisk.h"
 
 namespace {
 

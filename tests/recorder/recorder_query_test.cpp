@@ -9,12 +9,12 @@
 #include <filesystem>
 #include <fstream>
 
-#include "RecorderProgram.h"
-#include "TestDisk.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/clip/Clip.h"
 #include "apps/recorder/looking/Recordings.h"
 #include "platform/host/imf/ImfRecord.h"
+#include "tests/support/RecorderProgram.h"
+#include "tests/support/TestDisk.h"
 
 namespace recorder {
 namespace {

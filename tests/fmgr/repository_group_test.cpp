@@ -2,9 +2,9 @@
 #include <climits>
 #include <filesystem>
 
-#include "FlcSpy.h"
-#include "TestDirectory.h"
 #include "fmgr/FmgrRepositoryGroup.h"
+#include "tests/support/FlcSpy.h"
+#include "tests/support/TestDirectory.h"
 
 namespace fs = std::filesystem;
 

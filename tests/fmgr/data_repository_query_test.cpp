@@ -1,8 +1,8 @@
 // Questions to one data directory, in both ways of keeping its list: in memory and in the file list cache.
-#include "FlcSpy.h"
 #include "ImfSearchCondition.h"
 #include "SearchDb.h"
-#include "TestDirectory.h"
+#include "tests/support/FlcSpy.h"
+#include "tests/support/TestDirectory.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <ctime>
 #include <random>
 
-#include "ManagerFixture.h"
+#include "tests/support/ManagerFixture.h"
 
 namespace {
 time_t gNow = kT;

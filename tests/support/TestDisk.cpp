@@ -1,4 +1,4 @@
-#include "TestDisk.h"
+#include "tests/support/TestDisk.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "FlcSpy.h"
-#include "TestDisk.h"
 #include "fmgr/FmgrErrorRepository.h"
 #include "fmgr/FmgrFreeRepository.h"
+#include "tests/support/FlcSpy.h"
+#include "tests/support/TestDisk.h"
 
 namespace fs = std::filesystem;
 using Names = std::vector<std::string>;

@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "TestDisk.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
+#include "tests/support/TestDisk.h"
 
 constexpr int kT = 1600000000;  // 0x5f5e1000; test times count from here
 

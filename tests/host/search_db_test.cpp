@@ -15,8 +15,8 @@
 
 #include "SearchDb.h"
 #include "SystemHelper.h"
-#include "TestDisk.h"
 #include "platform/host/HostSystem.h"
+#include "tests/support/TestDisk.h"
 
 static bool operator==(const TimeSearchRecording& a, const TimeSearchRecording& b) {
   return a.startTime == b.startTime && a.endTime == b.endTime && a.channelMask == b.channelMask;

@@ -1,4 +1,4 @@
-#include "CrashRunner.h"
+#include "tests/support/CrashRunner.h"
 
 #include <elf.h>
 #include <fcntl.h>

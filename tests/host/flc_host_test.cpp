@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "Flc.h"
-#include "TestDisk.h"
 #include "platform/host/flc/FlcDirectory.h"
 #include "platform/host/imf/RecordName.h"
+#include "tests/support/TestDisk.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "TestDisk.h"
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrErrorRepository.h"
 #include "fmgr/FmgrFreeRepository.h"
+#include "tests/support/TestDisk.h"
 
 using Names = std::vector<std::string>;
 

@@ -1,4 +1,4 @@
-#include "FlcSpy.h"
+#include "tests/support/FlcSpy.h"
 
 #include <dlfcn.h>
 

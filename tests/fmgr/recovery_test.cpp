@@ -7,7 +7,7 @@
 
 #include "ImfFile.h"
 #include "SearchDb.h"
-#include "TestDirectory.h"
+#include "tests/support/TestDirectory.h"
 
 // The device, as far as it can be made to fail: this stands in front of the C library's function.
 static int gReadError = 0;

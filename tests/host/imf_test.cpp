@@ -13,9 +13,9 @@
 #include <tuple>
 
 #include "ImfFile.h"
-#include "TestDisk.h"
 #include "platform/host/imf/ImfFormat.h"
 #include "platform/host/imf/ImfRecord.h"
+#include "tests/support/TestDisk.h"
 
 // The device, as far as it can be made to fail: these stand in front of the C library's functions in this
 // program.
