@@ -15,6 +15,7 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/check/RecordCheck.h"
+#include "apps/recorder/recording/SearchIndex.h"
 #include "fmgr/FmgrRepository.h"
 #include "platform/host/imf/RecordName.h"
 
@@ -348,7 +349,8 @@ DiskReport DiskCheck::Run() {
   };
   for (const DataDirectory& directory : mDirectories) {
     CheckRecordings(directory.path, directory.records, blame, &mCompleted);
-    CheckSearchDb(directory.path, directory.records, directory.searchDb, blame);
+    const std::string what = SearchIndex::Disagreement(directory.path, directory.records, directory.searchDb);
+    if (!what.empty()) blame(Fault::kSearchDb, directory.path + "search.fdb", what);
   }
   NoteOverlaps();
 
@@ -364,14 +366,6 @@ DiskReport DiskCheck::Run() {
 }
 
 }  // namespace
-
-const char* FaultName(Fault fault) {
-  static constexpr const char* kNames[] = {
-      "two-places", "leftover",       "outside",         "size",       "gap",     "pool-name",
-      "no-file",    "directory-name", "two-directories", "unreadable", "foreign", "name",
-      "unfinished", "header",         "two-starts",      "search-db"};
-  return kNames[static_cast<size_t>(fault)];
-}
 
 int64_t DiskReport::Wrong() const {
   return std::count_if(findings.begin(), findings.end(), [](const Finding& finding) {

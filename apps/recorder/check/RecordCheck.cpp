@@ -6,8 +6,6 @@
 #include <cstdio>
 #include <map>
 
-#include "SearchDb.h"
-#include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
 #include "fmgr/FmgrDataRepository.h"
 #include "platform/host/imf/ImfRecord.h"
@@ -48,45 +46,6 @@ std::string CompareHeader(const std::string& path, const RecordName& record) {
   return "";
 }
 
-std::string Plural(int64_t count, const char* what) {
-  return std::to_string(count) + " recording" + (count == 1 ? " " : "s ") + what;
-}
-
-// What speaks against a database that can be read; the rules are those by which it is rebuilt.
-std::string CompareRows(const std::vector<std::string>& names, const std::vector<TimeSearchRecording>& rows) {
-  std::map<uint32_t, RecordName> expected;
-  for (const std::string& name : names) {
-    RecordName record = {};
-    if (ParseRecordName(name, &record)) expected[record.startTime] = record;
-  }
-  int64_t surplus = 0;
-  int64_t different = 0;
-  for (const TimeSearchRecording& row : rows) {
-    const auto found = expected.find(static_cast<uint32_t>(row.startTime));
-    if (found == expected.end()) {
-      ++surplus;
-      continue;
-    }
-    const RecordName& record = found->second;
-    const bool isOther = record.endTime != static_cast<uint32_t>(row.endTime) ||
-                         (record.channelMask != 0 && record.channelMask != row.channelMask);
-    if (record.endTime != 0 && isOther) ++different;
-    expected.erase(found);
-  }
-  int64_t missing = 0;
-  for (const auto& [start, record] : expected) {
-    const bool hasRow = record.endTime >= start && record.endTime <= kTimeLimit;  // of no unfinished one
-    if (hasRow) ++missing;
-  }
-  std::string what;
-  for (const std::string& part : {missing > 0 ? Plural(missing, "missing") : "",
-                                  surplus > 0 ? Plural(surplus, "that are no longer there") : "",
-                                  different > 0 ? Plural(different, "with other times or channels") : ""}) {
-    if (!part.empty()) what += (what.empty() ? "is out of step with the file names: " : ", ") + part;
-  }
-  return what;
-}
-
 }  // namespace
 
 void CheckRecordings(const std::string& directory, const std::vector<std::string>& names, const Blame& blame,
@@ -120,38 +79,6 @@ void CheckRecordings(const std::string& directory, const std::vector<std::string
       completed->push_back({record.startTime, record.endTime, path});
     }
   }
-}
-
-void CheckSearchDb(const std::string& directory, const std::vector<std::string>& names,
-                   const std::vector<std::string>& others, const Blame& blame) {
-  const std::string path = directory + "search.fdb";
-  bool hasJournal = false;
-  for (const std::string& name : others) {
-    if (HasSuffix(name, ".err")) return blame(Fault::kSearchDb, path, "is marked as damaged by " + name);
-    hasJournal = hasJournal || name == "search.fdb-journal";
-  }
-  bool hasCompleted = false;
-  for (const std::string& name : names) {
-    RecordName record = {};
-    hasCompleted = hasCompleted || (ParseRecordName(name, &record) && record.endTime != 0);
-  }
-  struct stat info = {};
-  if (lstat(path.c_str(), &info) != 0) {
-    if (hasCompleted) blame(Fault::kSearchDb, path, "is missing");
-    return;
-  }
-  if (!S_ISREG(info.st_mode)) return blame(Fault::kSearchDb, path, "is not a regular file");
-  if (info.st_size == 0)
-    return blame(Fault::kSearchDb, path, "is empty, as a rebuild that was cut off leaves it");
-  // Reading it now would take the change back, and that writes.
-  if (hasJournal) return blame(Fault::kSearchDb, path, "was left in mid-change");
-
-  SearchDb database(directory, SEARCH_DB_READ);
-  TimeSearchChart chart;
-  chart.endTime = static_cast<int32_t>(kTimeLimit);
-  if (!database.CollectData(&chart)) return blame(Fault::kSearchDb, path, "can't be read: " + database.Error());
-  const std::string what = CompareRows(names, chart.recordings);
-  if (!what.empty()) blame(Fault::kSearchDb, path, what);
 }
 
 }  // namespace recorder

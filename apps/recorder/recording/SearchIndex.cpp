@@ -1,12 +1,13 @@
 #include "apps/recorder/recording/SearchIndex.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <map>
 
 #include "SystemHelper.h"
 #include "apps/recorder/base/Files.h"
-#include "apps/recorder/check/RecordCheck.h"
 #include "platform/host/imf/RecordName.h"
 
 namespace recorder {
@@ -14,6 +15,7 @@ namespace recorder {
 namespace {
 
 constexpr size_t kHandles = 2;
+constexpr uint32_t kTimeLimit = 2147483647;  // the file manager's times are signed
 
 std::string DbPath(const std::string& directory) { return directory + "search.fdb"; }
 
@@ -23,6 +25,45 @@ bool ReadCompleted(const std::string& name, TimeSearchRecording* recording) {
   *recording = {static_cast<int32_t>(parsed.startTime), static_cast<int32_t>(parsed.endTime),
                 parsed.channelMask};
   return true;
+}
+
+std::string Plural(int64_t count, const char* what) {
+  return std::to_string(count) + " recording" + (count == 1 ? " " : "s ") + what;
+}
+
+// What speaks against a database that can be read; the rules are those by which it is rebuilt.
+std::string CompareRows(const std::vector<std::string>& names, const std::vector<TimeSearchRecording>& rows) {
+  std::map<uint32_t, RecordName> expected;
+  for (const std::string& name : names) {
+    RecordName record = {};
+    if (ParseRecordName(name, &record)) expected[record.startTime] = record;
+  }
+  int64_t surplus = 0;
+  int64_t different = 0;
+  for (const TimeSearchRecording& row : rows) {
+    const auto found = expected.find(static_cast<uint32_t>(row.startTime));
+    if (found == expected.end()) {
+      ++surplus;
+      continue;
+    }
+    const RecordName& record = found->second;
+    const bool isOther = record.endTime != static_cast<uint32_t>(row.endTime) ||
+                         (record.channelMask != 0 && record.channelMask != row.channelMask);
+    if (record.endTime != 0 && isOther) ++different;
+    expected.erase(found);
+  }
+  int64_t missing = 0;
+  for (const auto& [start, record] : expected) {
+    const bool hasRow = record.endTime >= start && record.endTime <= kTimeLimit;  // of no unfinished one
+    if (hasRow) ++missing;
+  }
+  std::string what;
+  for (const std::string& part : {missing > 0 ? Plural(missing, "missing") : "",
+                                  surplus > 0 ? Plural(surplus, "that are no longer there") : "",
+                                  different > 0 ? Plural(different, "with other times or channels") : ""}) {
+    if (!part.empty()) what += (what.empty() ? "is out of step with the file names: " : ", ") + part;
+  }
+  return what;
 }
 
 }  // namespace
@@ -77,14 +118,43 @@ void SearchIndex::Mend(const std::string& disk) {
       if (HasSuffix(entry, ".imf")) records.push_back(entry);
       if (entry.rfind("search.fdb", 0) == 0) others.push_back(entry);
     }
-    CheckSearchDb(directory, records, others, [&](Fault, const std::string& path, const std::string& what) {
-      if (Rebuild(directory)) {
-        std::printf("rebuilt search database %s: it %s\n", path.c_str(), what.c_str());
-      } else {
-        Complain("search database %s %s and could not be rebuilt", path.c_str(), what.c_str());
-      }
-    });
+    const std::string what = Disagreement(directory, records, others);
+    if (what.empty()) continue;
+    if (Rebuild(directory)) {
+      std::printf("rebuilt search database %s: it %s\n", DbPath(directory).c_str(), what.c_str());
+    } else {
+      Complain("search database %s %s and could not be rebuilt", DbPath(directory).c_str(), what.c_str());
+    }
   }
+}
+
+std::string SearchIndex::Disagreement(const std::string& directory, const std::vector<std::string>& names,
+                                      const std::vector<std::string>& others) {
+  const std::string path = DbPath(directory);
+  bool hasJournal = false;
+  for (const std::string& name : others) {
+    if (HasSuffix(name, ".err")) return "is marked as damaged by " + name;
+    hasJournal = hasJournal || name == "search.fdb-journal";
+  }
+  bool hasCompleted = false;
+  for (const std::string& name : names) {
+    RecordName record = {};
+    hasCompleted = hasCompleted || (ParseRecordName(name, &record) && record.endTime != 0);
+  }
+  struct stat info = {};
+  if (lstat(path.c_str(), &info) != 0) {
+    return hasCompleted ? "is missing" : "";
+  }
+  if (!S_ISREG(info.st_mode)) return "is not a regular file";
+  if (info.st_size == 0) return "is empty, as a rebuild that was cut off leaves it";
+  // Reading it now would take the change back, and that writes.
+  if (hasJournal) return "was left in mid-change";
+
+  SearchDb database(directory, SEARCH_DB_READ);
+  TimeSearchChart chart;
+  chart.endTime = static_cast<int32_t>(kTimeLimit);
+  if (!database.CollectData(&chart)) return "can't be read: " + database.Error();
+  return CompareRows(names, chart.recordings);
 }
 
 // By the tool that the file manager uses as well. The marks go last, so that a rebuild that is cut off is done

@@ -5,6 +5,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "SearchDb.h"
 
@@ -24,9 +25,13 @@ class SearchIndex {
   // process that is killed between the change of a name and that of the database leaves them apart, without a
   // mark.
   static void Mend(const std::string& disk);
+  // What speaks against the database of a directory, as "is missing", given the directory's record files
+  // `names` and `others`, its entries that are called search.fdb and something; empty when it says what the
+  // names say. Only looks. `directory` ends with "/".
+  static std::string Disagreement(const std::string& directory, const std::vector<std::string>& names,
+                                  const std::vector<std::string>& others);
   // Makes the database of a directory anew from the names and removes the marks of damage. `directory` ends
-  // with
-  // "/". False: it is left for the next attempt.
+  // with "/". False: it is left for the next attempt.
   static bool Rebuild(const std::string& directory);
 
  private:
