@@ -1,7 +1,4 @@
 // recorder check: holds the disks against what every disk keeps to, and repairs on request.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cinttypes>
@@ -12,7 +9,8 @@
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
-#include "apps/recorder/check/Checker.h"
+#include "apps/recorder/check/ConcurrentCheck.h"
+#include "apps/recorder/check/NextStep.h"
 #include "apps/recorder/check/Repairs.h"
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/disks/Disks.h"
@@ -21,9 +19,6 @@
 namespace recorder {
 
 namespace {
-
-constexpr int kLooks = 4;  // what is seen as often while somebody records is not his moving of files
-constexpr useconds_t kBetweenLooks = 200000;  // microseconds
 
 struct Options {
   std::vector<std::string> disks;
@@ -36,116 +31,10 @@ struct Options {
   bool Repairs() const { return repairNames || rebuildIndex || returnOrphans; }
 };
 
-using Reports = std::vector<DiskReport>;
-
 // Names come from disks that others have been at: nothing of them may act on a terminal or break a line.
 std::string Printable(std::string text) {
   for (char& c : text) c = static_cast<unsigned char>(c) < ' ' || c == 0x7f ? '?' : c;
   return text;
-}
-
-std::string ShellWord(const std::string& path) {
-  const bool plain = std::all_of(path.begin(), path.end(), [](unsigned char c) {
-    return std::isalnum(c) != 0 || std::strchr("/._-", c) != nullptr;
-  });
-  if (plain) return path;
-  std::string word = "'";
-  for (const char c : path) word += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return word + "'";
-}
-
-// What a person does about it.
-std::string NextStep(const std::string& root, const std::string& disk, const Finding& finding) {
-  const std::string check = "recorder --root " + root + " check --disk " + ShellWord(NameOf(disk));
-  const std::string path = ShellWord(finding.path);
-  switch (finding.fault) {
-    case Fault::kUnfinished:
-      return check + " --repair-names";
-    case Fault::kSearchDb:
-      return check + " --rebuild-index";
-    case Fault::kLeftover:
-    case Fault::kOutside:
-    case Fault::kPoolName:
-      return check + " --return-orphans";
-    case Fault::kTwoPlaces:
-      return "look which name is the right one, and remove the other: rm " + path;
-    case Fault::kGap:
-      return "find the file that was taken out; without it the disk records a little less";
-    case Fault::kSize:
-    case Fault::kHeader:
-      return "keep it from being used: mkdir -p " + ShellWord(disk + "/imf_error") + " && mv -n " + path + " " +
-             ShellWord(disk + "/imf_error/");
-    case Fault::kTwoDirectories:
-    case Fault::kDirectoryName:
-      return "give it a number of its own: mv -n " + path + " " + ShellWord(disk) + "/data_00000000";
-    case Fault::kUnreadable:
-      return "look at the rights and the health of the disk: ls -ld " + path + "; dmesg; fsck";
-    case Fault::kNoRegularFile:
-    case Fault::kForeign:
-    case Fault::kName:
-    case Fault::kTwoStarts:
-      break;
-  }
-  return "save it elsewhere: mv -n " + path + " ELSEWHERE";
-}
-
-// The file that a recorder is writing is the unfinished one that was written to last.
-void DropBeingWritten(Reports* reports) {
-  DiskReport* owner = nullptr;
-  size_t position = 0;
-  timespec newest = {};
-  for (DiskReport& report : *reports) {
-    for (size_t i = 0; i < report.findings.size(); ++i) {
-      struct stat info = {};
-      if (report.findings[i].fault != Fault::kUnfinished) continue;
-      if (lstat(report.findings[i].path.c_str(), &info) != 0) continue;
-      const timespec written = info.st_mtim;
-      const bool isNewer =
-          std::make_pair(written.tv_sec, written.tv_nsec) > std::make_pair(newest.tv_sec, newest.tv_nsec);
-      if (!isNewer) continue;
-      owner = &report;
-      position = i;
-      newest = written;
-    }
-  }
-  if (owner == nullptr) return;
-  owner->notes.push_back(owner->findings[position].path + " is being written");
-  owner->findings.erase(owner->findings.begin() + static_cast<std::ptrdiff_t>(position));
-}
-
-void KeepCommon(const DiskReport& before, DiskReport* now) {
-  std::set<std::pair<Fault, std::string>> known;
-  for (const Finding& finding : before.findings) known.emplace(finding.fault, finding.path);
-  const auto isNew = [&](const Finding& finding) { return known.count({finding.fault, finding.path}) == 0; };
-  now->findings.erase(std::remove_if(now->findings.begin(), now->findings.end(), isNew), now->findings.end());
-}
-
-Reports CheckAll(const std::vector<Disk>& disks) {
-  Reports reports;
-  for (const Disk& disk : disks) reports.push_back(CheckDisk(disk.path));
-  return reports;
-}
-
-Reports CheckBeside(const std::string& root, const std::vector<Disk>& disks) {
-  Reports before;
-  for (int look = 1;; ++look) {
-    Reports reports = CheckAll(disks);
-    const std::optional<std::string> holder = HolderOfRoot(root);
-    if (!holder && look == 1) return reports;
-    const bool isPreparing = holder && holder->rfind("recorder prepare", 0) == 0;
-    for (DiskReport& report : reports) {
-      if (!isPreparing || !Exists(report.path + "/imf_prealloc")) continue;
-      report.findings.clear();
-      report.notes.push_back("is being prepared by " + *holder);
-    }
-    if (holder && holder->rfind("recorder record", 0) == 0) DropBeingWritten(&reports);
-    for (size_t i = 0; i < before.size(); ++i) KeepCommon(before[i], &reports[i]);
-    const bool isClean = std::all_of(reports.begin(), reports.end(),
-                                     [](const DiskReport& report) { return report.findings.empty(); });
-    if (isClean || look == kLooks) return reports;
-    usleep(kBetweenLooks);
-    before = std::move(reports);
-  }
 }
 
 double Percent(int64_t part, int64_t whole) {

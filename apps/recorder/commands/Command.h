@@ -5,13 +5,13 @@
 #include <functional>
 #include <string>
 
+#include "apps/recorder/base/ExitStatus.h"
+
 namespace CLI {
 class App;
 }
 
 namespace recorder {
-
-enum ExitStatus { kDone = 0, kFound = 1, kRefused = 2 };
 
 struct Context {
   std::string root;          // as given; Disks.h makes an absolute path of it

@@ -1,0 +1,135 @@
+#include "apps/recorder/recording/RecordSession.h"
+
+#include <signal.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+
+#include "apps/recorder/base/ExitStatus.h"
+#include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Units.h"
+#include "apps/recorder/capture/Capture.h"
+#include "apps/recorder/disks/Disks.h"
+#include "apps/recorder/disks/RootLock.h"
+#include "apps/recorder/recording/ForeignFiles.h"
+#include "apps/recorder/recording/Recovery.h"
+#include "apps/recorder/recording/Segments.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+namespace recorder {
+
+namespace {
+
+// What the options mean, once they are found to be sound.
+struct Plan {
+  std::string root;
+  ipc_preserve_limit_e keep = IPC_PRESERVE_UNLIMITED;
+  bool streamClock = false;
+  int64_t start = 0;  // microseconds since the epoch
+};
+
+Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* plan) {
+  if (options.inputs.size() > static_cast<size_t>(IMF_CHANNEL_LIMIT)) {
+    return std::to_string(options.inputs.size()) + " inputs: at most " + std::to_string(IMF_CHANNEL_LIMIT) +
+           " channels are possible";
+  }
+  if (options.segment < 1 || options.segment > 24 * 3600) return "--segment takes 1 to 86400 seconds";
+  if (options.checkpoint < 1 || options.checkpoint > 3600) return "--checkpoint takes 1 to 3600 seconds";
+  if (Refusal refusal = RefuseKeepHours(options.keep, &plan->keep)) return refusal;
+  plan->streamClock = options.clock == "stream";
+  if (!plan->streamClock && options.clock != "wall") return "--clock is wall or stream";
+  if (plan->streamClock == options.start.empty()) {
+    return plan->streamClock ? "--clock stream needs --start TIME" : "--start goes with --clock stream only";
+  }
+  if (plan->streamClock) {
+    const std::optional<int64_t> start = ParseTime(options.start);
+    if (!start) return "--start " + options.start + " is not a time: 2024-05-01T12:00:00+02:00 is";
+    plan->start = *start;
+    if (Refusal refusal = RefuseClock(plan->start / kMicros)) return "--start: " + *refusal;
+  } else if (Refusal refusal = RefuseClock(std::time(nullptr))) {
+    return refusal;
+  }
+  plan->root = root;
+  return ResolveRoot(&plan->root, true);
+}
+
+// Returns the exit status.
+int RecordAll(Source& source, Segments& segments) {
+  SourceEvent event;
+  for (;;) {
+    source.Next(&event);
+    switch (event.kind) {
+      case SourceEvent::kPacket:
+        if (!segments.Put(event.sample)) {
+          segments.Finish();
+          return kFound;
+        }
+        break;
+      case SourceEvent::kChannelEnded:
+        if (!event.reason.empty()) Complain("channel %d: %s", event.channel, event.reason.c_str());
+        segments.EndChannel(event.channel);
+        break;
+      case SourceEvent::kNothing:
+        break;
+      case SourceEvent::kFinished:
+        segments.Finish();
+        if (source.Opened() > 0 || gStop) return kDone;
+        Complain("none of the inputs can be read");
+        return kRefused;
+    }
+  }
+}
+
+}  // namespace
+
+int Record(const RecordOptions& options, const std::string& root) {
+  Plan plan;
+  RootLock lock;
+  SearchIndex index;
+  Recovery recovery(index);
+  Disks disks;  // released before the observer that it calls
+  Refusal refusal = MakePlan(options, root, &plan);
+  if (!refusal) refusal = disks.Choose(plan.root, options.disks);
+  if (!refusal) refusal = lock.Take(plan.root, "record");
+  if (!refusal) {
+    StopOnSignals();
+    signal(SIGPIPE, SIG_IGN);  // a log that is not read any more must not end the recording
+    recovery.NoteState(disks.All());
+    refusal = disks.OpenForRecording({options.overwrite, plan.keep, &recovery, &recovery});
+  }
+  if (refusal) {
+    Complain("%s", refusal->c_str());
+    return kRefused;
+  }
+  recovery.ReportState();
+  for (const Disk& disk : disks.All()) {
+    if (FmgrRepositoryGroup* group = disks.Group(disk)) RemoveEmptyDirectories(disk, *group);
+    SearchIndex::Mend(disk.path);
+  }
+
+  av_log_set_level(AV_LOG_FATAL);  // what matters of it is said in lines of our own
+  Segments segments(disks, index, recovery, {options.segment, options.checkpoint, options.overwrite});
+  std::unique_ptr<Source> source;
+  if (plan.streamClock) {
+    source = std::make_unique<StreamClockSource>(options.inputs, plan.start);
+  } else {
+    source = std::make_unique<WallClockSource>(options.inputs);
+  }
+  const int status = RecordAll(*source, segments);
+
+  if (status == kRefused) return status;
+
+  const Segments::Totals& sum = segments.Sum();
+  std::printf("recorded %d segments, %s, %s, %" PRId64 " packets; dropped %" PRId64
+              " packets, recycled %d recordings, quarantined %d files\n",
+              sum.segments, FormatDuration(sum.seconds).c_str(), FormatSize(sum.bytes).c_str(), sum.packets,
+              sum.dropped, recovery.Recycled(), sum.quarantined);
+  return status;
+}
+
+}  // namespace recorder

@@ -1,0 +1,26 @@
+// Recording from start to stop: takes the disks, repairs what an earlier run left behind, and puts packets from
+// the source into segments.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace recorder {
+
+// As given; what they mean is found out, or refused, by Record().
+struct RecordOptions {
+  std::vector<std::string> inputs;
+  std::vector<std::string> disks;
+  int segment = 60;
+  int checkpoint = 2;
+  int keep = 0;
+  bool overwrite = true;
+  std::string clock = "wall";
+  std::string start;
+};
+
+// Records until every input has ended or a signal stops it. Returns the exit status; every failure has said a
+// line on standard error.
+int Record(const RecordOptions& options, const std::string& root);
+
+}  // namespace recorder
