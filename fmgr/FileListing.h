@@ -15,7 +15,9 @@ std::string BoundedPattern(const char* format, ...) __attribute__((format(printf
 // double one, which the file system takes as one.
 std::string RecordFilePattern(const std::string& directory);
 
-// Expands a pattern in the sorted order of glob(3). Result: 0 also for no match, else glob's error code.
+// Expands a pattern in the sorted order of glob(3). Result: 0 also for no match and for a directory that is
+// missing, else glob's error code with `paths` untouched: GLOB_ABORTED when a directory can't be opened or not
+// be read to its end, since a listing that breaks off must not pass for an empty or a short one.
 int Expand(const std::string& pattern, std::vector<std::string>& paths);
 
 }  // namespace fmgr

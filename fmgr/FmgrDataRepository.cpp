@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -128,6 +129,11 @@ unsigned FmgrDataRepository::IsExistFile(const char* path) const {
 }
 
 // --- Record files in and out ---
+
+// On a 32-bit target the library has 64-bit times, while applications may have been built with 32-bit ones.
+// Only the low half of the seconds is used, and that stands in the same place in both kinds of timeval.
+static_assert(offsetof(timeval, tv_sec) == 0);
+static_assert(sizeof(time_t) == sizeof(long) || __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
 
 int FmgrDataRepository::MakeRecordFile(timeval& time, std::string& newPath) {
   if (mFreeRepository == nullptr || static_cast<const FmgrRepository*>(mFreeRepository)->GetFileCount() < 1)

@@ -158,7 +158,8 @@ class FMGR_EXPORT FmgrFileManager {
   // The nearest month with recordings in local time, from `month` (1 to 12) of `year` on (direction >= 1: later
   // months) or back (direction <= 0: earlier ones). 1 and the month, or 0. Looking for later months, a
   // recording in progress that started by then is answered with the month of its start: a walk ends where the
-  // month does not advance.
+  // month does not advance. 0 as well for a month that no calendar has, and for one that begins outside the
+  // times that record files can have, 1970 to 2106.
   unsigned GetRecentlyMonthInfo(int year, int month, int& outYear, int& outMonth, int direction) const;
   // Over all disks, or for the disk of that path, 0 when it is not managed.
   int GetAllDataRepositoryCount() const;

@@ -1,5 +1,7 @@
 #include "fmgr/FmgrFreeRepository.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,8 +18,23 @@
 #include "fmgr/StepReport.h"
 
 namespace {
+
 constexpr char kUnit[] = "FmgrFreeRepository";
+
+// rename(2) that never replaces anything: 0, or -1 with errno, EEXIST when the target's name is taken.
+int RenameToNewName(const char* source, const char* target) {
+  if (renameat2(AT_FDCWD, source, AT_FDCWD, target, RENAME_NOREPLACE) == 0) return 0;
+  // Some file systems and older kernels don't know the flag; looking first is the next best.
+  if (errno != EINVAL && errno != ENOSYS) return -1;
+  struct stat status;
+  if (lstat(target, &status) == 0) {
+    errno = EEXIST;
+    return -1;
+  }
+  return errno == ENOENT ? std::rename(source, target) : -1;
 }
+
+}  // namespace
 
 FmgrFreeRepository::FmgrFreeRepository(std::string mount) : mPath(mount + "/imf_free/") {
   if (!ListUp()) fmgr::LogError(kUnit, 21, "free repo list-up failure!");
@@ -61,22 +78,24 @@ int FmgrFreeRepository::Push(std::string& source) {
     return 0;
   }
   // An empty pool starts at 1 although Make numbers from 0: deliberate, recorders in the field have such pools.
-  // Taken numbers are passed over: they can come up only where a foreign name stands at the pool's end, and
-  // renaming onto a pool file would lose it.
+  // Taken numbers are passed over, since renaming onto a pool file would lose it: those in the list, which come
+  // up where a foreign name stands at the pool's end, and those on the disk alone. The list loses a name when a
+  // file that was popped could not be moved out.
   int next = index;
-  std::string name;
-  do {
+  for (;;) {
     next = next == INT_MAX ? 1 : next + 1;
-    name = MakeFileName(next);
-  } while (std::find(files.begin(), files.end(), name) != files.end());
-  const std::string target = FileNameToPath(name);
-  if (std::rename(source.c_str(), target.c_str()) != 0) {
+    const std::string name = MakeFileName(next);
+    if (std::find(files.begin(), files.end(), name) != files.end()) continue;
+    const std::string target = FileNameToPath(name);
+    if (RenameToNewName(source.c_str(), target.c_str()) == 0) {
+      files.push_back(name);
+      return 1;
+    }
+    if (errno == EEXIST) continue;
     fmgr::LogDebug("Can't move from '%s' to '%s'. (%s)\n", source.c_str(), target.c_str(),
                    std::strerror(errno));
     return 0;
   }
-  files.push_back(name);
-  return 1;
 }
 
 int FmgrFreeRepository::Make(FmgrPreAllocRepository& prealloc, ProgressIndicator* indicator) {
@@ -89,11 +108,13 @@ int FmgrFreeRepository::Make(FmgrPreAllocRepository& prealloc, ProgressIndicator
     fmgr::LogError(kUnit, 109, "Can't create free record file repository! (%s)\n", mPath.c_str());
     return 0;
   }
+  // A copy: the indicator is the application's, and may change the list while it draws.
+  const std::list<std::string> entries = prealloc.files;
   if (indicator != nullptr) {
-    indicator->BeginStage(static_cast<int>(prealloc.files.size()), PROGRESS_STAGE_FILL_FREE_POOL);
+    indicator->BeginStage(static_cast<int>(entries.size()), PROGRESS_STAGE_FILL_FREE_POOL);
   }
   int step = 0;
-  for (const std::string& entry : prealloc.files) {
+  for (const std::string& entry : entries) {
     // A hard link, so that a build cut off in the middle still has every file under its first name.
     if (link(entry.c_str(), FileNameToPath(MakeFileName(step)).c_str()) != 0) {
       // Deliberately not reported: the pool has a gap, and the application verifies the pool after a build.

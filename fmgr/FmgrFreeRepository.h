@@ -30,8 +30,9 @@ class FMGR_EXPORT FmgrFreeRepository : public FmgrRepository {
   // Precondition: GetFileCount() is above 0.
   std::string Pop();
 
-  // Renames the file at `source` (on the same disk) into the pool under the index after the last one's and
-  // appends it. 1 done; 0 with a line logged: the file and the list are as they were.
+  // Renames the file at `source` (on the same disk) into the pool under the first index after the last one's
+  // that neither the list nor the directory has, and appends it. Nothing that exists is replaced. 1 done; 0
+  // with a line logged: the file and the list are as they were.
   int Push(std::string& source);
 
   // Makes the directory and hard-links every pre-allocated file into it, numbered from 0. 1 done; 0 with a line

@@ -37,14 +37,18 @@ int TimeRangeOf(const std::list<FmgrRepositoryGroup*>& groups, int& start, int& 
   return 1;
 }
 
-// First second of a month in local time; `month` counts from 0.
-time_t MonthStart(int year, int month, std::tm& broken) {
+// First second of a month in local time; `month` counts from 0. False for a year that no calendar has.
+bool MonthStart(int64_t year, int month, std::tm& broken, int64_t& start) {
+  const int64_t years = year - kTmYearBase;
   broken = {};
-  broken.tm_year = year - kTmYearBase;
+  broken.tm_year = static_cast<int>(years);
+  if (broken.tm_year != years) return false;
   broken.tm_mon = month;
   broken.tm_mday = 1;
   broken.tm_isdst = -1;  // the zone's rules decide, so months follow both changes of the clock
-  return std::mktime(&broken);
+  broken.tm_wday = -1;   // set by a success; -1 as the result could also be a time
+  start = std::mktime(&broken);
+  return broken.tm_wday != -1;
 }
 
 }  // namespace
@@ -139,11 +143,17 @@ int FmgrFileManager::CollectTimeRange(ipc_menu_disk_stream_t& menu) const {
 unsigned FmgrFileManager::GetRecentlyMonthInfo(int year, int month, int& outYear, int& outMonth,
                                                int direction) const {
   const GroupList& groups = ActiveGroups();
-  if (groups.empty()) return 0;
+  if (groups.empty() || month < 1 || month > kMonthsPerYear) return 0;
   const bool forward = direction >= 1;
   std::tm broken;
-  const int64_t boundary = forward ? MonthStart(year + month / kMonthsPerYear, month % kMonthsPerYear, broken)
-                                   : MonthStart(year, (month - 1) % kMonthsPerYear, broken) - 1;
+  int64_t boundary = 0;
+  if (!(forward ? MonthStart(int64_t{year} + month / kMonthsPerYear, month % kMonthsPerYear, broken, boundary)
+                : MonthStart(year, month - 1, broken, boundary))) {
+    return 0;
+  }
+  if (!forward) --boundary;
+  // No record file has such a time, and in a request it would stand for another one.
+  if (boundary < 0 || boundary > UINT32_MAX) return 0;
   int64_t best = 0;
   for (const FmgrRepositoryGroup* group : groups) {
     const char* disk = group->mName.empty() ? nullptr : group->mName.c_str();

@@ -1,5 +1,6 @@
 // The file manager's answers for playback, search and menus, over several disks.
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -208,6 +209,22 @@ TEST_F(MonthTest, FollowLocalTimeOverBothChangesOfTheClock) {
     Begin({"a 0 " + At(midnight - 5, last + 5)});  // across the midnight: belongs to both months
     EXPECT_EQ(month, Ask(month - 1, 1));
     EXPECT_EQ(month - 1, Ask(month, 0));
+  }
+}
+
+TEST_F(MonthTest, WhatNoCalendarHasIsNotFound) {
+  constexpr int kNewYear = 1704067200;
+  Add("usbdisk1 0 " + Text("7:%d", kNewYear - kT));  // in progress: every later time is in it
+  ASSERT_EQ(2024 * 12, Ask(2024 * 12 + 4, 1));
+  const std::pair<int, int> months[] = {{2024, 0},        {2024, 13},      {2024, INT_MIN}, {2024, INT_MAX},
+                                        {INT_MAX, 12},    {INT_MIN, 1},    {INT_MIN, 12},   {INT_MAX, 1},
+                                        {-2147481749, 1}, {2147483646, 6}, {2107, 1},       {1969, 6}};
+  for (const auto& [year, month] : months) {
+    for (const int direction : {0, 1}) {
+      int foundYear = -1, foundMonth = -1;
+      EXPECT_EQ(0u, mManager->GetRecentlyMonthInfo(year, month, foundYear, foundMonth, direction))
+          << year << " " << month << " " << direction;
+    }
   }
 }
 

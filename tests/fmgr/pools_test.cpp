@@ -1,8 +1,12 @@
 // The pools of one disk: laying the files down, the free pool, the quarantine.
+#include <dirent.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <list>
@@ -14,10 +18,23 @@
 #include "fmgr/FmgrErrorRepository.h"
 #include "fmgr/FmgrFreeRepository.h"
 #include "fmgr/FmgrPreAllocRepository.h"
+#include "fmgr/FmgrRepositoryGroup.h"
 #include "tests/support/TestDisk.h"
 
 namespace fs = std::filesystem;
 using Names = std::list<std::string>;
+
+namespace {
+int gEntriesBeforeError = INT_MAX;  // that directories still give
+}
+
+// Stands in front of the C library's, for the file manager as well. The headers may call it readdir64.
+dirent* readdir(DIR* directory) {
+  static const auto real = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir64"));
+  if (gEntriesBeforeError-- > 0) return real(directory);
+  errno = EIO;
+  return nullptr;
+}
 
 namespace {
 
@@ -34,10 +51,14 @@ int ReservedOf(const std::string& path) { return static_cast<int>(StatusOf(path)
 class Progress : public ProgressIndicator {
  public:
   void BeginStage(int total, int stage) override { begun = {total, stage}; }
-  void Refresh() override { refreshed += std::to_string(mCurrent); }
+  void Refresh() override {
+    refreshed += std::to_string(mCurrent);
+    if (list != nullptr) list->clear();
+  }
 
   std::pair<int, int> begun;
   std::string refreshed;
+  Names* list = nullptr;  // emptied by each redraw
 };
 
 class Pools : public testing::Test {
@@ -123,6 +144,11 @@ TEST_F(Pools, ProgressFollowsTheIndicatorsRule) {
     EXPECT_EQ(drawn, progress.refreshed);
     EXPECT_EQ(currentAfter, progress.mCurrent) << drawn;
   }
+  Progress emptying;
+  std::tie(emptying.mGate, emptying.mActive, emptying.list) = std::tuple(2, 1, &prealloc.files);
+  fs::remove(mDisk + "/imf_free");
+  EXPECT_EQ(1, FmgrFreeRepository(mDisk).Make(prealloc, &emptying));
+  EXPECT_EQ("0123", emptying.refreshed) << "as many as there were before";
 }
 
 TEST_F(Pools, FreePoolIsAQueue) {
@@ -159,6 +185,20 @@ TEST_F(Pools, ForeignNamesInTheFreePool) {
   }
 }
 
+// A file that was popped but could not be moved out is still there, and a link or a directory may have come.
+TEST_F(Pools, APushReplacesNothing) {
+  FmgrFreeRepository pool = PoolOf({"00000001.imf", "00000002.imf"});
+  pool.files.clear();
+  fs::create_directory(mDisk + "/imf_free/00000003.imf");
+  fs::create_symlink("nowhere", mDisk + "/imf_free/00000004.imf");
+  std::string source = MakeTestFile(mDisk + "/data_00000001/5f5e1000_5f5e1258_cmf.imf");
+  const std::set<unsigned long> inodes = InodesOf(mDisk);
+  EXPECT_EQ(1, pool.Push(source));
+  EXPECT_EQ(Names{"00000005.imf"}, pool.files);
+  ExpectEachInOnePlace(mDisk, inodes);
+  EXPECT_TRUE(fs::is_symlink(mDisk + "/imf_free/00000004.imf"));
+}
+
 // Patterns are cut at 63 characters: at the bound a directory is listed, one character more matches nothing.
 TEST_F(Pools, ListingPatternIsBounded) {
   for (const size_t length : {47, 48}) {
@@ -166,6 +206,37 @@ TEST_F(Pools, ListingPatternIsBounded) {
     MakeTestFile(disk + "/imf_free/00000000.imf");
     EXPECT_EQ(length == 47 ? 1 : 0, FmgrFreeRepository(disk).GetFileCount());
   }
+}
+
+// A listing that breaks off must not pass for an empty or a short one: recordings would be recycled for want of
+// free files.
+TEST_F(Pools, AListingThatBreaksOffHasFailed) {
+  const auto list = [&](int entries) {
+    gEntriesBeforeError = entries;
+    return StderrOf([&] {
+      EXPECT_TRUE(FmgrFreeRepository(mDisk).files.empty());
+      gEntriesBeforeError = entries;
+      EXPECT_TRUE(FmgrErrorRepository(mDisk).files.empty());
+      gEntriesBeforeError = entries;
+      FmgrRepositoryGroup group(mDisk, 0, 0);
+      gEntriesBeforeError = entries;
+      EXPECT_EQ(entries == INT_MAX, group.DataRepositoryListUp(mDisk) == 1);
+      gEntriesBeforeError = INT_MAX;
+    });
+  };
+  EXPECT_EQ("", list(INT_MAX)) << "missing directories are no fault";
+  MakeTestFile(mDisk + "/imf_free/00000001.imf");
+  MakeTestFile(mDisk + "/imf_error/5f5e1000_5f5e1258_cmf.imf");
+  for (const int entries : {0, 1, 3}) {  // the last is behind ".", ".." and the file
+    const std::string log = list(entries);
+    for (const char* line : {"/FmgrFreeRepository:41) glob failure! (2)\n", "free repo list-up failure!",
+                             "/FmgrErrorRepository:45) glob failure! (2)\n", "error repo list-up failure!",
+                             "/FmgrRepositoryGroup:85) glob failure! (2)\n"})
+      EXPECT_NE(std::string::npos, log.find(line)) << entries << log;
+  }
+  fs::remove_all(mDisk + "/imf_free");
+  fs::create_symlink("imf_free", mDisk + "/imf_free");
+  EXPECT_NE("", StderrOf([&] { EXPECT_EQ(0, FmgrFreeRepository(mDisk).GetFileCount()); })) << "can't be opened";
 }
 
 // --- The quarantine ---
