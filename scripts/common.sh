@@ -36,17 +36,19 @@ need_packages() {
   done
   [ ${#missing[@]} -eq 0 ] && return 0
   command -v apt-get >/dev/null 2>&1 || fail "please install: ${missing[*]}"
-  say "Installing ${missing[*]}"
-  as_root apt-get update -qq || fail "apt-get update failed"
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" \
-    >/dev/null || fail "could not install: ${missing[*]}"
+  say "Asking the package servers for their lists (apt-get update)"
+  as_root apt-get update -q || fail "apt-get update failed"
+  say "Installing ${#missing[@]} packages and what they need: ${missing[*]}"
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}" ||
+    fail "could not install: ${missing[*]}"
 }
 
 # Configures and builds a preset in build/PRESET; further arguments go to cmake --build.
 build_preset() {
   local preset=$1
   shift
-  say "Building $preset in build/$preset"
-  (cd "$TOP" && cmake --preset "$preset" >/dev/null && cmake --build --preset "$preset" -j "$JOBS" "$@") ||
-    fail "the $preset build failed"
+  say "Configuring the $preset build in build/$preset"
+  (cd "$TOP" && cmake --preset "$preset" >/dev/null) || fail "the $preset build cannot be configured"
+  say "Compiling with $JOBS jobs; [done/all] counts the steps"
+  (cd "$TOP" && cmake --build --preset "$preset" -j "$JOBS" "$@") || fail "the $preset build failed"
 }
