@@ -1,0 +1,121 @@
+#!/usr/bin/python3
+"""A camera for the tests: an RTSP server on the loopback address that serves rtsp://127.0.0.1:PORT/cam.
+
+Without --file it draws the time of day into each picture: 48 fields of 16 x 16 pixels, milliseconds since the
+epoch in binary, black 0, white 1, the highest bit first, 12 fields a row from the top left. Prints "ready" when
+it serves. To be frozen with SIGSTOP and killed as its user likes.
+"""
+import argparse
+import threading
+import time
+
+import gi
+
+gi.require_version("Gst", "1.0")
+gi.require_version("GstRtspServer", "1.0")
+from gi.repository import GLib, Gst, GstRtspServer  # noqa: E402
+
+BITS, ROW, FIELD = 48, 12, 16
+WIDTH, HEIGHT = ROW * FIELD, 128
+
+
+def clock_picture(millis):
+    rows = []
+    for first in range(0, BITS, ROW):
+        row = b"".join(
+            (b"\xeb" if millis >> (BITS - 1 - first - i) & 1 else b"\x10") * FIELD for i in range(ROW)
+        )
+        rows.append(row * FIELD)
+    drawn = b"".join(rows)
+    return drawn + b"\x80" * (WIDTH * HEIGHT * 3 // 2 - len(drawn))
+
+
+class Factory(GstRtspServer.RTSPMediaFactory):
+    def __init__(self, options):
+        super().__init__()
+        self.options = options
+
+    def do_create_element(self, _url):
+        o = self.options
+        h264 = o.codec == "h264"
+        pay = f"rtp{o.codec}pay name=pay0 pt=96 config-interval={o.config_interval}"
+        parse = f"{o.codec}parse"
+        if o.file:
+            return Gst.parse_launch(f"( filesrc location={o.file} ! qtdemux ! {parse} ! {pay} )")
+        if h264:
+            coder = (
+                f"x264enc speed-preset=superfast key-int-max={o.group} rc-lookahead=0 sync-lookahead=0 "
+                f"sliced-threads=true bframes={o.bframes} b-adapt=false bitrate=500 "
+            )
+            if not o.bframes:
+                coder += "tune=zerolatency"
+            coder += " ! video/x-h264,profile=main"
+        else:
+            more = f"bframes={o.bframes}:b-adapt=0:rc-lookahead={max(o.bframes, 1)}:frame-threads=1:log-level=none"
+            coder = f"x265enc speed-preset=ultrafast key-int-max={o.group} option-string={more}"
+        caps = f"video/x-raw,format=I420,width={WIDTH},height={HEIGHT},framerate={o.fps}/1"
+        pipeline = Gst.parse_launch(
+            f"( appsrc name=source is-live=true do-timestamp=false format=time caps={caps} ! {coder} ! {parse} ! {pay} )"
+        )
+        source = pipeline.get_by_name("source")
+        threading.Thread(target=self.draw, args=(pipeline, source), daemon=True).start()
+        return pipeline
+
+    def draw(self, pipeline, source):
+        """Pushes pictures, each stamped with the moment it was drawn; those of a standstill are left out."""
+        interval = Gst.SECOND // self.options.fps
+        while pipeline.get_clock() is None or pipeline.current_state != Gst.State.PLAYING:
+            time.sleep(0.005)
+        due = 0
+        while True:
+            clock = pipeline.get_clock()
+            if clock is None:
+                return
+            now = clock.get_time() - pipeline.get_base_time()
+            if now < due:
+                time.sleep((due - now) / Gst.SECOND)
+                continue
+            due = max(due + interval, now - now % interval)
+            picture = Gst.Buffer.new_wrapped(clock_picture(int(time.time() * 1000)))
+            picture.pts = now
+            picture.duration = interval
+            if source.emit("push-buffer", picture) != Gst.FlowReturn.OK:
+                return
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--port", required=True)
+    parser.add_argument("--codec", choices=["h264", "h265"], default="h264")
+    parser.add_argument("--bframes", type=int, default=0)
+    parser.add_argument("--group", type=int, default=25, help="pictures from key frame to key frame")
+    parser.add_argument("--fps", type=int, default=25)
+    parser.add_argument("--file", help="an MP4 file to play instead of the clock")
+    parser.add_argument("--config-interval", type=int, default=-1, help="as the payloader's: -1 with each key frame")
+    parser.add_argument("--user")
+    parser.add_argument("--password")
+    options = parser.parse_args()
+
+    Gst.init(None)
+    server = GstRtspServer.RTSPServer.new()
+    server.set_address("127.0.0.1")
+    server.set_service(options.port)
+    factory = Factory(options)
+    if options.user:
+        auth = GstRtspServer.RTSPAuth.new()
+        auth.set_supported_methods(GstRtspServer.RTSPAuthMethod.DIGEST if hasattr(GstRtspServer, "RTSPAuthMethod") else 2)
+        token = GstRtspServer.RTSPToken.new()
+        token.set_string("media.factory.role", "viewer")
+        auth.add_digest(options.user, options.password, token)
+        server.set_auth(auth)
+        factory.add_role_from_structure(Gst.Structure.from_string(
+            "viewer,media.factory.access=true,media.factory.construct=true")[0])
+    server.get_mount_points().add_factory("/cam", factory)
+    if server.attach(None) == 0:
+        raise SystemExit("cannot listen")
+    print("ready", flush=True)
+    GLib.MainLoop().run()
+
+
+if __name__ == "__main__":
+    main()
