@@ -44,14 +44,14 @@ class Factory(GstRtspServer.RTSPMediaFactory):
             return Gst.parse_launch(f"( filesrc location={o.file} ! qtdemux ! {parse} ! {pay} )")
         if h264:
             coder = (
-                f"x264enc speed-preset=superfast key-int-max={o.group} rc-lookahead=0 sync-lookahead=0 "
-                f"sliced-threads=true bframes={o.bframes} b-adapt=false bitrate=500 "
+                f"x264enc speed-preset=superfast key-int-max={o.group} rc-lookahead=0 sync-lookahead=0 threads=1 "
+                f"bframes={o.bframes} b-adapt=false bitrate=500 "
             )
             if not o.bframes:
                 coder += "tune=zerolatency"
             coder += " ! video/x-h264,profile=main"
         else:
-            more = f"bframes={o.bframes}:b-adapt=0:rc-lookahead={max(o.bframes, 1)}:frame-threads=1:log-level=none"
+            more = f"bframes={o.bframes}:b-adapt=0:rc-lookahead={o.bframes + 1}:frame-threads=1"
             coder = f"x265enc speed-preset=ultrafast key-int-max={o.group} option-string={more}"
         caps = f"video/x-raw,format=I420,width={WIDTH},height={HEIGHT},framerate={o.fps}/1"
         pipeline = Gst.parse_launch(
