@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,18 +48,24 @@ constexpr int SEARCH_DB_READ = 1;   // opened for reading only, never made
 
 namespace searchdb {
 class DirectoryLock;
-}
+struct FileState;
+}  // namespace searchdb
 
 // "search.fdb" in a data directory. Operations return false on failure, say why in one line on standard error,
 // and leave the database as it was. When one fails that was to write, a file "search.fdb.0.err" marks the
-// database, and the next start rebuilds it. One thread at a time; any number of processes: an operation waits
-// up to 2 seconds for others.
+// database, and the next start rebuilds it. One thread at a time; any number of processes: a change waits up to
+// 2 seconds for others.
+//
+// The file may come from anyone. It has to be a regular file with no second name, its schema exactly the one
+// that is expected, no journal beside it, and no search may take longer than some seconds; else it is damaged,
+// and nothing in it is run, followed or taken back. Reading changes nothing on the disk and takes no lock.
 class SearchDb : public FileDb {
  public:
-  // `directory` ends with "/". When the database can't be opened, IsOpen() answers false, and so do operations;
-  // those that come 10 seconds after the last attempt try again. The database may be replaced by a rebuild
-  // meanwhile: operations notice.
+  // `directory` ends with "/" and is no symbolic link. When the database can't be opened, IsOpen() answers
+  // false, and so do operations; those that come 10 seconds after the last attempt try again. The database may
+  // be replaced by a rebuild meanwhile: operations notice.
   SearchDb(const std::string& directory, int mode);
+  ~SearchDb() override;
 
   // A recording of the same start is replaced.
   bool Add(const TimeSearchRecording& recording);
@@ -71,17 +78,19 @@ class SearchDb : public FileDb {
  private:
   bool Fail(const std::string& why);
   bool Lock(searchdb::DirectoryLock* lock);
+  std::string Inspect();
   bool Open();
-  int Connect(const std::string& path, int flags);
   std::string CheckSchema(bool hasContent);
   void Close();
+  bool IsCurrent() const;
   bool Refresh();
+  bool Read(const TimeSearchChart& chart, std::vector<TimeSearchRecording>* found);
   bool Change(const char* statement, const int64_t* values, int count);
 
   const std::string mDirectory;
   const int mMode;
-  uint64_t mDevice = 0;
-  uint64_t mInode = 0;
+  std::unique_ptr<searchdb::FileState> mState;  // of the open file
+  int mSteps = 0;                               // of the operation under way, towards its limit
   bool mIsBlank = false;
   std::chrono::steady_clock::time_point mRetryAt;
 };

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <thread>
 
@@ -26,6 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Recordings = std::vector<TimeSearchRecording>;
+const Recordings kFailed = {{-1, 0, 0}};
 
 class SearchDbTest : public testing::Test {
  protected:
@@ -40,7 +43,7 @@ class SearchDbTest : public testing::Test {
     TimeSearchChart chart;
     chart.startTime = from;
     chart.endTime = to;
-    if (!SearchDb(mDirectory, SEARCH_DB_READ).CollectData(&chart)) return {{-1, 0, 0}};
+    if (!SearchDb(mDirectory, SEARCH_DB_READ).CollectData(&chart)) return kFailed;
     std::sort(chart.recordings.begin(), chart.recordings.end(),
               [](const auto& a, const auto& b) { return a.startTime < b.startTime; });
     return chart.recordings;
@@ -66,6 +69,39 @@ class SearchDbTest : public testing::Test {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
   int Rebuild() const { return Result(StartTool()); }
+  // By SQLite as it is, without any caution.
+  void Run(const std::string& statements) const {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(mPath.c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, statements.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+    sqlite3_close(db);
+  }
+  static std::string Number(size_t number, int size = 4) {
+    std::string text;
+    for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) text += static_cast<char>(number >> shift);
+    return text;
+  }
+  // Small pages, each of which lists the next one fifty times: the last one comes 50 to the power of 8 times.
+  void MakeEndless() const {
+    Run("PRAGMA page_size=512; VACUUM");
+    std::string content = Content();
+    const std::string leaf = content.substr(512, 512);
+    content.resize(512);
+    for (size_t next = 3; next < 11; ++next) {
+      std::string page = "\x05" + Number(0, 2) + Number(50, 2) + Number(512 - 50 * 5, 2) + '\0' + Number(next);
+      std::string cells;
+      for (size_t i = 0; i < 50; ++i) {
+        page += Number(512 - 50 * 5 + 5 * i, 2);
+        cells += Number(next) + '\x64';
+      }
+      page.resize(512 - cells.size());
+      content += page + cells;
+    }
+    content += leaf;
+    content.replace(28, 4, Number(content.size() / 512));
+    Write("search.fdb", content);
+  }
+
   TestRoot mRoot;
   std::string mDirectory;
   std::string mPath;
@@ -104,7 +140,7 @@ TEST_F(SearchDbTest, HostileDatabases) {
     SCOPED_TRACE(c.what);
     fs::remove(mPath + ".0.err");
     Write("search.fdb", c.content);
-    EXPECT_EQ(Search() != Recordings(1, {-1, 0, 0}), c.isUsable);
+    EXPECT_EQ(Search() != kFailed, c.isUsable);
     EXPECT_FALSE(IsMarked());
     EXPECT_TRUE(Content() == c.content);
     EXPECT_EQ(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({300, 399, 1}), c.isUsable);
@@ -142,8 +178,9 @@ TEST_F(SearchDbTest, LockedOrReadOnlyIsAFailureAndNoLoss) {
   EXPECT_EQ(Search(), Recordings(1, {100, 199, 1}));
 }
 
-// A recorder that dies in mid-change leaves SQLite's journal beside the database, and searches have to go on.
-TEST_F(SearchDbTest, ChangeCutOffIsTakenBackByTheNextSearch) {
+// A recorder that dies in mid-change leaves SQLite's journal beside the database. Looking takes nothing back,
+// and the next start makes the database anew.
+TEST_F(SearchDbTest, ChangeCutOffIsLeftToTheRebuild) {
   ASSERT_TRUE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({100, 199, 1}));
   const pid_t child = fork();
   if (child == 0) {
@@ -156,9 +193,127 @@ TEST_F(SearchDbTest, ChangeCutOffIsTakenBackByTheNextSearch) {
     _exit(sqlite3_exec(db, change, nullptr, nullptr, nullptr));
   }
   ASSERT_EQ(Result(child), 0);
-  ASSERT_TRUE(fs::exists(mPath + "-journal"));
   ASSERT_GT(fs::file_size(mPath), 50000u) << "the change is to be half in the database";
-  EXPECT_EQ(Search(), Recordings(1, {100, 199, 1}));
+  const std::string content = Content();
+  EXPECT_EQ(Search(), kFailed);
+  EXPECT_FALSE(IsMarked());
+  EXPECT_FALSE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({300, 399, 1}));
+  EXPECT_TRUE(IsMarked());
+  EXPECT_TRUE(fs::exists(mPath + "-journal"));
+  EXPECT_TRUE(Content() == content);
+  EXPECT_EQ(Rebuild(), 0);
+  EXPECT_EQ(Search(), Recordings());
+}
+
+// A journal may name a second one, which SQLite deletes when it has taken the changes back: any file of the
+// machine.
+TEST_F(SearchDbTest, AJournalDeletesNothing) {
+  ASSERT_TRUE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({100, 199, 1}));
+  const std::string good = Content();
+  const std::string victim = mDirectory + "victim";
+  const auto attack = [&] {
+    std::string name = victim;
+    unsigned sum = 0;
+    for (const char c : name) sum += static_cast<unsigned char>(c);
+    const std::string magic = "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
+    std::string journal =
+        magic + Number(0) + Number(0) + Number(good.size() / 4096) + Number(512) + Number(4096);
+    journal.resize(512);
+    journal += Number(0x40000000 / 4096 + 1) + name + Number(name.size()) + Number(sum) + magic;
+    Write("search.fdb", good);
+    Write("search.fdb-journal", journal);
+    Write("victim", "dear");
+  };
+  attack();
+  Run("SELECT * FROM recording");
+  ASSERT_FALSE(fs::exists(victim)) << "the attack is none";
+  for (const auto& use : std::vector<std::function<void()>>{
+           [&] { EXPECT_EQ(Search(), kFailed); },
+           [&] {
+             EXPECT_FALSE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({300, 399, 1}));
+           },
+           [&] { EXPECT_EQ(Rebuild(), 0); },
+           [&] {
+             fs::remove(mPath + "-journal");
+             SearchDb db(mDirectory, SEARCH_DB_WRITE);
+             attack();
+             EXPECT_FALSE(db.Remove(100));
+           }}) {
+    attack();
+    use();
+    EXPECT_TRUE(fs::exists(victim));
+  }
+}
+
+// What runs, loops or lies elsewhere: passed over while looking, marked while recording, made anew by a
+// rebuild.
+TEST_F(SearchDbTest, StrangersDatabases) {
+  const std::string endless =
+      "(WITH RECURSIVE n(i) AS (VALUES(1) UNION ALL SELECT i + 1 FROM n) SELECT max(i) FROM n)";
+  const std::string table = "recording(start_time INTEGER PRIMARY KEY, end_time INTEGER NOT NULL";
+  const struct {
+    const char* what;
+    std::function<void()> make;
+  } cases[] = {
+      {"a trigger",
+       [&] { Run("CREATE TRIGGER t BEFORE INSERT ON recording BEGIN SELECT " + endless + "; END"); }},
+      {"a view in the table's place",
+       [&] {
+         Run("DROP TABLE recording; CREATE VIEW recording AS SELECT 1 AS start_time, " + endless +
+             " AS end_time, 1 AS channel_mask");
+       }},
+      {"a table too many", [&] { Run("CREATE TABLE more(x)"); }},
+      {"another table", [&] { Run("DROP TABLE recording; CREATE TABLE " + table + ", channel_mask AS (1))"); }},
+      {"no table", [&] { Run("DROP TABLE recording"); }},
+      {"a write-ahead log", [&] { Run("PRAGMA journal_mode=WAL"); }},
+      {"a recording's second name",
+       [&] {
+         fs::rename(mPath, mDirectory + "60000000_60000010_cm1.imf");
+         fs::create_hard_link(mDirectory + "60000000_60000010_cm1.imf", mPath);
+       }},
+      {"pages that come over and over", [&] { MakeEndless(); }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    for (const auto& entry : fs::directory_iterator(mDirectory)) fs::remove_all(entry);
+    ASSERT_TRUE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({100, 199, 1}));
+    c.make();
+    const std::string content = Content();
+    EXPECT_EQ(Search(), kFailed);
+    EXPECT_FALSE(IsMarked());
+    if (c.what != std::string("pages that come over and over")) {
+      EXPECT_FALSE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({300, 399, 1}));
+      EXPECT_TRUE(IsMarked());
+    }
+    EXPECT_TRUE(Content() == content);
+    const bool isRecording = fs::exists(mDirectory + "60000000_60000010_cm1.imf");
+    EXPECT_EQ(Rebuild(), 0);
+    EXPECT_EQ(Search(), isRecording ? (Recordings{{0x60000000, 0x60000010, 1}}) : Recordings());
+    if (isRecording) {
+      EXPECT_EQ(fs::file_size(mDirectory + "60000000_60000010_cm1.imf"), content.size());
+    }
+  }
+}
+
+TEST_F(SearchDbTest, NothingIsFollowedOrWokenUp) {
+  ASSERT_TRUE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({100, 199, 1}));
+  const std::string outside = mRoot.Path() + "/outside";
+  fs::rename(mDirectory, outside);
+  fs::create_symlink(outside, mDirectory.substr(0, mDirectory.size() - 1));
+  const std::string content = Content();
+  EXPECT_EQ(Search(), kFailed);
+  EXPECT_FALSE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({300, 399, 1}));
+  EXPECT_EQ(Rebuild(), 2);
+  EXPECT_TRUE(Content() == content);
+  EXPECT_FALSE(IsMarked());
+  fs::remove(mDirectory.substr(0, mDirectory.size() - 1));
+  fs::rename(outside, mDirectory);
+  fs::remove(mPath);
+  ASSERT_EQ(mkfifo(mPath.c_str(), 0600), 0);  // whoever opens one waits for ever
+  ASSERT_EQ(mkfifo((mPath + ".0.err").c_str(), 0600), 0);
+  EXPECT_EQ(Search(), kFailed);
+  EXPECT_FALSE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({100, 199, 1}));
+  EXPECT_EQ(Rebuild(), 2);
 }
 
 TEST_F(SearchDbTest, ToolTakesNamesAndOnlyAsksHeadersForWhatIsMissing) {

@@ -16,6 +16,14 @@ int Execute(sqlite3* db, const char* statement) {
   return sqlite3_exec(db, statement, nullptr, nullptr, nullptr);
 }
 
+int CreateSchema(sqlite3* db) {
+  std::string statements;
+  for (const SchemaEntry& entry : kSchema) statements += entry.statement + std::string(";");
+  statements += "PRAGMA user_version=" + std::to_string(kVersion) +
+                ";PRAGMA application_id=" + std::to_string(kApplicationId) + ";";
+  return Execute(db, statements.c_str());
+}
+
 int ExecuteWith(sqlite3* db, const char* statement, const int64_t* values, int count) {
   sqlite3_stmt* prepared = nullptr;
   int result = sqlite3_prepare_v2(db, statement, -1, &prepared, nullptr);
@@ -43,18 +51,31 @@ std::string Message(sqlite3* db) {
   return message;
 }
 
+int OpenDirectory(const std::string& directory) {
+  // A slash at the end would follow a link.
+  const std::string path = directory.substr(0, std::max<size_t>(directory.find_last_not_of('/') + 1, 1));
+  return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+void Mark(const std::string& directory) {
+  const int parent = OpenDirectory(directory);
+  if (parent < 0) return;
+  const int marker = openat(parent, kDamageMarker, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (marker >= 0) close(marker);
+  close(parent);
+}
+
 DirectoryLock::~DirectoryLock() {
   if (mDirectory >= 0) close(mDirectory);
 }
 
-bool DirectoryLock::Acquire(const std::string& directory, bool exclusive, int milliseconds) {
+bool DirectoryLock::Acquire(const std::string& directory, int milliseconds) {
   using Clock = std::chrono::steady_clock;
-  mDirectory = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  mDirectory = OpenDirectory(directory);
   if (mDirectory < 0) return false;
-  const int kind = exclusive ? LOCK_EX : LOCK_SH;
   const Clock::time_point limit = Clock::now() + std::chrono::milliseconds(milliseconds);
   for (;;) {
-    if (flock(mDirectory, milliseconds < 0 ? kind : kind | LOCK_NB) == 0) return true;
+    if (flock(mDirectory, milliseconds < 0 ? LOCK_EX : LOCK_EX | LOCK_NB) == 0) return true;
     const bool wait = errno == EWOULDBLOCK && Clock::now() < limit;
     if (!wait && errno != EINTR) return false;
     if (wait) std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -35,10 +35,15 @@ bool IsRegular(int directory, const dirent& entry) {
   return fstatat(directory, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode);
 }
 
-// All entries that end in ".imf". False with errno.
-bool ListRecords(const std::string& path, std::vector<Entry>* entries) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), closedir);
-  if (!directory) return false;
+// All entries of the open directory that end in ".imf". False with errno.
+bool ListRecords(int parent, std::vector<Entry>* entries) {
+  const int descriptor = openat(parent, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(descriptor), closedir);
+  if (!directory) {
+    close(descriptor);
+    return false;
+  }
   for (;;) {
     errno = 0;
     const dirent* entry = readdir(directory.get());
@@ -82,9 +87,15 @@ class Rebuild {
 // By path: a descriptor of the database that is closed here would release the locks that SQLite holds on it
 // elsewhere in this process.
 bool Rebuild::Empty() {
-  if (truncate(Path(searchdb::kName).c_str(), 0) != 0 && errno != ENOENT) return false;
+  struct stat info = {};
+  const bool exists = fstatat(mLock.Directory(), searchdb::kName, &info, AT_SYMLINK_NOFOLLOW) == 0;
+  if (!exists && errno != ENOENT) return false;
+  // A second name may be a recording's: what lies there only loses this one.
+  if (exists && info.st_nlink != 1) Discard(searchdb::kName);
+  if (exists && info.st_nlink == 1 && truncate(Path(searchdb::kName).c_str(), 0) != 0) return false;
   // Changes of the old database that were never finished must not be applied to the new one.
-  for (const char* suffix : {"-journal", "-wal", "-shm"}) Discard(searchdb::kName + std::string(suffix));
+  for (const char* suffix : searchdb::kJournals) Discard(searchdb::kName + std::string(suffix));
+  Discard(searchdb::kName + std::string("-shm"));
   // What a rebuild that was cut off left.
   for (const char* suffix : {"", "-journal"}) Discard(kTemporary + suffix);
   return fsync(mLock.Directory()) == 0;
@@ -139,12 +150,15 @@ bool Rebuild::Publish() {
 
 SearchDbRebuildResult Rebuild::Run(const std::function<void(size_t, size_t)>& progress) {
   using Result = SearchDbRebuildResult;
-  if (!mLock.Acquire(mDirectory, true, -1)) return Stop(Result::kRefused, std::strerror(errno));
+  if (!mLock.Acquire(mDirectory, -1)) return Stop(Result::kRefused, std::strerror(errno));
   struct stat info = {};
-  if (fstatat(mLock.Directory(), searchdb::kName, &info, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISREG(info.st_mode)) {
-    return Stop(Result::kRefused, "search.fdb is not a regular file");
+  struct stat parent = {};
+  if (fstat(mLock.Directory(), &parent) == 0 &&
+      fstatat(mLock.Directory(), searchdb::kName, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+      (!S_ISREG(info.st_mode) || info.st_dev != parent.st_dev)) {
+    return Stop(Result::kRefused, "search.fdb is not a regular file of this file system");
   }
-  if (!ListRecords(mDirectory, &mEntries)) return Stop(Result::kFailed, std::strerror(errno));
+  if (!ListRecords(mLock.Directory(), &mEntries)) return Stop(Result::kFailed, std::strerror(errno));
   if (!Empty()) return Stop(Result::kFailed, std::strerror(errno));
 
   // No journal: a database that is not finished is thrown away.
@@ -152,7 +166,7 @@ SearchDbRebuildResult Rebuild::Run(const std::function<void(size_t, size_t)>& pr
   const bool isMade =
       sqlite3_open_v2(Path(kTemporary).c_str(), &mDb, flags, nullptr) == SQLITE_OK &&
       searchdb::Execute(mDb, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; BEGIN") == SQLITE_OK &&
-      searchdb::Execute(mDb, searchdb::kCreate) == SQLITE_OK && Fill(progress);
+      searchdb::CreateSchema(mDb) == SQLITE_OK && Fill(progress);
   if (!isMade) {
     const std::string why = Why();
     Discard(kTemporary);
