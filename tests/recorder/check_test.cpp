@@ -2,7 +2,7 @@
 // disk, and no repair loses a file.
 #include "SearchDb.h"
 #include "apps/recorder/check/Checker.h"
-#include "apps/recorder/disks/RootLock.h"
+#include "apps/recorder/disks/DirectoryLock.h"
 #include "platform/host/searchdb/SearchDbRebuild.h"
 #include "tests/support/RecorderProgram.h"
 #include "tests/support/TestDisk.h"
@@ -47,7 +47,7 @@ class CheckTest : public testing::Test {
   int Check(const std::string& options) { return mProgram.Run(mRoot.Path(), "check " + options); }
   // Everything that a check could touch.
   std::string Snapshot(const std::string& directory) {
-    const std::string find = "find " + directory + " -mindepth 1 ! -name out ! -name err";
+    const std::string find = "find " + directory + " -mindepth 1 ! -name out ! -name err ! -name .recorder.lock";
     EXPECT_EQ(0, mProgram.Shell(find + " -printf '%p %y %i %m %n %s %T@\\n' | sort"));
     return mProgram.out;
   }
@@ -182,7 +182,7 @@ TEST_F(CheckTest, RefusesWhatLooksMissingOrMostlyWrong) {
 }
 
 TEST_F(CheckTest, BesideARecorderTheFileBeingWrittenIsNoFault) {
-  recorder::RootLock lock;
+  recorder::DirectoryLock lock;
   ASSERT_FALSE(lock.Take(mRoot.Path(), "record"));
   ASSERT_TRUE(
       Shell("mv imf_free/00000000.imf $D/65000020_00000000.imf; yes | head -c 256K >$D/65000020_00000000.imf"));

@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "apps/recorder/base/Files.h"
-#include "apps/recorder/disks/RootLock.h"
 
 namespace recorder {
 
@@ -61,7 +60,7 @@ Reports CheckBeside(const std::string& root, const std::vector<Disk>& disks) {
   Reports before;
   for (int look = 1;; ++look) {
     Reports reports = CheckAll(disks);
-    const std::optional<std::string> holder = HolderOfRoot(root);
+    const std::optional<std::string> holder = HolderOf(root, disks);
     if (!holder && look == 1) return reports;
     const bool isPreparing = holder && holder->rfind("recorder prepare", 0) == 0;
     for (DiskReport& report : reports) {

@@ -14,7 +14,7 @@
 #include "apps/recorder/check/Repairs.h"
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/disks/Disks.h"
-#include "apps/recorder/disks/RootLock.h"
+#include "apps/recorder/disks/DirectoryLock.h"
 
 namespace recorder {
 
@@ -133,10 +133,10 @@ Refusal ChooseDisks(const Options& options, const std::string& root, std::vector
 
 int Check(const Options& options, std::string root) {
   std::vector<Disk> disks;
-  RootLock lock;
+  LockSet locks("check");
   Refusal refusal = ResolveRoot(&root, true);
   if (!refusal) refusal = ChooseDisks(options, root, &disks);
-  if (!refusal && options.Repairs()) refusal = lock.Take(root, "check");
+  if (!refusal && options.Repairs()) refusal = TakeLocks(root, disks, &locks);
   if (refusal) {
     Complain("%s", refusal->c_str());
     return kRefused;

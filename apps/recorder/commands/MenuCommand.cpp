@@ -9,7 +9,6 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/commands/Command.h"
-#include "apps/recorder/disks/RootLock.h"
 #include "apps/recorder/looking/Recordings.h"
 #include "fmgr/FmgrFileManager.h"
 
@@ -42,7 +41,7 @@ int Menu(bool json, std::string root) {
     Complain("%s", refusal->c_str());
     return kRefused;
   }
-  const std::optional<std::string> holder = HolderOfRoot(root);
+  const std::optional<std::string> holder = HolderOf(root, disks.All());
   const bool recording = holder && holder->rfind("recorder record ", 0) == 0;
   const std::vector<Disk>& all = disks.All();
   // The menu has a fixed number of rows; a recorder with more disks shows several of them.

@@ -9,7 +9,6 @@
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/disks/Disks.h"
-#include "apps/recorder/disks/RootLock.h"
 #include "apps/recorder/looking/Recordings.h"
 #include "apps/recorder/looking/Status.h"
 
@@ -65,7 +64,7 @@ int Status(std::string root, bool json) {
     Complain("%s", refusal->c_str());
     return kRefused;
   }
-  const std::optional<std::string> holder = HolderOfRoot(root);
+  const std::optional<std::string> holder = HolderOf(root, disks.All());
   const bool recording = holder && holder->rfind("recorder record ", 0) == 0;
   if (holder && !json) std::printf("in use by %s\n", holder->c_str());
   const Capacity capacity = MeasureCapacity(disks);

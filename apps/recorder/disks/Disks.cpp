@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/disks/DirectoryLock.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "platform/host/HostSystem.h"
@@ -13,6 +14,11 @@
 namespace recorder {
 
 namespace {
+
+// Whether preparing or recording makes a directory of that name on a disk.
+bool IsOfDisk(const std::string& name) {
+  return name == "imf_free" || name == "imf_error" || name == "imf_prealloc" || name.rfind("data_", 0) == 0;
+}
 
 // Any record file on it will do: a disk may have all of them in use, or free, or in quarantine.
 bool HoldsFiles(const std::string& path) {
@@ -79,6 +85,22 @@ std::vector<std::string> ListDisks(const std::string& root) {
 }
 
 bool IsPrepared(const std::string& path) { return Exists(path + "/imf_free"); }
+
+std::optional<std::string> HolderOf(const std::string& root, const std::vector<Disk>& disks) {
+  std::optional<std::string> holder = HolderOf(root);
+  for (size_t i = 0; !holder && i < disks.size(); ++i) holder = HolderOf(disks[i].path);
+  return holder;
+}
+
+Refusal TakeLocks(const std::string& root, const std::vector<Disk>& disks, LockSet* locks) {
+  std::vector<std::string> directories = {root};
+  for (const Disk& disk : disks) {
+    const std::vector<std::string> names = ListDirectory(disk.path);
+    // An empty mount point stays empty.
+    if (std::any_of(names.begin(), names.end(), IsOfDisk)) directories.push_back(disk.path);
+  }
+  return locks->TakeAll(directories);
+}
 
 Disks::~Disks() {
   if (mManager != nullptr) FmgrFileManager::ReleaseInstance();

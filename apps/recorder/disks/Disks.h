@@ -1,6 +1,7 @@
 // The disks under a root directory, and the file manager that manages them: for recording, or only for looking.
 #pragma once
 
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,6 +16,8 @@ class RecoveryObserver;
 
 namespace recorder {
 
+class LockSet;
+
 struct Disk {
   std::string name;
   std::string path;  // ROOT/disk/NAME, absolute, without a slash at its end
@@ -28,6 +31,13 @@ std::string DiskPath(const std::string& root, const std::string& name);
 std::vector<std::string> ListDisks(const std::string& root);
 // Whether a disk's directory holds what preparing makes.
 bool IsPrepared(const std::string& path);
+
+// Who holds the lock of the root directory, or else of one of the disks: a recorder may use them by another
+// root. As HolderOf in DirectoryLock.h.
+std::optional<std::string> HolderOf(const std::string& root, const std::vector<Disk>& disks);
+
+// The locks of the root directory and of all disks that are there, or none of them.
+Refusal TakeLocks(const std::string& root, const std::vector<Disk>& disks, LockSet* locks);
 
 // Owns the process's file manager. One object at a time; the destructor releases the manager.
 class Disks {

@@ -16,7 +16,7 @@
 #include "apps/recorder/base/Progress.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/disks/Disks.h"
-#include "apps/recorder/disks/RootLock.h"
+#include "apps/recorder/disks/DirectoryLock.h"
 #include "fmgr/FmgrFileManager.h"
 
 namespace recorder {
@@ -151,7 +151,7 @@ Refusal MakePlan(const PrepareOptions& options, std::string root, Plan* plan) {
 
 int Prepare(const PrepareOptions& options, const std::string& root) {
   Plan plan;
-  RootLock lock;
+  DirectoryLock lock;
   Refusal refusal = MakePlan(options, root, &plan);
   const std::string disks = plan.root + "/disk";
   if (!refusal) refusal = lock.Take(plan.root, "prepare");

@@ -7,7 +7,6 @@
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
-#include "apps/recorder/disks/RootLock.h"
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
@@ -85,7 +84,7 @@ void Recordings::FindOpen() {
   }
   std::sort(mOpen.begin(), mOpen.end(),
             [](const Recording& a, const Recording& b) { return a.start < b.start; });
-  const std::optional<std::string> holder = HolderOfRoot(mDisks.Root());
+  const std::optional<std::string> holder = HolderOf(mDisks.Root(), mDisks.All());
   const bool recording = holder && holder->rfind("recorder record ", 0) == 0;
   if (recording && !mOpen.empty()) mOpen.back().state = Recording::State::kGrowing;
 }

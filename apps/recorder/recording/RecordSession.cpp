@@ -1,6 +1,7 @@
 #include "apps/recorder/recording/RecordSession.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <cinttypes>
 #include <cstdio>
@@ -11,8 +12,8 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/capture/Capture.h"
+#include "apps/recorder/disks/DirectoryLock.h"
 #include "apps/recorder/disks/Disks.h"
-#include "apps/recorder/disks/RootLock.h"
 #include "apps/recorder/recording/ForeignFiles.h"
 #include "apps/recorder/recording/Recovery.h"
 #include "apps/recorder/recording/Segments.h"
@@ -24,6 +25,8 @@ extern "C" {
 namespace recorder {
 
 namespace {
+
+constexpr unsigned kBetweenLooks = 2;  // seconds, standing by
 
 // What the options mean, once they are found to be sound.
 struct Plan {
@@ -58,6 +61,22 @@ Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* pl
   return ResolveRoot(&plan->root, true);
 }
 
+// Standing by, waits until whoever has a lock is gone, or a signal comes. A look leaves the locks alone, so
+// that nobody who waits as well is turned away by it.
+Refusal AwaitLocks(const Plan& plan, const std::vector<Disk>& disks, bool standby, LockSet* locks) {
+  std::string said;
+  while (!gStop) {
+    Refusal refusal = standby ? HolderOf(plan.root, disks) : std::nullopt;
+    if (refusal) refusal = "in use by " + *refusal;
+    if (!refusal) refusal = TakeLocks(plan.root, disks, locks);
+    if (!refusal || !standby) return refusal;
+    if (*refusal != said) Complain("standing by: %s", refusal->c_str());
+    said = *refusal;
+    sleep(kBetweenLooks);
+  }
+  return std::nullopt;
+}
+
 // Returns the exit status.
 int RecordAll(Source& source, Segments& segments) {
   SourceEvent event;
@@ -89,15 +108,16 @@ int RecordAll(Source& source, Segments& segments) {
 
 int Record(const RecordOptions& options, const std::string& root) {
   Plan plan;
-  RootLock lock;
+  LockSet locks("record");
   SearchIndex index;
   Recovery recovery(index);
   Disks disks;  // released before the observer that it calls
   Refusal refusal = MakePlan(options, root, &plan);
   if (!refusal) refusal = disks.Choose(plan.root, options.disks);
-  if (!refusal) refusal = lock.Take(plan.root, "record");
+  StopOnSignals();
+  if (!refusal) refusal = AwaitLocks(plan, disks.All(), options.standby, &locks);
+  if (!refusal && gStop) return kDone;
   if (!refusal) {
-    StopOnSignals();
     signal(SIGPIPE, SIG_IGN);  // a log that is not read any more must not end the recording
     recovery.NoteState(disks.All());
     refusal = disks.OpenForRecording({options.overwrite, plan.keep, &recovery, &recovery});

@@ -17,6 +17,7 @@ struct RecordOptions {
   bool overwrite = true;
   std::string clock = "wall";
   std::string start;
+  bool standby = false;
 };
 
 // Records until every input has ended or a signal stops it. Returns the exit status; every failure has said a

@@ -1,0 +1,173 @@
+// One process at a time works on a disk, whichever way it came there.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "apps/recorder/disks/DirectoryLock.h"
+#include "tests/support/RecorderProgram.h"
+#include "tests/support/TestDisk.h"
+
+namespace fs = std::filesystem;
+using recorder::DirectoryLock;
+using recorder::HolderOf;
+using recorder::LockSet;
+
+namespace {
+
+// Another process that holds the lock of `directory` for as long as the object lives.
+class OtherHolder {
+ public:
+  explicit OtherHolder(const std::string& directory) {
+    int ready[2];
+    if (pipe(ready) != 0) std::abort();
+    pid = fork();
+    if (pid == 0) {
+      DirectoryLock lock;
+      if (lock.Take(directory, "record")) _exit(1);
+      if (write(ready[1], "x", 1) != 1) _exit(1);
+      for (;;) pause();
+    }
+    close(ready[1]);
+    char byte = 0;
+    EXPECT_EQ(1, read(ready[0], &byte, 1));
+    close(ready[0]);
+  }
+  ~OtherHolder() { End(); }
+  void End() {
+    if (pid <= 0) return;
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    pid = -1;
+  }
+  pid_t pid = -1;
+};
+
+// Whether another process is kept out.
+bool IsLocked(const std::string& directory) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    const int fd = open((directory + "/.recorder.lock").c_str(), O_RDWR);
+    _exit(fcntl(fd, F_SETLK, &lock) == 0 ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WEXITSTATUS(status) != 0;
+}
+
+class Locks : public testing::Test {
+ protected:
+  TestRoot mRoot;
+  const std::string mDisk = mRoot.AddDisk("a", 3);
+  const std::string mFile = mDisk + "/.recorder.lock";
+};
+
+TEST_F(Locks, ARefusalNamesWhoHasItAndAStaleTextIsNotBelieved) {
+  std::ofstream(mFile) << "1 record 1700000000 elsewhere\n";
+  EXPECT_FALSE(HolderOf(mDisk)) << "a text without a lock";
+  OtherHolder other(mDisk);
+  char host[65] = "";
+  gethostname(host, sizeof host - 1);
+  const std::string name = "recorder record (pid " + std::to_string(other.pid) + " on " + host + " since 20";
+  DirectoryLock lock;
+  const std::string refusal = lock.Take(mDisk, "prepare").value_or("");
+  EXPECT_NE(std::string::npos, refusal.find(mDisk + " is in use by " + name)) << refusal;
+  EXPECT_EQ(0u, HolderOf(mDisk).value_or("").find(name));
+  std::ofstream(mFile) << "1 record 1700000000 " << host << "\n";  // not its holder's
+  EXPECT_EQ("another process (pid " + std::to_string(other.pid) + ")", HolderOf(mDisk).value_or(""));
+  other.End();
+  EXPECT_FALSE(HolderOf(mDisk));
+  EXPECT_FALSE(lock.Take(mDisk, "prepare"));
+}
+
+TEST_F(Locks, NothingInThisProcessDropsOne) {
+  fs::create_directory_symlink(mDisk, mRoot.Path() + "/again");
+  LockSet locks("record");
+  ASSERT_FALSE(locks.TakeAll({mRoot.Path(), mDisk}));
+  DirectoryLock second;
+  EXPECT_TRUE(second.Take(mRoot.Path() + "/again", "record")) << "the same disk by another name";
+  EXPECT_EQ("this process", HolderOf(mDisk).value_or(""));
+  EXPECT_FALSE(locks.Confirm(mDisk));
+  EXPECT_TRUE(IsLocked(mDisk));
+  EXPECT_TRUE(locks.TakeAll({mDisk, mRoot.Path() + "/nowhere"}));
+  EXPECT_TRUE(IsLocked(mDisk)) << "what was held before stays";
+  fs::rename(mFile, mDisk + "/gone");
+  EXPECT_TRUE(locks.Confirm(mDisk)) << "another machine could make it anew";
+  EXPECT_FALSE(locks.Take(mDisk));
+  locks.Release(mDisk);
+  EXPECT_FALSE(IsLocked(mDisk));
+  EXPECT_TRUE(IsLocked(mRoot.Path()));
+}
+
+TEST_F(Locks, OnlyAPlainFileIsOpened) {
+  const std::string victim = mRoot.Path() + "/victim";
+  std::ofstream(victim) << "precious";
+  const std::pair<const char*, std::function<void()>> kCases[] = {
+      {"link", [&] { fs::create_symlink(victim, mFile); }},
+      {"dangling", [&] { fs::create_symlink(victim + "2", mFile); }},
+      {"hard link", [&] { fs::create_hard_link(victim, mFile); }},
+      {"fifo", [&] { mkfifo(mFile.c_str(), 0644); }},
+      {"directory", [&] { fs::create_directory(mFile); }},
+  };
+  for (const auto& [what, make] : kCases) {
+    fs::remove(mFile);
+    make();
+    DirectoryLock lock;
+    EXPECT_NE(std::string::npos, lock.Take(mDisk, "record").value_or("").find("cannot use " + mFile)) << what;
+    EXPECT_FALSE(HolderOf(mDisk)) << what;
+    EXPECT_FALSE(fs::exists(victim + "2")) << what;
+  }
+  EXPECT_EQ("precious", ReadText(victim));
+}
+
+TEST_F(Locks, ADiskByTwoRootsIsRefusedAndAStandbyTakesOver) {
+  TestRoot other;
+  fs::remove(other.Path() + "/disk");
+  fs::create_directory_symlink(mRoot.Path() + "/disk", other.Path() + "/disk");
+  RecorderProgram program(other.Path());
+  OtherHolder first(mDisk);
+  const std::string pid = std::to_string(first.pid);
+  for (const char* command :
+       {"record --input none", "check --repair-names", "prepare --disk a --size 1M --count 3"}) {
+    EXPECT_EQ(2, program.Run(other.Path(), command));
+    const bool isPrepared = command[0] == 'p';  // which is seen before
+    EXPECT_NE(std::string::npos, program.err.find(isPrepared ? "prepared already" : "pid " + pid))
+        << program.err;
+  }
+  EXPECT_EQ(0, program.Run(other.Path(), "status"));
+  EXPECT_NE(std::string::npos, program.out.find("in use by recorder record (pid " + pid)) << program.out;
+
+  const std::string fifo = other.Path() + "/camera";
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  const std::string log = other.Path() + "/log";
+  const pid_t standby = fork();
+  if (standby == 0) {
+    const int out = open(log.c_str(), O_WRONLY | O_CREAT, 0600);
+    dup2(out, STDERR_FILENO);
+    execl(RECORDER_PROGRAM, "recorder", "--root", other.Path().c_str(), "record", "--standby", "--input",
+          fifo.c_str(), nullptr);
+    _exit(127);
+  }
+  const auto waitFor = [](const std::function<bool()>& seen) {
+    for (int i = 0; i < 100 && !seen(); ++i) usleep(100000);
+    return seen();
+  };
+  EXPECT_TRUE(waitFor([&] { return ReadText(log).find("standing by: in use by") != std::string::npos; }));
+  EXPECT_NE(std::string::npos, HolderOf(mDisk).value_or("").find("pid " + pid));
+  EXPECT_FALSE(HolderOf(other.Path())) << "whoever waits holds nothing";
+  first.End();
+  EXPECT_TRUE(waitFor([&] {
+    return HolderOf(mDisk).value_or("").find("pid " + std::to_string(standby)) != std::string::npos;
+  })) << "ten seconds";
+  kill(standby, SIGKILL);
+  waitpid(standby, nullptr, 0);
+}
+
+}  // namespace
