@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr unsigned kList = 0;
-constexpr unsigned kCache = 1;
 // Two completed recordings with a gap between them, and one that is being recorded.
 constexpr char kFirst[] = "5f5e1000_5f5e1258_cmf.imf";
 constexpr char kSecond[] = "5f5e1300_5f5e1500_cm3.imf";
@@ -15,8 +13,10 @@ constexpr char kGrowing[] = "5f5e1600_00000000.imf";
 constexpr int kGrowingEnd = 0x5f5e160a;  // so far, by its header
 constexpr int64_t kMicro = 1000000;
 
-class Queries : public testing::TestWithParam<unsigned> {
+class Queries : public DirectoryTest {
  protected:
+  Queries() : DirectoryTest("sda12345", 0, 1) {}  // no terminator in an answer
+
   void Put(const Names& names, TestDirectory& directory) {
     directory.Put(names);
     if (names.back() == kGrowing) WriteTestRecording(directory.path + kGrowing, 0x5f5e1600, 10, 1);
@@ -26,14 +26,10 @@ class Queries : public testing::TestWithParam<unsigned> {
   std::string Previous(const std::string& name) { return Walk(&FmgrDataRepository::GetPrevFilePath, name); }
   std::string Walk(bool (FmgrDataRepository::*step)(const std::string&, std::string&) const, std::string name) {
     std::string path;
-    return (mRepository.*step)(mDirectory.path + name, path) ? path.substr(mDirectory.path.size()) : path;
+    return (mRepository.*step)(mPath + name, path) ? path.substr(mPath.size()) : path;
   }
 
-  TestRoot mRoot;
-  std::string mDisk = mRoot.AddDisk("sda12345");  // no terminator in an answer
-  TestDirectory mDirectory{mDisk, 1, GetParam()};
-  FmgrDataRepository& mRepository = mDirectory.repository;
-  std::string mPath;
+  std::string mFound;
   std::list<std::string> mPaths;
 };
 INSTANTIATE_TEST_SUITE_P(Modes, Queries, testing::Values(kList, kCache));
@@ -69,7 +65,7 @@ TEST_P(Queries, WalksBackAndForth) {
   EXPECT_EQ(kSecond, Next("5f5e1000_5f5e1001_cm1.imf"));
   EXPECT_EQ(GetParam() == kList ? "" : kFirst, Previous("5f5e1300_5f5e1301_cm1.imf"));
   // Completed meanwhile: whoever holds the old name gets the same recording, and nothing follows it.
-  mRepository.RenameRecordFile(mDirectory.path + kGrowing, kGrowingEnd, 1, mPath);
+  mRepository.RenameRecordFile(mPath + kGrowing, kGrowingEnd, 1, mFound);
   EXPECT_EQ("5f5e1600_5f5e160a_cm1.imf", Next(kGrowing));
   EXPECT_EQ("", Next("5f5e1600_5f5e160a_cm1.imf"));
 }
@@ -78,9 +74,9 @@ TEST_P(Queries, FileForATime) {
   Put({kFirst, kSecond, kGrowing}, mDirectory);
   const auto expectFile = [&](unsigned useCache, int time, int mode, int end, const std::string& name) {
     if (useCache != GetParam()) return;
-    mPath.clear();
-    EXPECT_EQ(end, mRepository.GetFilePath(time, mPath, mode)) << std::hex << time << " mode " << mode;
-    EXPECT_EQ(name, FmgrRepository::PathToFileName(mPath)) << std::hex << time << " mode " << mode;
+    mFound.clear();
+    EXPECT_EQ(end, mRepository.GetFilePath(time, mFound, mode)) << std::hex << time << " mode " << mode;
+    EXPECT_EQ(name, FmgrRepository::PathToFileName(mFound)) << std::hex << time << " mode " << mode;
   };
   // In memory neither the mode nor a start is looked at: the first file that ends at or after the time.
   expectFile(kList, 0x5f5e0000, 0, 0x5f5e1258, kFirst);
@@ -98,21 +94,21 @@ TEST_P(Queries, FileForATime) {
 
 TEST_P(ListQueries, FindsByStartTime) {
   Put({kFirst, "5f5e1000_00000000.imf"}, mDirectory);
-  EXPECT_TRUE(mRepository.FindFileNameByStartTime(0x5f5e1000, mPath));
-  EXPECT_EQ(mDirectory.path + kFirst, mPath);  // the last in name order
-  EXPECT_FALSE(mRepository.FindFileNameByStartTime(0x5f5e1001, mPath));
+  EXPECT_TRUE(mRepository.FindFileNameByStartTime(0x5f5e1000, mFound));
+  EXPECT_EQ(mPath + kFirst, mFound);  // the last in name order
+  EXPECT_FALSE(mRepository.FindFileNameByStartTime(0x5f5e1001, mFound));
   // A pattern of more than 63 characters is cut: at 64 the "*" goes, and nothing matches.
   for (const size_t length : {24u, 25u}) {
     const std::string disk = mRoot.Path() + "/" + std::string(length, 'd');
     MakeTestFile(disk + "/data_00000001/" + kFirst);
     EXPECT_EQ(length == 24,
-              FmgrDataRepository(disk, 1, nullptr, nullptr, kList).FindFileNameByStartTime(0x5f5e1000, mPath));
+              FmgrDataRepository(disk, 1, nullptr, nullptr, kList).FindFileNameByStartTime(0x5f5e1000, mFound));
   }
 }
 
 TEST_P(ListQueries, CollectsByStartAmongOtherDirectories) {
   const std::string early = "5f5e0f00_5f5e1000_cm1.imf", silent = "5f5e1000_5f5e1300_cm0.imf";
-  const std::string other = "/x/5f5e1000_1_cm1.imf", path = mDirectory.path;
+  const std::string other = "/x/5f5e1000_1_cm1.imf", path = mPath;
   Put({"5f5e0f00_5f5e0fff_cm1.imf", early, kFirst, silent, kSecond}, mDirectory);
   // Parts of seconds do not count: one recording ends right at the start, one starts right at the end.
   const int64_t from = 0x5f5e0fff * kMicro + 999999, to = 0x5f5e1300 * kMicro + 999999;
@@ -150,7 +146,7 @@ TEST_P(CacheQueries, CollectsInPages) {
 TEST_P(CacheQueries, DiskWithoutAName) {
   const FmgrDataRepository repository("x/", 1, nullptr, nullptr, kCache);
   flc_spy::Clear();
-  EXPECT_EQ(0, repository.GetStartTimeSec() + repository.GetFilePath(9, mPath, 1));
+  EXPECT_EQ(0, repository.GetStartTimeSec() + repository.GetFilePath(9, mFound, 1));
   EXPECT_EQ(0, repository.CollectFileList(mPaths, {0, kMicro}));
   EXPECT_TRUE(flc_spy::Requests().empty());
 }

@@ -1,20 +1,8 @@
 // One data directory: its life, its list, and record files in and out. What does not depend on where the list
 // is kept runs with both lists.
-#include "fmgr/FmgrDataRepository.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include "fmgr/FmgrErrorRepository.h"
-#include "fmgr/FmgrFreeRepository.h"
 #include "tests/support/FlcSpy.h"
-#include "tests/support/TestDisk.h"
-
-namespace fs = std::filesystem;
-using Names = std::vector<std::string>;
+#include "tests/support/TestDirectory.h"
 
 namespace {
 
@@ -28,21 +16,19 @@ std::string Name(uint32_t start, uint32_t end, uint32_t mask = 3) {
   return name;
 }
 
-class DataRepository : public testing::TestWithParam<bool> {
+class DataRepository : public DirectoryTest {
  protected:
-  DataRepository() {
+  DataRepository() : DirectoryTest("d1", 6, kIndex) {
     mRepository.mRecoveryObserver = &mObserver;
     flc_spy::Clear();
   }
   ~DataRepository() override { flc_spy::gAnswer = nullptr; }
 
-  bool Cached() const { return GetParam(); }
-  std::string PathOf(const std::string& name) const { return mRepository.Path() + name; }
+  bool Cached() const { return GetParam() == kCache; }
+  std::string PathOf(const std::string& name) const { return mPath + name; }
 
-  // Makes the directory, and in it a record file for each start, completed ten seconds later unless it is the
-  // last. Returns their names.
+  // Makes a record file for each start, completed ten seconds later unless it is the last. Returns their names.
   Names Record(const std::vector<uint32_t>& starts) {
-    EXPECT_EQ(1, mRepository.Make());
     std::string path;
     for (const uint32_t start : starts) {
       timeval time{start, 999999};
@@ -50,12 +36,12 @@ class DataRepository : public testing::TestWithParam<bool> {
       if (start == starts.back()) break;
       EXPECT_EQ(1, mRepository.RenameRecordFile(path, static_cast<int>(start + 10), 3, path));
     }
-    return NamesIn(mRepository.Path());
+    return NamesIn(mPath);
   }
 
   // Expects list and directory to hold these, and every file of the disk in exactly one place.
   void ExpectRecords(const Names& names) {
-    EXPECT_EQ(names, NamesIn(mRepository.Path()));
+    EXPECT_EQ(names, NamesIn(mPath));
     EXPECT_EQ(static_cast<int>(names.size()), mRepository.GetFileCount());
     EXPECT_EQ(names.empty(), mRepository.IsEmpty());
     ExpectEachInOnePlace(mDisk, mInodes);
@@ -67,40 +53,33 @@ class DataRepository : public testing::TestWithParam<bool> {
   // Runs an operation that must fail and leave every file and entry alone.
   template <typename Operation>
   void ExpectRefusal(Operation operation) {
-    const Names before = NamesIn(mRepository.Path());
+    const Names before = NamesIn(mPath);
     const int count = mRepository.GetFileCount();
     EXPECT_EQ(0, static_cast<int>(operation()));
-    EXPECT_EQ(before, NamesIn(mRepository.Path()));
+    EXPECT_EQ(before, NamesIn(mPath));
     EXPECT_EQ(count, mRepository.GetFileCount());
   }
-
-  TestRoot mRoot;
-  const std::string mDisk = mRoot.AddDisk("d1", 6);
-  const std::set<unsigned long> mInodes = InodesOf(mDisk);
-  RecordingObserver mObserver;
-  FmgrFreeRepository mFree{mDisk};
-  FmgrErrorRepository mError{mDisk};
-  FmgrDataRepository mRepository{mDisk, kIndex, &mFree, &mError, GetParam()};
 };
-INSTANTIATE_TEST_SUITE_P(With, DataRepository, testing::Bool());  // 1: the driver's list, 0: the one in memory
+INSTANTIATE_TEST_SUITE_P(With, DataRepository, testing::Values(kList, kCache));
 
 class ListedDataRepository : public DataRepository {};
-INSTANTIATE_TEST_SUITE_P(With, ListedDataRepository, testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(With, ListedDataRepository, testing::Values(kList));
 
 // --- Life of the directory ---
 
 TEST_P(DataRepository, MadeOnceAndRemovedWhenEmpty) {
-  const std::string path = mDisk + "/data_00000003/";
-  EXPECT_FALSE(fs::exists(path)) << "the constructor makes nothing";
+  EXPECT_EQ(mDisk + "/data_00000003/", mPath);
+  const FmgrDataRepository other(mDisk, 4, nullptr, nullptr, GetParam());
+  EXPECT_FALSE(fs::exists(other.Path())) << "the constructor makes nothing";
   Record({kStart});
   ExpectRefusal([&] { return mRepository.Make(); });
-  MakeTestFile(path + "search.fdb");
+  MakeTestFile(mPath + "search.fdb");
   ExpectRefusal([&] { return mRepository.Remove(); });
 
   EXPECT_EQ(1u, mRepository.RemoveLatestRecordFile(0));
   EXPECT_EQ(1u, mRepository.Remove());
   EXPECT_EQ(FLC_UNREGISTER_REPOSITORY, flc_spy::Requests().back().number) << "with either list";
-  EXPECT_FALSE(fs::exists(path));
+  EXPECT_FALSE(fs::exists(mPath));
   ExpectEachInOnePlace(mDisk, mInodes);
 }
 
@@ -108,7 +87,7 @@ TEST_P(DataRepository, MadeOnceAndRemovedWhenEmpty) {
 TEST_P(DataRepository, RemovesItsOwnDirectoryOnly) {
   const std::string kept = MakeTestFile(mRoot.Path() + "/disk/a/data_00000003/kept");
   for (const char* name : {"a /", "a b", "a;rm -rf d1", "a'b", "$(rm -rf d1)", "*", "a\nb"}) {
-    FmgrDataRepository repository(mRoot.Path() + "/disk/" + name, kIndex, &mFree, &mError, 0);
+    FmgrDataRepository repository(mRoot.Path() + "/disk/" + name, kIndex, nullptr, nullptr, kList);
     MakeTestFile(repository.SearchDbPath());
     EXPECT_EQ(1u, repository.Remove());
     EXPECT_FALSE(fs::exists(repository.Path())) << name;
@@ -118,20 +97,18 @@ TEST_P(DataRepository, RemovesItsOwnDirectoryOnly) {
 
 // A driver that does not answer does not mean "empty", but doesn't keep an empty directory either.
 TEST_P(DataRepository, DriverFails) {
-  EXPECT_EQ(1, mRepository.Make());
   flc_spy::gAnswer = [](unsigned long, void*, int& result) { return (result = -1) < 0; };
   EXPECT_EQ(!Cached(), mRepository.IsEmpty());
   EXPECT_EQ(1u, mRepository.Remove());
-  EXPECT_FALSE(fs::exists(mRepository.Path()));
+  EXPECT_FALSE(fs::exists(mPath));
 }
 
 // Each unfinished file is seen to while it is the newest of the list: what is given back to the pool (these
 // hold nothing but zeros) is that file, and not a recording that is listed after it.
 TEST_P(ListedDataRepository, ListingRepairsEveryUnfinishedFile) {
-  EXPECT_EQ(1, mRepository.Make());
   const Names kept = {Name(kStart + 10, kStart + 15), Name(kStart + 30, kStart + 35)};
   for (const std::string& name : {Name(kStart, 0), kept[0], Name(kStart + 20, 0), kept[1]})
-    fs::rename(mFree.Pop(), PathOf(name));
+    fs::rename(mDirectory.free.Pop(), PathOf(name));
   EXPECT_EQ(1, mRepository.RecordFileListUp());
   EXPECT_EQ(Names({"stage 2 1", "stage 2 0", "stage 2 1", "stage 2 0"}), mObserver.heard);
   ExpectRecords(kept);
@@ -140,7 +117,6 @@ TEST_P(ListedDataRepository, ListingRepairsEveryUnfinishedFile) {
 // --- Record files in and out ---
 
 TEST_P(DataRepository, MakesRecordFiles) {
-  EXPECT_EQ(1, mRepository.Make());
   const std::string name = "5f5e1000_00000000.imf";
   std::string made;
   timeval time{kStart, 999999};
@@ -150,7 +126,7 @@ TEST_P(DataRepository, MakesRecordFiles) {
 
   // Deliberate: nothing guards a second that was used before.
   EXPECT_EQ(1, mRepository.MakeRecordFile(time, made));
-  EXPECT_EQ(Names{name}, NamesIn(mRepository.Path()));
+  EXPECT_EQ(Names{name}, NamesIn(mPath));
   EXPECT_EQ(mInodes.size() - 1, InodesOf(mDisk).size());
 }
 
@@ -165,7 +141,7 @@ TEST_P(DataRepository, CompletesRecordFiles) {
   EXPECT_EQ(1, mRepository.RenameRecordFile("/gone/1_00000000.imf", 2, 0, path));
   EXPECT_EQ(PathOf("1_2_cm0.imf"), path);
   EXPECT_EQ(Cached() ? 3 : 2, mRepository.GetFileCount());
-  EXPECT_EQ(2u, NamesIn(mRepository.Path()).size());
+  EXPECT_EQ(2u, NamesIn(mPath).size());
 }
 
 TEST_P(DataRepository, RecyclesFromBothEnds) {

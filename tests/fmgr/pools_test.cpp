@@ -1,19 +1,15 @@
 // The pools of one disk: laying the files down, the free pool, the quarantine.
 #include <dirent.h>
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <filesystem>
 #include <list>
 #include <memory>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "fmgr/FmgrErrorRepository.h"
 #include "fmgr/FmgrFreeRepository.h"
@@ -21,8 +17,7 @@
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "tests/support/TestDisk.h"
 
-namespace fs = std::filesystem;
-using Names = std::list<std::string>;
+using List = std::list<std::string>;
 
 namespace {
 int gEntriesBeforeError = INT_MAX;  // that directories still give
@@ -58,7 +53,7 @@ class Progress : public ProgressIndicator {
 
   std::pair<int, int> begun;
   std::string refreshed;
-  Names* list = nullptr;  // emptied by each redraw
+  List* list = nullptr;  // emptied by each redraw
 };
 
 class Pools : public testing::Test {
@@ -66,7 +61,7 @@ class Pools : public testing::Test {
   Pools() { fs::create_directories(mDisk); }
 
   // A pool over a disk that holds these files.
-  FmgrFreeRepository PoolOf(const Names& names) {
+  FmgrFreeRepository PoolOf(const List& names) {
     for (const std::string& name : names) MakeTestFile(mDisk + "/imf_free/" + name);
     return FmgrFreeRepository(mDisk);
   }
@@ -114,7 +109,7 @@ TEST_F(Pools, FreePoolIsMadeOfHardLinks) {
   FmgrFreeRepository pool(mDisk);
   EXPECT_EQ(1, pool.Make(prealloc, nullptr));
   FmgrFreeRepository fresh(mDisk);
-  EXPECT_EQ((Names{"00000000.imf", "00000002.imf"}), fresh.files);
+  EXPECT_EQ((List{"00000000.imf", "00000002.imf"}), fresh.files);
   EXPECT_EQ(kMiB, fresh.GetFileSize());
   EXPECT_EQ(StatusOf(prealloc.files.back()).st_ino, StatusOf(fresh.FileNameToPath("00000002.imf")).st_ino);
 
@@ -156,19 +151,19 @@ TEST_F(Pools, FreePoolIsAQueue) {
   FmgrFreeRepository pool = PoolOf({"00000009.imf", "00000008.imf"});
   std::string source = MakeTestFile(mDisk + "/data_00000001/5f5e1000_5f5e1258_cmf.imf", 77);
   EXPECT_EQ(1, pool.Push(source));
-  EXPECT_EQ((Names{"00000008.imf", "00000009.imf", "00000010.imf"}), pool.files);
-  for (const std::string& name : Names(pool.files)) EXPECT_EQ(mDisk + "/imf_free/" + name, pool.Pop());
+  EXPECT_EQ((List{"00000008.imf", "00000009.imf", "00000010.imf"}), pool.files);
+  for (const std::string& name : List(pool.files)) EXPECT_EQ(mDisk + "/imf_free/" + name, pool.Pop());
   // Deliberate: an emptied pool starts at 1, although a new one starts at 0.
   std::string again = mDisk + "/imf_free/00000010.imf";
   EXPECT_EQ(1, pool.Push(again));
   EXPECT_EQ(77, FmgrRepository::GetFileSize(mDisk + "/imf_free/00000001.imf"));
   EXPECT_EQ(0, pool.Push(again)) << "it is gone";
-  EXPECT_EQ(Names{"00000001.imf"}, pool.files);
+  EXPECT_EQ(List{"00000001.imf"}, pool.files);
 }
 
 // What others leave in the pool directory must not cost a pool file: a rename would replace it.
 TEST_F(Pools, ForeignNamesInTheFreePool) {
-  const std::vector<std::pair<Names, std::string>> rows = {
+  const std::vector<std::pair<List, std::string>> rows = {
       {{"00000001.imf", "00000002.imf", "copy.imf"}, "00000003.imf"},
       {{"00000001.imf", "2147483647.imf"}, "00000002.imf"},
       {{"100000000.imf", "99999999.imf"}, "100000001.imf"},
@@ -194,7 +189,7 @@ TEST_F(Pools, APushReplacesNothing) {
   std::string source = MakeTestFile(mDisk + "/data_00000001/5f5e1000_5f5e1258_cmf.imf");
   const std::set<unsigned long> inodes = InodesOf(mDisk);
   EXPECT_EQ(1, pool.Push(source));
-  EXPECT_EQ(Names{"00000005.imf"}, pool.files);
+  EXPECT_EQ(List{"00000005.imf"}, pool.files);
   ExpectEachInOnePlace(mDisk, inodes);
   EXPECT_TRUE(fs::is_symlink(mDisk + "/imf_free/00000004.imf"));
 }
@@ -249,14 +244,14 @@ TEST_F(Pools, QuarantineKeepsNames) {
     source = MakeTestFile(mDisk + "/data_00000001/" + name, size);
     EXPECT_EQ(1, quarantine.Push(source));
   }
-  EXPECT_EQ((Names{name, name + "2", name + "3"}), quarantine.files);
+  EXPECT_EQ((List{name, name + "2", name + "3"}), quarantine.files);
   EXPECT_EQ(path + name, quarantine.Pop());
   EXPECT_EQ(2, FmgrRepository::GetFileSize(quarantine.Pop()));
   // Deliberate: a move that fails is not noticed.
   EXPECT_EQ(1, quarantine.Push(source));
-  EXPECT_EQ((Names{name + "3", name + "4"}), quarantine.files);
+  EXPECT_EQ((List{name + "3", name + "4"}), quarantine.files);
   // Deliberate: renamed ones drop out of the next listing.
-  EXPECT_EQ(Names{name}, FmgrErrorRepository(mDisk).files);
+  EXPECT_EQ(List{name}, FmgrErrorRepository(mDisk).files);
 }
 
 }  // namespace

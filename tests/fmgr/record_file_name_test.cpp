@@ -1,8 +1,11 @@
-// Names of record files and data directories: what a name yields, what a record or an index is called.
+// Names of record files and data directories: what a name yields, what a record or an index is called, and that
+// the file list cache reads from a name what the library finds again by it.
+#include "platform/host/imf/RecordName.h"
+
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <string>
+#include <tuple>
 
 #include "fmgr/FmgrDataRepository.h"
 
@@ -11,26 +14,35 @@ namespace {
 using Repository = FmgrDataRepository;
 
 TEST(RecordFileName, WhatANameYields) {
+  enum Cache { kSame, kInProgress, kRefused };  // how the cache reads the name; in progress: the start alone
   const struct {
     const char* name;
     unsigned valid;
     int start, end;
     unsigned mask;
+    Cache cache;
   } rows[] = {
-      {"5f5e1000_00000000.imf", 1, 1600000000, 0, 0},
-      {"5f5e1000_5f5e1258_cmf.imf", 1, 1600000000, 1600000600, 0xf},
-      {"ffffffff_fffffffe_cmffffffff.imf", 1, -1, -2, UINT_MAX},  // after 2038 a time is negative
-      {"1_2_cm0.imf", 1, 1, 2, 0},                                // no fixed widths
+      {"5f5e1000_00000000.imf", 1, 1600000000, 0, 0, kSame},
+      {"5f5e1000_5f5e1258_cmf.imf", 1, 1600000000, 1600000600, 0xf, kSame},
+      {"ffffffff_fffffffe_cmffffffff.imf", 1, -1, -2, UINT_MAX, kSame},  // after 2038 a time is negative
+      {"1_2_cm0.imf", 1, 1, 2, 0, kSame},                                // no fixed widths
       // Foreign and damaged names. Nothing but ".imf", wherever it stands, makes a name valid.
-      {"5f5e1000.imf", 1, 1600000000, 0, 0},
-      {"", 0, 0, 0, 0},
-      {"x.imf.part", 1, 0, 0, 0},
-      {"5f5e1000_00000000.IMF", 0, 1600000000, 0, 0},
-      {"5f5e1000__5f5e1258_cmf.imf", 1, 1600000000, 0, 0xf},
-      {"5f5e1000_5f5e1258_cm3_cmf.imf", 1, 1600000000, 1600000600, 3},
-      {"cm7_5f5e1258.imf", 1, 0xc, 1600000600, 7},
-      {"5F5E1000 8_1.imf", 1, 1600000000, 1, 0},
-      {"%s%n_%s_cm%n.imf", 1, 0, 0, 0},
+      {"5f5e1000.imf", 1, 1600000000, 0, 0, kSame},
+      {"", 0, 0, 0, 0, kRefused},
+      {"x.imf.part", 1, 0, 0, 0, kRefused},
+      {"5f5e1000_00000000.IMF", 0, 1600000000, 0, 0, kRefused},
+      {"5f5e1000__5f5e1258_cmf.imf", 1, 1600000000, 0, 0xf, kInProgress},
+      {"5f5e1000_00000000_cmf.imf", 1, 1600000000, 0, 0xf, kInProgress},
+      {"5f5e1000_1ffffffff_cmf.imf", 1, 1600000000, -1, 0xf, kInProgress},  // no such end time
+      {"5f5e1000_5f5e1258_cm3_cmf.imf", 1, 1600000000, 1600000600, 3, kSame},
+      {"5f5e1000 (copy)_12_cm1.imf", 1, 1600000000, 0x12, 1, kSame},
+      {"cm7_5f5e1258.imf", 1, 0xc, 1600000600, 7, kSame},
+      {"0_00000000.imf", 1, 0, 0, 0, kRefused},
+      {"05f5e100_00000000.imf", 1, 0x5f5e100, 0, 0, kRefused},  // the library would look for 5f5e100
+      {"5F5E1000_00000000.imf", 1, 1600000000, 0, 0, kRefused},
+      {"5F5E1000 8_1.imf", 1, 1600000000, 1, 0, kRefused},
+      {"_5f5e1258_cmf.imf", 1, 0, 1600000600, 0xf, kRefused},
+      {"%s%n_%s_cm%n.imf", 1, 0, 0, 0, kRefused},
   };
   Repository repository("/mnt/x", 3, nullptr, nullptr, 0);
   for (const auto& row : rows) {
@@ -40,6 +52,14 @@ TEST(RecordFileName, WhatANameYields) {
     EXPECT_EQ(row.end, Repository::FileNameToEndTimeSec(name)) << name;
     EXPECT_EQ(row.mask, Repository::FileNameToChannelMask(name)) << name;
     EXPECT_EQ(row.end != 0, repository.IsCompletedFile(name)) << name;
+    RecordName read{};
+    EXPECT_EQ(row.cache != kRefused, ParseRecordName(name, &read)) << name;
+    RecordName expected{};
+    if (row.cache != kRefused) expected.startTime = static_cast<uint32_t>(row.start);
+    if (row.cache == kSame) std::tie(expected.endTime, expected.channelMask) = std::tuple(row.end, row.mask);
+    EXPECT_EQ(std::tie(expected.startTime, expected.endTime, expected.channelMask),
+              std::tie(read.startTime, read.endTime, read.channelMask))
+        << name;
   }
 }
 
@@ -52,6 +72,9 @@ TEST(RecordFileName, DirectoriesAndPaths) {
                                               {"/mnt/x/data_/5f", -1},
                                               {"/mnt/x/data_old", -1}};
   for (const auto& [path, index] : rows) EXPECT_EQ(index, Repository::PathToRepositoryId(path)) << path;
+  EXPECT_EQ(12, ParseDataDirectoryName("data_00000012"));
+  for (const char* name : {"data_2147483648", "data_", "data_-1", "data_1x"})
+    EXPECT_EQ(-1, ParseDataDirectoryName(name)) << name;
 
   repository.mLinkRoot = "/run/rec";
   EXPECT_EQ("/mnt/sda1/data_00000003/n.imf", repository.FileNameToPath("n.imf", -1, "usb"));

@@ -18,8 +18,6 @@ extern "C" ssize_t pread(int file, void* buffer, size_t length, off_t offset) {
 
 namespace {
 
-constexpr unsigned kList = 0;
-constexpr unsigned kCache = 1;
 constexpr char kFirst[] = "5f5e1000_5f5e1258_cmf.imf";
 constexpr char kOpen[] = "5f5e1600_00000000.imf";
 constexpr char kRepaired[] = "5f5e1600_5f5e160c_cm5.imf";
@@ -36,8 +34,10 @@ int RecordingsIn(const std::string& directory) {
                                                                  : -1;
 }
 
-class Recovery : public testing::TestWithParam<unsigned> {
+class Recovery : public DirectoryTest {
  protected:
+  Recovery() : DirectoryTest("sda1", 1, 1) {}
+
   // `start` 0: nothing was ever recorded into the file.
   void Put(const std::string& name, unsigned start) {
     MakeTestFile(mPath + name, 65536);
@@ -50,13 +50,6 @@ class Recovery : public testing::TestWithParam<unsigned> {
     if (GetParam() == kList) mRepository.RecordFileListUp();
     if (GetParam() == kCache) mRepository.CheckNewestFileFixup();
   }
-
-  TestRoot mRoot;
-  std::string mDisk = mRoot.AddDisk("sda1", 1);
-  TestDirectory mDirectory{mDisk, 1, GetParam()};
-  FmgrDataRepository& mRepository = mDirectory.repository;
-  std::string mPath = mDirectory.path;
-  RecordingObserver mObserver;
 };
 INSTANTIATE_TEST_SUITE_P(Modes, Recovery, testing::Values(kList, kCache));
 

@@ -1,24 +1,19 @@
 // All repositories of one disk: its data directories in order, and the record files across them.
 #include <climits>
-#include <filesystem>
 
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "tests/support/FlcSpy.h"
 #include "tests/support/TestDirectory.h"
 
-namespace fs = std::filesystem;
-
 namespace {
 
-constexpr int kList = 0;
-constexpr int kCache = 1;
 const Names kOne = {"5f5e1000_5f5e1258_cmf.imf"};
 const Names kTwo = {"5f5e2000_5f5e2258_cmf.imf", "5f5e3000_5f5e3258_cmf.imf"};
 
 // A disk with data directories 1, 2, ... of the given record files, listed. An empty one has a file that is no
 // recording.
 struct Disk {
-  Disk(int mode, const std::vector<Names>& directories, int freeFiles = 0)
+  Disk(unsigned mode, const std::vector<Names>& directories, int freeFiles = 0)
       : path(root.AddDisk("sda1", freeFiles)), group(path, mode, 0) {
     for (size_t i = 0; i < directories.size(); ++i) {
       const std::string directory = path + "/data_" + std::to_string(i + 1) + "/";
@@ -41,7 +36,7 @@ struct Disk {
 };
 
 TEST(Group, ListsByNumberAndHandsOn) {
-  for (const int mode : {kList, kCache}) {
+  for (const unsigned mode : {kList, kCache}) {
     Disk disk(mode, {});
     for (const char* name : {"data_2", "data_10", "data_9"}) fs::create_directory(disk.path + "/" + name);
     disk.group.mTempRoot = "/tmp/root";

@@ -1,13 +1,9 @@
 // Other hands on the disk: files moved into a data directory, data directories made and deleted.
 #include <sys/inotify.h>
 
-#include <filesystem>
-
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "tests/support/FlcSpy.h"
 #include "tests/support/TestDirectory.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -41,25 +37,20 @@ TEST(Watch, StartsAndStops) {
     ExpectStartsAndStops(std::make_unique<FmgrRepositoryGroup>(disk, 1, mode), disk);
 }
 
-class DirectoryWatch : public testing::TestWithParam<unsigned> {
+class DirectoryWatch : public DirectoryTest {
  protected:
-  void SetUp() override {
+  DirectoryWatch() : DirectoryTest("sda1", 0, 4) {
     std::string path = mPath;
-    mDirectory.repository.InitWatchDirectory(path);
+    mRepository.InitWatchDirectory(path);
   }
   void MoveIn(const std::string& name) { fs::rename(MakeTestFile(mDisk + "/outside/" + name), mPath + name); }
   void ExpectPoll(const Names& sent) {
-    Poll(mDirectory.repository);
+    Poll(mRepository);
     EXPECT_EQ(sent, flc_spy::Sent());
   }
-
-  TestRoot mRoot;
-  std::string mDisk = mRoot.AddDisk("sda1");
-  TestDirectory mDirectory{mDisk, 4, GetParam()};
-  std::string mPath = mDirectory.path;
 };
 // The driver hears of new files whichever way the directory keeps its own list.
-INSTANTIATE_TEST_SUITE_P(Modes, DirectoryWatch, testing::Values(0u, 1u));
+INSTANTIATE_TEST_SUITE_P(Modes, DirectoryWatch, testing::Values(kList, kCache));
 
 TEST_P(DirectoryWatch, TellsTheDriverOfFilesMovedIn) {
   MoveIn("5f5e1000_5f5e1258_cmf.imf");
@@ -78,9 +69,9 @@ TEST_P(DirectoryWatch, TellsTheDriverOfFilesMovedIn) {
 TEST_P(DirectoryWatch, ManyEventsTakeSeveralPolls) {
   for (int i = 0; i < 700; ++i) MoveIn("5f5e1" + std::to_string(100 + i) + "_00000000.imf");
   const size_t perPoll = 32768 / (sizeof(inotify_event) + 32);
-  Poll(mDirectory.repository);
+  Poll(mRepository);
   EXPECT_EQ(perPoll, flc_spy::Requests().size());
-  Poll(mDirectory.repository);
+  Poll(mRepository);
   EXPECT_EQ(700 - perPoll, flc_spy::Requests().size());
 }
 

@@ -1,6 +1,5 @@
 #include "platform/host/flc/FlcHost.h"
 
-#include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/resource.h>
 
@@ -8,16 +7,11 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <map>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "Flc.h"
 #include "platform/host/flc/FlcDirectory.h"
-#include "platform/host/imf/RecordName.h"
 #include "tests/support/TestDisk.h"
 
 namespace {
@@ -70,21 +64,22 @@ class Model {
  public:
   int Ask(unsigned long request, flc_file_info_param_t* page) {
     const std::string name(page->diskName, strnlen(page->diskName, sizeof page->diskName));
-    const auto disk = std::find_if(mDisks.begin(), mDisks.end(), [&](const Disk& d) { return d.name == name; });
-    const bool change = request < FLC_FILE_BY_TIME && request != FLC_CLEAR;
     if (request == FLC_CLEAR) return mDisks.clear(), 0;
-    if (!change) return LookUp(request, name, page);
+    if (request >= FLC_FILE_BY_TIME) return LookUp(request, name, page);
     if (name.empty() || page->repository < 0) return -1;
-    if (disk == mDisks.end() && request != FLC_REGISTER_REPOSITORY && request != FLC_ADD_FILE) return -1;
-    Disk& known = disk != mDisks.end() ? *disk : (mDisks.push_back({name, {}}), mDisks.back());
-    if (request == FLC_UNREGISTER_REPOSITORY) return known.files.erase(page->repository) == 1 ? 0 : -1;
-    if (request == FLC_REGISTER_REPOSITORY) return known.files[page->repository].clear(), 0;
+    auto disk = std::find_if(mDisks.begin(), mDisks.end(), [&](const Disk& each) { return each.name == name; });
+    if (disk == mDisks.end()) {
+      if (request == FLC_UNREGISTER_REPOSITORY || request == FLC_REMOVE_FILE) return -1;
+      disk = mDisks.insert(disk, {name, {}});
+    }
+    if (request == FLC_UNREGISTER_REPOSITORY) return disk->files.erase(page->repository) == 1 ? 0 : -1;
+    if (request == FLC_REGISTER_REPOSITORY) return disk->files[page->repository].clear(), 0;
     if (request == FLC_ADD_FILE) {
-      known.files[page->repository][page->startTime] = {page->startTime, page->endTime, page->channelMask};
+      disk->files[page->repository][page->startTime] = {page->startTime, page->endTime, page->channelMask};
       return 0;
     }
-    const auto files = known.files.find(page->repository);
-    return files != known.files.end() && files->second.erase(page->startTime) == 1 ? 0 : -1;
+    const auto files = disk->files.find(page->repository);
+    return files != disk->files.end() && files->second.erase(page->startTime) == 1 ? 0 : -1;
   }
 
  private:
@@ -96,10 +91,17 @@ class Model {
     flc_file_info_param_t file;
     uint32_t effectiveEnd;
   };
+  // In the order of a number that each record has; of equal ones in the order in which they were.
+  template <typename Key>
+  static void Sort(std::vector<Record>& records, Key key) {
+    std::stable_sort(records.begin(), records.end(),
+                     [key](const Record& a, const Record& b) { return key(a) < key(b); });
+  }
 
   int LookUp(unsigned long request, const std::string& name, flc_file_info_param_t* page) const {
     const flc_file_info_param_t query = *page;
-    std::vector<Record> all;
+    const uint32_t time = query.startTime, mask = query.channelMask;
+    std::vector<Record> all;  // by start, attachment, index
     bool known = false;
     for (const Disk& disk : mDisks) {
       if (!name.empty() && name != disk.name) continue;
@@ -117,46 +119,31 @@ class Model {
     }
     if (!known) return -1;
     if (request == FLC_FILE_COUNT) return static_cast<int>(all.size());
-    const auto byStart = [](const Record& a, const Record& b) { return a.file.startTime < b.file.startTime; };
-    std::stable_sort(all.begin(), all.end(), byStart);
-    if (request == FLC_FILE_AT_POSITION) {
-      if (query.query < 1 || query.query > static_cast<int>(all.size())) return -1;
-      return *page = all[static_cast<size_t>(query.query) - 1].file, 0;
-    }
+    Sort(all, [](const Record& record) { return record.file.startTime; });
 
-    std::vector<Record> matching;  // by start, attachment, index
+    const bool interval = request == FLC_FILES_IN_INTERVAL;
+    const bool covering = request == FLC_FILE_BY_TIME && query.query > 0;
+    const bool latest = request == FLC_FILE_BY_TIME && query.query <= 0;
+    std::vector<Record> matching;
     for (const Record& record : all) {
-      const uint32_t start = record.file.startTime, end = record.file.endTime, mask = query.channelMask;
+      const uint32_t start = record.file.startTime, end = record.file.endTime;
       const bool passes = mask == 0 || mask == kAll || end == 0 || (mask & record.file.channelMask) != 0;
-      const bool matches =
-          request == FLC_OLDEST_FILE || request == FLC_NEWEST_FILE ||
-          (request == FLC_PREVIOUS_FILE && passes && start < query.startTime) ||
-          (request == FLC_NEXT_FILE && passes && start > query.startTime) ||
-          (request == FLC_FILE_BY_TIME && passes && query.query <= 0 && start <= query.startTime) ||
-          (request == FLC_FILE_BY_TIME && passes && query.query > 0 &&
-           (start == query.startTime || record.effectiveEnd >= query.startTime)) ||
-          (request == FLC_FILES_IN_INTERVAL && passes && end != 0 && start < query.endTime &&
-           end >= query.startTime);
+      const bool matches = request == FLC_OLDEST_FILE || request == FLC_NEWEST_FILE ||
+                           (request == FLC_FILE_AT_POSITION && query.query == &record - all.data() + 1) ||
+                           (request == FLC_PREVIOUS_FILE && passes && start < time) ||
+                           (request == FLC_NEXT_FILE && passes && start > time) ||
+                           (latest && passes && start <= time) ||
+                           (covering && passes && (start == time || record.effectiveEnd >= time)) ||
+                           (interval && passes && end != 0 && start < query.endTime && end >= time);
       if (matches) matching.push_back(record);
     }
-    if (request == FLC_FILES_IN_INTERVAL) {
-      std::stable_sort(matching.begin(), matching.end(),
-                       [](const Record& a, const Record& b) { return a.file.endTime < b.file.endTime; });
-      const size_t count = std::min<size_t>(matching.size(), FLC_PAGE_SIZE);
-      for (size_t i = 0; i < count; ++i) page[i] = matching[i].file;
-      return static_cast<int>(count);
-    }
-    if (matching.empty()) return -1;
-    auto chosen = matching.begin();
-    const bool byTime = request == FLC_FILE_BY_TIME;
-    if (request == FLC_NEWEST_FILE || request == FLC_PREVIOUS_FILE || (byTime && query.query <= 0)) {
-      chosen = std::max_element(matching.begin(), matching.end(), byStart);  // the first of equals
-    } else if (byTime) {
-      const auto exact = std::find_if(matching.begin(), matching.end(),
-                                      [&](const Record& r) { return r.file.startTime == query.startTime; });
-      if (exact != matching.end()) chosen = exact;
-    }
-    return *page = chosen->file, 0;
+    if (interval) Sort(matching, [](const Record& record) { return record.file.endTime; });
+    if (covering) Sort(matching, [time](const Record& record) { return record.file.startTime != time; });
+    if (latest || request == FLC_NEWEST_FILE || request == FLC_PREVIOUS_FILE)
+      Sort(matching, [](const Record& record) { return ~record.file.startTime; });
+    const size_t count = std::min<size_t>(matching.size(), interval ? FLC_PAGE_SIZE : 1);
+    for (size_t i = 0; i < count; ++i) page[i] = matching[i].file;
+    return interval ? static_cast<int>(count) : count == 1 ? 0 : -1;
   }
 
   std::vector<Disk> mDisks;  // in the order in which they became known
@@ -203,33 +190,6 @@ TEST_P(FlcRandom, AnswersByTheRules) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Runs, FlcRandom, testing::Values(0, 1, 2));
-
-TEST(RecordName, ReadsWhatTheLibraryFindsAgain) {
-  static const struct {
-    const char* name;
-    uint32_t start, end, mask;  // start 0: refused
-  } kRows[] = {
-      {"5f5e1000_00000000.imf", 1600000000, 0, 0},
-      {"5f5e1000_5f5e1258_cmf.imf", 1600000000, 1600000600, 15},
-      {"ffffffff_ffffffff_cmffffffff.imf", kAll, kAll, kAll},
-      {"5f5e1000_00000000_cmf.imf", 1600000000, 0, 0},   // in progress whatever follows
-      {"5f5e1000_1ffffffff_cmf.imf", 1600000000, 0, 0},  // no such end time
-      {"5f5e1000 (copy)_12_cm1.imf", 1600000000, 0x12, 1},
-      {"0_00000000.imf", 0, 0, 0},
-      {"05f5e100_00000000.imf", 0, 0, 0},  // the library would look for 5f5e100
-      {"5F5E1000_00000000.imf", 0, 0, 0},
-      {"_5f5e1258_cmf.imf", 0, 0, 0},
-  };
-  for (const auto& row : kRows) {
-    RecordName name{};
-    ASSERT_EQ(ParseRecordName(row.name, &name), row.start != 0) << row.name;
-    const RecordName expected{row.start, row.end, row.mask};
-    EXPECT_EQ(std::memcmp(&name, &expected, sizeof name), 0) << row.name;
-  }
-  const std::pair<const char*, int> directories[] = {
-      {"data_00000012", 12}, {"data_2147483648", -1}, {"data_", -1}, {"data_-1", -1}, {"data_1x", -1}};
-  for (const auto& [name, index] : directories) EXPECT_EQ(ParseDataDirectoryName(name), index) << name;
-}
 
 TEST_F(FlcHost, LoadsOnlyRecordFilesOfDataDirectories) {
   MakeDirectory("a/data_00000003/50_60_cm1.imf");  // a directory named like a record file

@@ -1,6 +1,5 @@
 // The search database, the tool that rebuilds it, and the helpers that run the tool.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -9,7 +8,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -26,7 +24,6 @@ static bool operator==(const TimeSearchRecording& a, const TimeSearchRecording& 
 
 namespace {
 
-namespace fs = std::filesystem;
 using Recordings = std::vector<TimeSearchRecording>;
 const Recordings kFailed = {{-1, 0, 0}};
 
@@ -335,11 +332,8 @@ TEST_F(SearchDbTest, ToolTakesNamesAndOnlyAsksHeadersForWhatIsMissing) {
 
 TEST_F(SearchDbTest, RebuildCutOffIsSeenAndDoneAgain) {
   constexpr size_t kCount = 2000;
-  for (size_t i = 0; i < kCount; ++i) {
-    char name[64];
-    std::snprintf(name, sizeof name, "%zx_%zx_cm1.imf", 0x5f5e1000 + 10 * i, 0x5f5e1009 + 10 * i);
-    Write(name, "");
-  }
+  for (size_t i = 0; i < kCount; ++i)
+    Write(Text("%zx_%zx_cm1.imf", 0x5f5e1000 + 10 * i, 0x5f5e1009 + 10 * i), "");
   ASSERT_EQ(Rebuild(), 0);
   ASSERT_EQ(Search().size(), kCount);
   int cut = 0;

@@ -26,10 +26,9 @@ class CheckTest : public testing::Test {
   // quarantined.
   CheckTest() {
     for (unsigned i = 0; i < 4; ++i) {
-      char path[64];
-      std::snprintf(path, sizeof path, "/data_%08u/%x_%x_cm1.imf", 1 + i / 3, kStart + 10 * i,
-                    kStart + 10 * i + 10);
-      WriteTestRecording(MakeTestFile(mDisk + path, kSize), kStart + 10 * i, 10, 1);
+      const unsigned start = kStart + 10 * i;
+      const std::string path = Text("/data_%08u/%x_%x_cm1.imf", 1 + i / 3, start, start + 10);
+      WriteTestRecording(MakeTestFile(mDisk + path, kSize), start, 10, 1);
     }
     MakeTestFile(mDisk + "/imf_error/64000000_00000000.imf", kSize);
     Rebuild("/data_00000001/");

@@ -1,12 +1,10 @@
 // The recorder as its users run it: the program itself, real H.264, small disks.
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -15,9 +13,6 @@
 #include "tests/support/TestDisk.h"
 
 namespace {
-
-namespace fs = std::filesystem;
-using Strings = std::vector<std::string>;
 
 // A program under way.
 class Process {
@@ -46,7 +41,7 @@ class Process {
 
 struct Video {
   std::string path;
-  Strings packets;  // checksum and size of each, in order, as a different reader finds them
+  Names packets;  // checksum and size of each, in order, as a different reader finds them
 };
 
 class RecorderTest : public testing::Test {
@@ -114,8 +109,8 @@ class RecorderTest : public testing::Test {
   }
 
   // Descriptions of all packets by channel, in order of recording.
-  std::map<int, Strings> StoredPackets(bool keyFramesFirst) {
-    std::map<int, Strings> stored;
+  std::map<int, Names> StoredPackets(bool keyFramesFirst) {
+    std::map<int, Names> stored;
     for (const auto& file : RecordFiles()) {
       ImfReader reader;
       EXPECT_TRUE(reader.Open(file.second)) << reader.Error();
@@ -132,10 +127,8 @@ class RecorderTest : public testing::Test {
         EXPECT_EQ(described.count(packet.channel), 1u) << "a file can be played on its own";
         EXPECT_TRUE(!keyFramesFirst || !first || (packet.keyFrame && packet.channel == 0)) << file.second;
         first = false;
-        char hash[64];
         const auto size = static_cast<unsigned>(packet.data.size());
-        std::snprintf(hash, sizeof hash, "CRC32:%08lx%u", crc32(0, packet.data.data(), size), size);
-        stored[packet.channel].push_back(hash);
+        stored[packet.channel].push_back(Text("CRC32:%08lx%u", crc32(0, packet.data.data(), size), size));
       }
     }
     return stored;
@@ -147,13 +140,13 @@ class RecorderTest : public testing::Test {
     ASSERT_EQ(Record(first, second, "2024-05-01T12:00:00Z", "--segment 10"), 0) << mProgram.err;
     ExpectSound();
     EXPECT_EQ(RecordFiles().size(), 7u) << "both disks are full";
-    std::map<int, Strings> stored = StoredPackets(keyFramesFirst);
+    std::map<int, Names> stored = StoredPackets(keyFramesFirst);
     for (int channel : {0, 1}) {
-      const Strings& source = (channel == 0 ? first : second).packets;
-      const Strings& kept = stored[channel];
+      const Names& source = (channel == 0 ? first : second).packets;
+      const Names& kept = stored[channel];
       ASSERT_GT(kept.size(), 400u);
       ASSERT_LT(kept.size(), source.size()) << "something was recycled";
-      EXPECT_EQ(kept, Strings(source.end() - static_cast<long>(kept.size()), source.end())) << channel;
+      EXPECT_EQ(kept, Names(source.end() - static_cast<long>(kept.size()), source.end())) << channel;
     }
   }
 

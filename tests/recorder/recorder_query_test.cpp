@@ -1,12 +1,10 @@
 // The recorder's looking commands: clips, lists, the walk over all recordings, months, the menu. Real H.264
 // recorded in two sessions, over several files and two disks; and recordings that change under the reader's
 // hands.
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 
 #include "apps/recorder/base/Units.h"
@@ -19,9 +17,7 @@
 namespace recorder {
 namespace {
 
-namespace fs = std::filesystem;
 using Json = nlohmann::json;
-using Strings = std::vector<std::string>;
 
 constexpr int64_t kStart = 1717199980;  // 2024-05-31T23:59:40Z
 constexpr int kLength = 40;             // seconds of video
@@ -60,12 +56,10 @@ class RecorderQuery : public testing::Test {
     return sProgram->Run(root, arguments);
   }
   static std::string Since(double since, double until) {
-    char text[128];
-    std::snprintf(text, sizeof text, " --since %.3f --until %.3f ", kStart + since, kStart + until);
-    return text;
+    return Text(" --since %.3f --until %.3f ", kStart + since, kStart + until);
   }
   // Names of the completed recordings on the disks, which ascend with time.
-  static std::set<std::string> Names() {
+  static std::set<std::string> AllNames() {
     std::set<std::string> names;
     for (const auto& entry : fs::recursive_directory_iterator(sRoot->Path() + "/disk")) {
       const std::string name = entry.path().filename();
@@ -97,7 +91,7 @@ TEST_F(RecorderQuery, ExportsExactlyTheRange) {
     // What it should hold: per session, from the last key frame at or before its begin on, what is decoded up
     // to the last picture shown before its end, and whatever is shown before one of these.
     const std::vector<Picture>& video = sVideos[each.channel];
-    Strings wanted;
+    Names wanted;
     double begin = 1e9;
     for (int session : {0, kSecondSession}) {
       size_t first = 0;
@@ -124,7 +118,7 @@ TEST_F(RecorderQuery, ExportsExactlyTheRange) {
     const bool complete = (each.since >= 0 && each.until <= kLength);
     EXPECT_EQ(report["missing"].empty(), complete) << sProgram->err;
 
-    Strings hashes;
+    Names hashes;
     std::vector<double> times;
     for (const Picture& picture : sProgram->PicturesOf(clip)) {
       hashes.push_back(picture.hash);
@@ -162,7 +156,7 @@ TEST_F(RecorderQuery, ExportGoesOnBehindDamage) {
   fs::copy(sRoot->Path() + "/disk", root + "/disk", fs::copy_options::recursive);
   std::string damaged;
   for (const auto& entry : fs::recursive_directory_iterator(root + "/disk")) {
-    if (entry.path().filename() == *std::next(Names().begin())) damaged = entry.path();
+    if (entry.path().filename() == *std::next(AllNames().begin())) damaged = entry.path();
   }
   std::fstream file(damaged);
   file.seekp(400000).write(std::string(20000, 'x').data(), 20000);
@@ -183,18 +177,18 @@ TEST_F(RecorderQuery, ExportGoesOnBehindDamage) {
 }
 
 TEST_F(RecorderQuery, ListsAgreeWithTheNames) {
-  const std::set<std::string> names = Names();
+  const std::set<std::string> names = AllNames();
   ASSERT_GT(names.size(), 9u) << "both disks are in use";
   const auto listed = [&] {
-    Strings found;
+    Names found;
     for (const Json& line : sProgram->JsonLines())
       found.push_back(fs::path(line["path"].get<std::string>()).filename());
     return found;
   };
   EXPECT_EQ(Run("list --json"), 0);
-  EXPECT_EQ(listed(), Strings(names.begin(), names.end()));
+  EXPECT_EQ(listed(), Names(names.begin(), names.end()));
   EXPECT_EQ(Run("play-list --json --at " + std::to_string(kStart + 62)), 0);
-  EXPECT_EQ(listed(), Strings(names.begin(), names.end())) << "back to the first and on to the last, each once";
+  EXPECT_EQ(listed(), Names(names.begin(), names.end())) << "back to the first and on to the last, each once";
   EXPECT_EQ(Run("list --json --channel 1" + Since(41, 59)), 1) << "a gap";
   EXPECT_NE(sProgram->err.find(*std::next(names.begin(), names.size() / 2)), std::string::npos)
       << "the next: " << sProgram->err;
@@ -278,10 +272,8 @@ class ChangingRecordings : public testing::Test {
     ASSERT_EQ(writer->AddStream(stream), ImfWriteResult::kWritten);
   }
   std::string Name(int64_t second, int64_t end) {
-    char name[64];
-    std::snprintf(name, sizeof name, end == 0 ? "%x_00000000.imf" : "%x_%x_cm1.imf",
-                  static_cast<unsigned>(kStart + second), static_cast<unsigned>(kStart + end));
-    return mDirectory + name;
+    const auto from = static_cast<unsigned>(kStart + second), to = static_cast<unsigned>(kStart + end);
+    return mDirectory + (end == 0 ? Text("%x_00000000.imf", from) : Text("%x_%x_cm1.imf", from, to));
   }
   std::string MakeFile(int64_t second, int64_t end) { return MakeTestFile(Name(second, end), 1 << 18); }
 

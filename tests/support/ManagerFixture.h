@@ -1,30 +1,17 @@
 // A file manager over test disks that already hold recordings.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <memory>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "tests/support/TestDisk.h"
 
 constexpr int kT = 1600000000;  // 0x5f5e1000; test times count from here
-
-__attribute__((format(printf, 1, 2))) inline std::string Text(const char* format, ...) {
-  char text[200];
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  return text;
-}
 
 inline std::string DataDir(const std::string& disk, int index) { return disk + Text("/data_%08d/", index); }
 
@@ -52,11 +39,11 @@ class ManagerTest : public testing::Test {
   ~ManagerTest() override { FmgrFileManager::ReleaseInstance(); }
 
   // Starts over with these disks, added in this order. Returns their directories.
-  std::vector<std::string> Begin(const std::vector<std::string>& disks, int option = 0) {
+  Names Begin(const Names& disks, int option = 0) {
     FmgrFileManager::ReleaseInstance();
     mRoot = std::make_unique<TestRoot>();
     Restart(option);
-    std::vector<std::string> directories;
+    Names directories;
     for (const std::string& disk : disks) directories.push_back(Add(disk));
     return directories;
   }

@@ -1,15 +1,14 @@
 // One data directory of a test disk, with the disk's pools.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrErrorRepository.h"
 #include "fmgr/FmgrFreeRepository.h"
 #include "tests/support/TestDisk.h"
 
-using Names = std::vector<std::string>;
+// Where a data directory's list is kept: in memory, or in the file list cache.
+constexpr unsigned kList = 0;
+constexpr unsigned kCache = 1;
 
 struct TestDirectory {
   // The directory is made; `useCache` as for FmgrDataRepository.
@@ -28,4 +27,19 @@ struct TestDirectory {
   FmgrErrorRepository error;
   FmgrDataRepository repository;
   const std::string path;
+};
+
+// A disk with one data directory, whose list is kept where the parameter says.
+class DirectoryTest : public testing::TestWithParam<unsigned> {
+ protected:
+  DirectoryTest(const char* disk, int freeFiles, int index)
+      : mDisk(mRoot.AddDisk(disk, freeFiles)), mDirectory(mDisk, index, GetParam()) {}
+
+  TestRoot mRoot;
+  const std::string mDisk;
+  const std::set<unsigned long> mInodes = InodesOf(mDisk);
+  TestDirectory mDirectory;
+  FmgrDataRepository& mRepository = mDirectory.repository;
+  const std::string mPath = mDirectory.path;
+  RecordingObserver mObserver;
 };

@@ -4,14 +4,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 
 #include "platform/host/flc/FlcHost.h"
 #include "platform/host/imf/ImfRecord.h"
 
-namespace fs = std::filesystem;
+std::string Text(const char* format, ...) {
+  char text[200];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  return text;
+}
 
 TestRoot::TestRoot() {
   char path[] = "/tmp/fm.XXXXXX";
@@ -29,11 +36,7 @@ TestRoot::~TestRoot() {
 std::string TestRoot::AddDisk(const std::string& name, int freeFiles, int size) {
   const std::string disk = mPath + "/disk/" + name;
   fs::create_directories(disk + "/imf_free");
-  for (int i = 0; i < freeFiles; ++i) {
-    char file[32];
-    std::snprintf(file, sizeof file, "/imf_free/%08d.imf", i);
-    MakeTestFile(disk + file, size);
-  }
+  for (int i = 0; i < freeFiles; ++i) MakeTestFile(disk + Text("/imf_free/%08d.imf", i), size);
   EXPECT_EQ(0, FlcAttachDisk(name.c_str(), disk.c_str()));
   mNames.push_back(name);
   return disk;
@@ -70,7 +73,7 @@ void WriteTestRecording(const std::string& path, unsigned start, int seconds, un
   }
 }
 
-std::vector<std::string> NamesIn(const std::string& directory) {
+Names NamesIn(const std::string& directory) {
   std::set<std::string> names;
   std::error_code missing;
   for (const auto& entry : fs::directory_iterator(directory, missing))
@@ -104,18 +107,14 @@ void ExpectEachInOnePlace(const std::string& disk, const std::set<unsigned long>
 }
 
 void RecordingObserver::NotifyStage(int stage, int active) {
-  heard.push_back("stage " + std::to_string(stage) + " " + std::to_string(active));
+  heard.push_back(Text("stage %d %d", stage, active));
 }
 
 void RecordingObserver::NotifyFileFixed(ImfFile&, const std::string& newName, unsigned videoChannelMask) {
-  char mask[16];
-  std::snprintf(mask, sizeof mask, " %x", videoChannelMask);
-  heard.push_back("fixed " + newName + mask);
+  heard.push_back("fixed " + newName + Text(" %x", videoChannelMask));
 }
 
 void RecordingObserver::NotifyFileRemoved(const std::string& path, unsigned start, unsigned end,
                                           unsigned mask) {
-  char fields[64];
-  std::snprintf(fields, sizeof fields, " %x %x %x", start, end, mask);
-  heard.push_back("removed " + path + fields);
+  heard.push_back("removed " + path + Text(" %x %x %x", start, end, mask));
 }

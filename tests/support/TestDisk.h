@@ -3,12 +3,19 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "RecoveryObserver.h"
+
+namespace fs = std::filesystem;
+using Names = std::vector<std::string>;
+
+// What printf would print; at most 199 characters.
+__attribute__((format(printf, 1, 2))) std::string Text(const char* format, ...);
 
 // ROOT/disk/NAME for each disk, attached to the file list cache; all gone with the object.
 class TestRoot {
@@ -27,7 +34,7 @@ class TestRoot {
 
  private:
   std::string mPath;
-  std::vector<std::string> mNames;
+  Names mNames;
 };
 
 // Makes a file of `size` bytes; its directory is made when missing. Returns the path.
@@ -38,7 +45,7 @@ std::string MakeTestFile(const std::string& path, int size = 4096);
 void WriteTestRecording(const std::string& path, unsigned start, int seconds, unsigned mask);
 
 // Sorted names in a directory, "." and ".." left out; empty when it is missing.
-std::vector<std::string> NamesIn(const std::string& directory);
+Names NamesIn(const std::string& directory);
 
 // Where every laid-down file of a disk is: inode number -> "imf_free", "imf_error" or "data_N" for each place.
 std::map<unsigned long, std::multiset<std::string>> PlacesOf(const std::string& disk);
@@ -62,5 +69,5 @@ class RecordingObserver final : public RecoveryObserver {
   void NotifyFileFixed(ImfFile& file, const std::string& newName, unsigned videoChannelMask) override;
   void NotifyFileRemoved(const std::string& path, unsigned start, unsigned end, unsigned mask) override;
 
-  std::vector<std::string> heard;
+  Names heard;
 };
