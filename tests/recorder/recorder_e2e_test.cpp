@@ -1,11 +1,11 @@
 // The recorder as its users run it: the program itself, real H.264, small disks.
-#include <sys/wait.h>
 #include <unistd.h>
 #include <zlib.h>
 
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <future>
 #include <thread>
 
 #include "platform/host/imf/ImfRecord.h"
@@ -13,31 +13,6 @@
 #include "tests/support/TestDisk.h"
 
 namespace {
-
-// A program under way.
-class Process {
- public:
-  explicit Process(const std::string& command) : mPid(fork()) {
-    if (mPid != 0) return;
-    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
-    _exit(127);
-  }
-  ~Process() {
-    if (mPid > 0) Stop(SIGKILL);
-  }
-
-  // Exit status, or minus the signal that ended it.
-  int Stop(int signal) {
-    int status = 0;
-    kill(mPid, signal);
-    waitpid(mPid, &status, 0);
-    mPid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-
- private:
-  pid_t mPid;
-};
 
 struct Video {
   std::string path;
@@ -47,12 +22,11 @@ struct Video {
 class RecorderTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    sDirectory = fs::temp_directory_path() / ("recorder_e2e." + std::to_string(getpid()));
-    fs::create_directory(sDirectory);
-    RecorderProgram tools(sDirectory);
+    sDirectory = new TestRoot;
+    RecorderProgram tools(sDirectory->Path());
     for (const auto& [name, group] :
          {std::pair("/a.mp4", 25), std::pair("/b.ts", 2000)}) {  // 2000: one key frame
-      Video video{sDirectory + name, {}};
+      Video video{sDirectory->Path() + name, {}};
       tools.MakeVideo(video.path, group, "1000k");
       for (const Picture& picture : tools.PicturesOf(video.path)) video.packets.push_back(picture.hash);
       ASSERT_EQ(video.packets.size(), 1000u);
@@ -60,7 +34,7 @@ class RecorderTest : public testing::Test {
     }
   }
   static void TearDownTestSuite() {
-    fs::remove_all(sDirectory);
+    delete sDirectory;
     sVideos.clear();
   }
 
@@ -70,12 +44,9 @@ class RecorderTest : public testing::Test {
     mInodes[disk] = InodesOf(DiskPath(disk));
     EXPECT_EQ(mInodes[disk].size(), static_cast<size_t>(count));
   }
-  int Record(const Video& first, const Video& second, const std::string& start, const std::string& more = "") {
-    return Run("record --clock stream --input " + first.path + " --input " + second.path + " --start " + start +
-               " " + more);
-  }
-  int RecordBoth(const std::string& start, const std::string& more = "") {
-    return Record(sVideos[0], sVideos[1], start, more);
+  int Record(const std::string& start, const std::string& more = "", const Video& first = sVideos[0]) {
+    return Run("record --clock stream --input " + first.path + " --input " + sVideos[1].path + " --start " +
+               start + " " + more);
   }
   std::string DiskPath(const std::string& disk) { return mRoot.Path() + "/disk/" + disk; }
 
@@ -84,9 +55,8 @@ class RecorderTest : public testing::Test {
     std::map<std::string, std::string> files;
     for (const auto& entry : fs::recursive_directory_iterator(mRoot.Path())) {
       const fs::path& path = entry.path();
-      if (path.extension() == ".imf" && path.parent_path().filename().string().rfind("data_", 0) == 0) {
+      if (path.extension() == ".imf" && path.string().find("/data_") != std::string::npos)
         files[path.filename()] = path;
-      }
     }
     return files;
   }
@@ -134,15 +104,15 @@ class RecorderTest : public testing::Test {
     return stored;
   }
   // Records two videos onto two disks that are too small for them.
-  void ExpectLatestPackets(const Video& first, const Video& second, bool keyFramesFirst) {
+  void ExpectLatestPackets(const Video& first, bool keyFramesFirst) {
     Prepare("a", 4);
     Prepare("b", 3);
-    ASSERT_EQ(Record(first, second, "2024-05-01T12:00:00Z", "--segment 10"), 0) << mProgram.err;
+    ASSERT_EQ(Record("2024-05-01T12:00:00Z", "--segment 10", first), 0) << mProgram.err;
     ExpectSound();
     EXPECT_EQ(RecordFiles().size(), 7u) << "both disks are full";
     std::map<int, Names> stored = StoredPackets(keyFramesFirst);
     for (int channel : {0, 1}) {
-      const Names& source = (channel == 0 ? first : second).packets;
+      const Names& source = (channel == 0 ? first : sVideos[1]).packets;
       const Names& kept = stored[channel];
       ASSERT_GT(kept.size(), 400u);
       ASSERT_LT(kept.size(), source.size()) << "something was recycled";
@@ -150,46 +120,48 @@ class RecorderTest : public testing::Test {
     }
   }
 
-  static inline std::string sDirectory;
+  static inline TestRoot* sDirectory;
   static inline std::vector<Video> sVideos;
   TestRoot mRoot;
-  RecorderProgram mProgram{sDirectory};
+  RecorderProgram mProgram{sDirectory->Path()};
   std::map<std::string, std::set<unsigned long>> mInodes;
 };
 
 // Packets lost or doubled where one file ends and the next begins, or where a disk wraps around.
-TEST_F(RecorderTest, KeepsTheLatestPackets) { ExpectLatestPackets(sVideos[0], sVideos[1], true); }
-TEST_F(RecorderTest, KeepsTheLatestPacketsWithoutKeyFrames) {
-  ExpectLatestPackets(sVideos[1], sVideos[1], false);
-}
+TEST_F(RecorderTest, KeepsTheLatestPackets) { ExpectLatestPackets(sVideos[0], true); }
+TEST_F(RecorderTest, KeepsTheLatestPacketsWithoutKeyFrames) { ExpectLatestPackets(sVideos[1], false); }
 
 TEST_F(RecorderTest, StopsAndComesBack) {
   Prepare("a", 20);
-  const std::string record = std::string(RECORDER_PROGRAM) + " --root " + mRoot.Path() + " record --input " +
-                             sVideos[0].path + " --input /nonexistent.mp4 >/dev/null 2>&1";
+  RecorderProgram other(mRoot.Path());
+  const std::string pid = mRoot.Path() + "/pid";
+  const std::string record =
+      "record --input " + sVideos[0].path + " --input /nonexistent.mp4 & echo $! >" + pid;
   const auto begin = [&] {
-    auto process = std::make_unique<Process>(record);
+    auto status = std::async(std::launch::async, [&] { return other.Run(mRoot.Path(), record + "; wait $!"); });
     for (int i = 0; i < 100 && RecordFiles().empty(); i++)
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-    return process;
+    return status;
   };
-  auto recorder = begin();
+  auto status = begin();
   ExpectSound(true);
   EXPECT_EQ(Run("record --input " + sVideos[1].path), 2) << "in use";
-  EXPECT_EQ(recorder->Stop(SIGTERM), 0);
+  EXPECT_EQ(mProgram.Shell("kill -TERM $(cat " + pid + ")"), 0);
+  EXPECT_EQ(status.get(), 0);
   ASSERT_EQ(RecordFiles().size(), 1u);
   EXPECT_NE(RecordFiles().begin()->first.find("_cm1.imf"), std::string::npos) << "completed";
 
-  recorder = begin();
-  EXPECT_EQ(recorder->Stop(SIGKILL), -SIGKILL);
+  status = begin();
+  EXPECT_EQ(mProgram.Shell("kill -KILL $(cat " + pid + ")"), 0);
+  EXPECT_EQ(status.get(), 128 + SIGKILL);
   ASSERT_EQ(RecordFiles().size(), 2u);
   const std::string unfinished = RecordFiles().rbegin()->first;
   EXPECT_NE(unfinished.find("_00000000.imf"), std::string::npos);
   ExpectSound();
   EXPECT_EQ(RecordFiles().rbegin()->first, unfinished) << "looking repairs nothing";
 
-  ASSERT_EQ(RecordBoth("2033-01-01T00:00:00Z", "--segment 3600 --no-overwrite"), 0) << mProgram.err;
+  ASSERT_EQ(Record("2033-01-01T00:00:00Z", "--segment 3600 --no-overwrite"), 0) << mProgram.err;
   EXPECT_EQ(RecordFiles().count(unfinished), 0u);
   ExpectSound();
 }
@@ -197,10 +169,10 @@ TEST_F(RecorderTest, StopsAndComesBack) {
 // The last file of a directory takes the directory with it, and whatever somebody has put there.
 TEST_F(RecorderTest, SavesWhatOthersLeft) {
   Prepare("a", 3);
-  ASSERT_EQ(RecordBoth("2024-05-01T12:00:00Z"), 0) << mProgram.err;
+  ASSERT_EQ(Record("2024-05-01T12:00:00Z"), 0) << mProgram.err;
   const std::string oldest = fs::path(RecordFiles().begin()->second).parent_path();
   for (const char* name : {"holiday.imf", "notes.txt"}) std::ofstream(oldest + "/" + name) << name;
-  ASSERT_EQ(RecordBoth("2024-05-01T13:00:00Z"), 0) << mProgram.err;
+  ASSERT_EQ(Record("2024-05-01T13:00:00Z"), 0) << mProgram.err;
   EXPECT_FALSE(fs::exists(oldest));
   EXPECT_EQ(ReadText(DiskPath("a") + "/imf_error/holiday.imf"), "holiday.imf");
   EXPECT_EQ(ReadText(DiskPath("a") + "/imf_error/notes.txt"), "notes.txt");
@@ -208,13 +180,13 @@ TEST_F(RecorderTest, SavesWhatOthersLeft) {
 
 TEST_F(RecorderTest, RefusesAndStops) {
   fs::create_directories(DiskPath("gone"));
-  EXPECT_EQ(RecordBoth("2024-05-01T12:00:00Z"), 2) << "no disk is there";
+  EXPECT_EQ(Record("2024-05-01T12:00:00Z"), 2) << "no disk is there";
   EXPECT_TRUE(NamesIn(DiskPath("gone")).empty()) << "nothing was written to where it belongs";
   Prepare("a", 3);
   EXPECT_EQ(Run("prepare --disk a --size 1M --count 3"), 2) << "prepared already";
-  EXPECT_EQ(RecordBoth("2024-05-01T12:00:00Z", "--disk gone"), 2);
+  EXPECT_EQ(Record("2024-05-01T12:00:00Z", "--disk gone"), 2);
   EXPECT_TRUE(RecordFiles().empty());
-  EXPECT_EQ(RecordBoth("2024-05-01T12:00:00Z", "--no-overwrite"), 1) << "full";
+  EXPECT_EQ(Record("2024-05-01T12:00:00Z", "--no-overwrite"), 1) << "full";
   EXPECT_EQ(RecordFiles().size(), 3u);
   for (const auto& file : RecordFiles())
     EXPECT_NE(file.first.find("_cm3.imf"), std::string::npos) << "completed";

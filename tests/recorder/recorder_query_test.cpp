@@ -58,6 +58,15 @@ class RecorderQuery : public testing::Test {
   static std::string Since(double since, double until) {
     return Text(" --since %.3f --until %.3f ", kStart + since, kStart + until);
   }
+  // The report of an export that has to work.
+  static Json Export(const std::string& clip, double since, double until, int channel,
+                     const std::string& root = sRoot->Path()) {
+    EXPECT_EQ(
+        Run("export --json --force -o " + clip + Since(since, until) + "--channel " + std::to_string(channel),
+            root),
+        0);
+    return sProgram->JsonLines().at(0);
+  }
   // Names of the completed recordings on the disks, which ascend with time.
   static std::set<std::string> AllNames() {
     std::set<std::string> names;
@@ -81,42 +90,34 @@ class RecorderQuery : public testing::Test {
 
 // Pictures lost, doubled or altered, jumps in time where files are joined, a clip that begins too late.
 TEST_F(RecorderQuery, ExportsExactlyTheRange) {
-  struct Case {
-    double since, until;
-    int channel;
-  };
-  for (const Case& each : {Case{3.3, 17.9, 0}, Case{6, 12, 1}, Case{6.2, 6.6, 1}, Case{0, 40, 1},
-                           Case{38, 50, 0}, Case{-20, 2, 1}, Case{35.5, 70.2, 0}, Case{45, 70, 1}}) {
-    SCOPED_TRACE(Since(each.since, each.until) + std::to_string(each.channel));
+  const std::tuple<double, double, int> rows[] = {{3.3, 17.9, 0}, {6, 12, 1},  {6.2, 6.6, 1},   {0, 40, 1},
+                                                  {38, 50, 0},    {-20, 2, 1}, {35.5, 70.2, 0}, {45, 70, 1}};
+  for (const auto& [since, until, channel] : rows) {
+    SCOPED_TRACE(Since(since, until) + std::to_string(channel));
     // What it should hold: per session, from the last key frame at or before its begin on, what is decoded up
     // to the last picture shown before its end, and whatever is shown before one of these.
-    const std::vector<Picture>& video = sVideos[each.channel];
+    const std::vector<Picture>& video = sVideos[channel];
     Names wanted;
     double begin = 1e9;
     for (int session : {0, kSecondSession}) {
-      size_t first = 0;
-      size_t end = 0;
+      size_t first = 0, end = 0;
       for (size_t i = 0; i < video.size(); i++) {
         const double time = session + video[i].time;
-        if (video[i].key && time <= each.since + 1e-6) first = i;
-        if (time < each.until - 1e-6) end = i + 1;
+        if (video[i].key && time <= since + 1e-6) first = i;
+        if (time < until - 1e-6) end = i + 1;
       }
       double shown = 0;
       for (size_t i = first; i < end; i++) shown = std::max(shown, video[i].time);
       while (end > first && end < video.size() && video[end].time < shown) end++;
-      if (end <= first || session + kLength <= each.since) continue;
+      if (end <= first || session + kLength <= since) continue;
       begin = std::min(begin, session + video[first].time);
       for (size_t i = first; i < end; i++)
         if (video[i].time >= video[first].time) wanted.push_back(video[i].hash);
     }
     const std::string clip = sWork + "/clip.mp4";
-    ASSERT_EQ(Run("export --json --force -o " + clip + " --channel " + std::to_string(each.channel) +
-                  Since(each.since, each.until)),
-              0);
-    const Json report = sProgram->JsonLines().at(0);
+    const Json report = Export(clip, since, until, channel);
     EXPECT_EQ(report["start"], FormatExactTime(std::llround((kStart + begin) * 1e6)));
-    const bool complete = (each.since >= 0 && each.until <= kLength);
-    EXPECT_EQ(report["missing"].empty(), complete) << sProgram->err;
+    EXPECT_EQ(report["missing"].empty(), since >= 0 && until <= kLength) << sProgram->err;
 
     Names hashes;
     std::vector<double> times;
@@ -163,11 +164,8 @@ TEST_F(RecorderQuery, ExportGoesOnBehindDamage) {
   file.close();
   const std::string clip = sWork + "/damaged.mp4";
   for (int channel : {0, 1}) {
-    EXPECT_EQ(
-        Run("export --json --force -o " + clip + Since(4, 16) + " --channel " + std::to_string(channel), root),
-        0);
+    EXPECT_EQ(Export(clip, 4, 16, channel, root)["missing"].size(), 1u);
     EXPECT_NE(sProgram->err.find("damaged in " + damaged), std::string::npos) << sProgram->err;
-    EXPECT_EQ(sProgram->JsonLines().at(0)["missing"].size(), 1u);
     const std::vector<Picture> pictures = sProgram->PicturesOf(clip);
     EXPECT_LT(pictures.size(), 12u * kRate);
     EXPECT_GE(pictures.size(), 12u * kRate - 2 * kGroups[channel]);

@@ -23,13 +23,7 @@ std::string Cells(const std::vector<Span>& spans, int64_t since, int64_t until, 
 }
 
 TEST(Timeline, CellsShowEveryGap) {
-  struct Case {
-    std::vector<Span> spans;
-    int64_t since, until;
-    int width;
-    const char* cells;
-  };
-  const Case cases[] = {
+  const std::tuple<std::vector<Span>, int64_t, int64_t, int, const char*> cases[] = {
       {{{20, 31}, {30, 50}}, 0, 100, 10, "..###....."},  // ends are rounded up: no overlap counts twice
       {{{0, 50000}, {50001, 100000}}, 0, 100000, 10, "#####3####"},  // one second of a day
       {{{-50, 5}, {44, 45}, {95, 200}}, 0, 100, 10, "2...1....2"},
@@ -37,7 +31,8 @@ TEST(Timeline, CellsShowEveryGap) {
       {{{0, 60}, {60, 75, true}}, 0, 100, 10, "######ww.."},
       {{{100, 200}, {0, 10}}, 0, 100, 10, "#........."},  // in any order
   };
-  for (const Case& each : cases) EXPECT_EQ(Cells(each.spans, each.since, each.until, each.width), each.cells);
+  for (const auto& [spans, since, until, width, cells] : cases)
+    EXPECT_EQ(Cells(spans, since, until, width), cells);
 }
 
 TEST(Timeline, GapsLieBetweenRecordings) {
@@ -72,6 +67,7 @@ TEST(Timeline, TicksAreRoundInLocalTime) {
           ASSERT_TRUE(time >= since && time <= since + length);
           ASSERT_TRUE(i == 0 || time > ticks[i - 1].time);
           ASSERT_TRUE(local.tm_sec == 0 || length < 600);
+          ASSERT_TRUE(local.tm_min % 30 == 0 || length < int64_t{3} * 3600);
           ASSERT_TRUE(local.tm_min == 0 || length < int64_t{20} * 3600);
           const int hours = length < int64_t{11} * 3600 ? 1 : length < int64_t{22} * 3600 ? 2 : 3;
           ASSERT_EQ(local.tm_hour % hours, 0);
