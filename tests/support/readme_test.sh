@@ -87,6 +87,11 @@ again=$(./example "$scratch/srv/example" 2>>"$scratch/log") || fail "the program
 [ -f "$again" ] || fail "run again, the program found $again"
 [ ! -e "$scratch/srv/example/disk/a/imf_prealloc" ] || fail "the program has left files in imf_prealloc"
 
+# A program links that needs nothing of the host's components itself.
+printf '#include "fmgr/FmgrFileManager.h"\nint main() { FmgrFileManager::ReleaseInstance(); }\n' >least.cpp
+eval "g++ -std=c++17 -Wl,--as-needed least.cpp $(pkg-config --cflags --libs filemanager-host) -o least" ||
+  fail "the least program does not link"
+
 # An installation for the whole system also puts the rebuild tool where the library calls it.
 DESTDIR=$scratch/stage cmake --install "$build" >/dev/null
 [ -x "$scratch/stage/opt/app/filedb" ] || fail "the rebuild tool is not at /opt/app/filedb"
