@@ -78,10 +78,10 @@ TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
     mManager->mOverwrite = row.overwrite;
     std::string path;
     EXPECT_EQ(row.result, Make(100, path));
-    EXPECT_EQ(row.result == 0, IsThere(path)) << path;
+    EXPECT_EQ(row.result == 0, fs::exists(path)) << path;
     for (size_t i = 0; i < disks.size(); ++i) ExpectEachInOnePlace(disks[i], inodes[i]);
     EXPECT_EQ(recordings + (row.result == 0) - row.recycles, CountRecordings(disks));
-    EXPECT_FALSE(row.recycles && IsThere(PathOf(disks[0], "1:10-20")));
+    EXPECT_FALSE(row.recycles && fs::exists(PathOf(disks[0], "1:10-20")));
   }
   const std::string disk = Begin({"a 1"})[0];
   ASSERT_EQ(0, mkdir(DataDir(disk, 1).c_str(), 0700));  // behind the library's back
@@ -160,8 +160,8 @@ TEST_F(AllocationTest, RecordingsBeyondThePreservationLimitGo) {
             observer.heard);
   mManager->CheckPreserveTime(9);
   EXPECT_EQ(3u, observer.heard.size());
-  EXPECT_FALSE(IsThere(PathOf(b, "2:60-120")));
-  EXPECT_FALSE(IsThere(PathOf(a, "3:120-180")));  // ended exactly at the limit
+  EXPECT_FALSE(fs::exists(PathOf(b, "2:60-120")));
+  EXPECT_FALSE(fs::exists(PathOf(a, "3:120-180")));  // ended exactly at the limit
 
   gNow += kHour;
   // Behind the library's back: the first one found missing ends the rounds.
@@ -181,7 +181,7 @@ TEST_F(AllocationTest, Quarantine) {
   ASSERT_EQ(0, Make(50, path));
   EXPECT_EQ(1, mManager->MoveRecordFileToErrorRepository(path, 1));
   EXPECT_EQ((std::vector<std::string>{"removed " + path + " 5f5e1032 0 0"}), observer.heard);
-  EXPECT_TRUE(IsThere(disk + "/imf_error" + path.substr(path.rfind('/'))));
+  EXPECT_TRUE(fs::exists(disk + "/imf_error" + path.substr(path.rfind('/'))));
   const std::string other = PathOf(disk, "2:30-40");
   EXPECT_EQ(1, mManager->MoveRecordFileToErrorRepository(other, 0));
   EXPECT_EQ(1u, observer.heard.size());                               // told only when asked to

@@ -61,19 +61,18 @@ TEST_F(FileManagerTest, BuildPreparesADiskOnce) {
 }
 
 TEST_F(FileManagerTest, RemainingSizeWhileBuilding) {
-  const struct {
-    int preallocCount, freeCount, size, prealloc, free;
-  } rows[] = {{3, 2, 256 * kMiB, 768, 512},
-              {3, 2, kMiB - 1, 2, 1},  // rounded to KiB for one file, to MiB for the sum
-              {0, 2, kMiB, 0, 0},
-              {1, 1100, 2000 * kMiB, 2000, 2200000}};  // the product in KiB needs more than 32 bits
-  for (const auto& row : rows) {
+  const std::tuple<int, int, int, int, int> rows[] = {
+      {3, 2, 256 * kMiB, 768, 512},
+      {3, 2, kMiB - 1, 2, 1},  // rounded to KiB for one file, to MiB for the sum
+      {0, 2, kMiB, 0, 0},
+      {1, 1100, 2000 * kMiB, 2000, 2200000}};  // the product in KiB needs more than 32 bits
+  for (const auto& [preallocCount, freeCount, size, preallocMiB, freeMiB] : rows) {
     Begin({});
-    const std::string disk = mRoot->AddDisk("a", row.freeCount, 1);  // the size is that of a pre-allocated file
-    for (int i = 0; i < row.preallocCount; ++i) MakeTestFile(disk + Text("/imf_prealloc/%d.imf", i), row.size);
+    const std::string disk = mRoot->AddDisk("a", freeCount, 1);  // the size is that of a pre-allocated file
+    for (int i = 0; i < preallocCount; ++i) MakeTestFile(disk + Text("/imf_prealloc/%d.imf", i), size);
     int prealloc = -1;
-    EXPECT_EQ(row.free, mManager->RemainRecordSize(disk.c_str(), prealloc));
-    EXPECT_EQ(row.prealloc, prealloc);
+    EXPECT_EQ(freeMiB, mManager->RemainRecordSize(disk.c_str(), prealloc));
+    EXPECT_EQ(preallocMiB, prealloc);
   }
 }
 
@@ -151,7 +150,7 @@ TEST_F(FileManagerTest, ChangeToTheNextDisk) {
     flc_spy::gAnswer = nullptr;
     EXPECT_EQ(row.order, Order());
     EXPECT_EQ(row.lastIndex, mManager->CurrentRepositoryGroup()->GetLastIndex());
-    EXPECT_TRUE(IsThere(DataDir(mManager->CurrentRepositoryGroup()->Path(), row.lastIndex)));
+    EXPECT_TRUE(fs::exists(DataDir(mManager->CurrentRepositoryGroup()->Path(), row.lastIndex)));
   }
 }
 

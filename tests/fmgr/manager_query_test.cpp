@@ -140,23 +140,24 @@ TEST_F(ManagerQueryTest, StorageMenu) {
   const std::string current = Add("usbdisk1 0 3:30-40", 1999999);
   ipc_menu_disk_stream_t menu;
   std::memset(&menu, 0x55, sizeof menu);
-  const std::pair<std::string, std::string> named[16] = {
-      {"a", idle}, {}, {"unused", idle}, {"usbdisk1", current}, {"no", "/tmp/not/managed"}, {"c", empty}};
-  for (int i = 0; i < 16; ++i) {
-    menu.entries[i].inUse = !named[i].first.empty() && i != 2;
-    // A name of 8 bytes has no terminator, and the path follows.
-    std::memcpy(menu.entries[i].diskName, named[i].first.c_str(),
-                std::min<size_t>(8, named[i].first.size() + 1));
-    std::memcpy(menu.entries[i].diskPath, named[i].second.c_str(), named[i].second.size() + 1);
-  }
+  for (ipc_menu_disk_entry_t& entry : menu.entries) entry.inUse = 0;
   ipc_menu_disk_stream_t expected = menu;
   expected.kind = 2;
-  const int fields[][5] = {{0, 4000, 0, kT + 10, kT + 30}, {3, 1, 1, kT + 30, kT + 40}, {5, 0, 0, 0, 0}};
-  for (const auto& [i, size, writing, start, end] : fields) {
-    expected.entries[i].recordedSize = size;
-    expected.entries[i].writing = writing;
-    expected.entries[i].startTime = start;
-    expected.entries[i].endTime = end;
+  constexpr int kAsBefore = 0x55555555;
+  const std::tuple<int, int, std::string, std::string, int, int, int, int> rows[] = {
+      {0, 1, "a", idle, 4000, 0, kT + 10, kT + 30},
+      {2, 0, "unused", idle, kAsBefore, kAsBefore, kAsBefore, kAsBefore},
+      {3, 1, "usbdisk1", current, 1, 1, kT + 30, kT + 40},
+      {4, 1, "no", "/tmp/not/managed", kAsBefore, kAsBefore, kAsBefore, kAsBefore},
+      {5, 1, "c", empty, 0, 0, 0, 0}};
+  for (const auto& [i, inUse, name, path, size, writing, start, end] : rows) {
+    ipc_menu_disk_entry_t& entry = menu.entries[i];
+    entry.inUse = inUse;
+    std::memcpy(entry.diskName, name.c_str(), std::min<size_t>(8, name.size() + 1));  // 8 bytes: no terminator
+    std::memcpy(entry.diskPath, path.c_str(), path.size() + 1);
+    expected.entries[i] = entry;
+    std::tie(expected.entries[i].recordedSize, expected.entries[i].writing) = std::tie(size, writing);
+    std::tie(expected.entries[i].startTime, expected.entries[i].endTime) = std::tie(start, end);
   }
   EXPECT_EQ(1, mManager->CollectTimeRange(menu));
   EXPECT_EQ(0, std::memcmp(&expected, &menu, sizeof menu));

@@ -33,6 +33,7 @@ TEST(Refusals, SayInOneLineWhatIsWrong) {
         RefuseRoot("/r ec")}},
       {"twice", {name("sda1", {"sda1", "sda1"})}},
       {"'sda' is contained in disk name 'sda1'", {name("sda", {"sda1"}), name("sda1", {"sda"})}},
+      {"'da' is contained in disk name 'sda1'", {name("sda1", {"da"})}},
       {"9 bytes", {name("123456789", {})}},
       {"at least 3", {geometry(64 * kMiB, -1), geometry(64 * kMiB, 2)}},
       {"smaller", {geometry(2048 * kMiB, 3), geometry(4097 * kMiB, 3)}},

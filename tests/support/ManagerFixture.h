@@ -27,11 +27,9 @@ inline std::string PathOf(const std::string& disk, const std::string& recording)
 }
 
 inline std::string LinkTarget(const char* link) {
-  char target[256] = {};
-  return readlink(link, target, sizeof target - 1) < 0 ? "" : target;
+  std::error_code missing;
+  return fs::read_symlink(link, missing);
 }
-
-inline bool IsThere(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 class ManagerTest : public testing::Test {
  protected:
