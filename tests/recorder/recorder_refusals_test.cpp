@@ -85,10 +85,29 @@ TEST(Units, Times) {
       {1704110400 * kMicros, {"2024-01-01T07:00"}},  // and winter time
       {kNoon * kMicros + 500000, {"1714564800.5"}},
       {kRefused,
-       {"2024-05-01", "2024-13-01T12:00:00Z", "2023-02-29T12:00:00Z", "2024-05-01T12:00:00Zulu", "-5", ""}}};
+       {"2024-05-32", "2024-05-01T", "2024-13-01T12:00:00Z", "2023-02-29T12:00:00Z", "2024-05-01T12:00:00Zulu",
+        "-5", ""}}};
   for (const auto& [micros, texts] : kCases) {
     for (const char* text : texts) EXPECT_EQ(ParseTime(text).value_or(kRefused), micros) << text;
   }
+  // The night in which summer time begins: 2024-03-10T01:30:00-05:00, one and a half hours after midnight.
+  const int64_t now = 1710052200 * kMicros;
+  const std::map<std::string, int64_t> kNear = {{"now", 0},
+                                                {"-1h", -3600},
+                                                {"now+90s", 90},
+                                                {"01:30", 0},
+                                                {"00:15:30", -4470},
+                                                {"01:31", 60 - 86400},
+                                                {"today", -5400},
+                                                {"yesterday", -5400 - 86400},
+                                                {"tomorrow", -5400 + 23 * 3600},
+                                                {"2024-03-11", -5400 + 23 * 3600}};
+  for (const auto& [text, seconds] : kNear) {
+    EXPECT_EQ(ParseTime(text, now).value_or(kRefused), now + seconds * kMicros) << text;
+  }
+  for (const char* text : {"25:00", "1h", "-", "-1", "todays"})
+    EXPECT_EQ(ParseTime(text, now).value_or(kRefused), kRefused) << text;
+  EXPECT_EQ(NextDay(now - 5400 * kMicros), now + (23 * 3600 - 5400) * kMicros);
   EXPECT_EQ(FormatTime(kNoon), "2024-05-01T08:00:00-04:00");
   EXPECT_EQ(FormatDuration(3599.7), "1:00:00");
   EXPECT_EQ(FormatChannels(0x8000008f), "0-3,7,31");

@@ -17,9 +17,14 @@ std::optional<uint64_t> ParseSize(const std::string& text);
 std::string FormatSize(uint64_t bytes);
 
 // Microseconds since the epoch of "2024-05-01T12:00:00+02:00", "...Z", the same in local time without an offset
-// (seconds and their fraction may be left out), of epoch seconds, or of "now", "now-2h", "now-1d12h", "now+90s"
-// (d, h, m, s). Nothing for any other text.
+// (with a space for the T; seconds and their fraction may be left out), of a local day's beginning
+// ("2024-05-01", "today", "yesterday", "tomorrow"), of the last "23:47" or "23:47:10" that has come, of epoch
+// seconds, or of "now", "now-2h", "-1h", "now-1d12h", "+90s" (d, h, m, s). Nothing for any other text.
 std::optional<int64_t> ParseTime(const std::string& text);
+std::optional<int64_t> ParseTime(const std::string& text, int64_t now);
+// Whether it is one such as "23:47", that every day has; and the same one on the following day.
+bool IsTimeOfDay(const std::string& text);
+int64_t NextDay(int64_t micros);
 // ISO 8601 in local time with its offset.
 std::string FormatTime(int64_t seconds);
 // The same with milliseconds.

@@ -61,6 +61,7 @@ Refusal RefuseDisk(const std::string& root, const std::string& name, const std::
 }  // namespace
 
 Refusal ResolveRoot(std::string* root, bool disksNeeded) {
+  while (root->size() > 1 && root->back() == '/') root->pop_back();  // as a shell completes it
   if (Refusal refusal = RefuseRoot(*root)) return refusal;
   std::error_code error;
   *root = std::filesystem::absolute(*root, error).lexically_normal().string();

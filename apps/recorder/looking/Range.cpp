@@ -9,7 +9,9 @@
 namespace recorder {
 
 void AddRangeOptions(CLI::App* command, RangeOptions* options, bool required) {
-  command->add_option("--since", options->since, "Begin: ISO 8601, epoch seconds, or as now-2h")
+  command
+      ->add_option("--since", options->since,
+                   "Begin: as 2024-05-01T12:00:00, 23:47, yesterday, -2h, or epoch seconds")
       ->required(required);
   command->add_option("--until", options->until, "End, in the same forms")->required(required);
   command->add_option("--channel", options->channel, "Number of the channel, from 0");
@@ -18,7 +20,8 @@ void AddRangeOptions(CLI::App* command, RangeOptions* options, bool required) {
 
 Refusal ParseMoment(const std::string& what, const std::string& text, int64_t* micros) {
   const std::optional<int64_t> time = ParseTime(text);
-  if (!time) return what + " " + text + " is not a time: 2024-05-01T12:00:00+02:00, 1714557600 and now-2h are";
+  if (!time)
+    return what + " " + text + " is not a time: 2024-05-01T12:00:00+02:00, 23:47, yesterday and -2h are";
   *micros = std::clamp<int64_t>(*time, 0, kLatestTime * kMicros);
   return std::nullopt;
 }
@@ -32,6 +35,8 @@ Refusal ParseRange(const RangeOptions& options, Range* range) {
   }
   if (!options.until.empty()) {
     if (Refusal refusal = ParseMoment("--until", options.until, &range->until)) return refusal;
+    // From 23:00 to 1:00 is over midnight, also when it is yet to come.
+    if (range->until <= range->since && IsTimeOfDay(options.until)) range->until = NextDay(range->until);
   }
   if (range->since < range->until) return std::nullopt;
   return "the range ends at " + FormatExactTime(range->until) + ", " +
