@@ -12,7 +12,8 @@ DEMO_PACKAGES=(ffmpeg jq)
 TEST_PACKAGES=(libgtest-dev ffmpeg sqlite3 e2fsprogs shellcheck)
 BENCH_PACKAGES=(libbenchmark-dev)
 
-say() { printf '%s\n' "== $*"; }
+# With the time since the start, so that one sees how long a step is taking.
+say() { printf "== %d:%02d %s\n" $((SECONDS / 60)) $((SECONDS % 60)) "$*"; }
 fail() {
   printf '%s\n' "$0: $*" >&2
   exit 1
