@@ -1,8 +1,10 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/commands/Command.h"
 
 int main(int argc, char** argv) {
@@ -33,10 +35,8 @@ int main(int argc, char** argv) {
     std::string what = app.get_subcommands().empty() && !remaining.empty()
                            ? "there is no command " + remaining.front()
                            : error.what();
-    for (char& c : what) {
-      if (c == '\n') c = ' ';
-    }
-    std::fprintf(stderr, "recorder: %s (recorder --help shows the options)\n", what.c_str());
+    std::replace(what.begin(), what.end(), '\n', ' ');
+    recorder::Complain("%s (recorder --help shows the options)", what.c_str());
     return recorder::kRefused;
   }
   return context.run();

@@ -175,7 +175,9 @@ class MonthTest : public ManagerQueryTest {
     setenv("TZ", zone, 1);
     tzset();
   }
-  static std::string At(time_t start, time_t end) { return Text("1:%ld-%ld", start - kT, end - kT); }
+  static std::string At(time_t start, time_t end) {
+    return Text("1:%d-%d", static_cast<int>(start - kT), static_cast<int>(end - kT));
+  }
   // Months are counted from year 0. 0: none.
   int Ask(int month, int direction) {
     int year = -1;

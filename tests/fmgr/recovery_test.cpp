@@ -1,5 +1,5 @@
 // What a start after a power cut makes of the recording under way and of the search database.
-#include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,8 +12,9 @@
 // The device, as far as it can be made to fail: this stands in front of the C library's function.
 static int gReadError = 0;
 extern "C" ssize_t pread(int file, void* buffer, size_t length, off_t offset) {
+  iovec part = {buffer, length};
   errno = gReadError;
-  return gReadError != 0 ? -1 : syscall(SYS_pread64, file, buffer, length, offset);
+  return gReadError != 0 ? -1 : preadv(file, &part, 1, offset);
 }
 
 namespace {

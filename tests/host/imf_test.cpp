@@ -2,7 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,7 +31,8 @@ extern "C" ssize_t pread(int file, void* buffer, size_t length, off_t offset) {
     errno = device::readError;
     return -1;
   }
-  return syscall(SYS_pread64, file, buffer, length, offset);
+  iovec part = {buffer, length};
+  return preadv(file, &part, 1, offset);
 }
 
 // What happens to the disk's cache can't be seen here, and a thousand repairs need not wait for it.

@@ -7,8 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 
 namespace recorder {
 
@@ -51,15 +49,6 @@ bool SyncDirectory(const std::string& path) {
   close(fd);
   errno = error;
   return done;
-}
-
-void Complain(const char* format, ...) {
-  char text[1024];
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  std::fprintf(stderr, "recorder: %s\n", text);
 }
 
 }  // namespace recorder

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "apps/recorder/base/Lines.h"
+
 namespace recorder {
 
 bool IsDirectory(const std::string& path);
@@ -19,8 +21,5 @@ std::string NameOf(const std::string& path);
 
 // Makes names that were given, taken or moved in a directory durable. False: errno tells why.
 bool SyncDirectory(const std::string& path);
-
-// One line on standard error, "recorder: " in front.
-void Complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace recorder

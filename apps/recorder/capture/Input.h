@@ -29,7 +29,8 @@ struct Sample {
   bool newTimeline = false;   // the clock was set: what follows belongs into another segment
 };
 
-// For messages: the input without the user name and password that may be in its address.
+// For messages: the input without the user name and password, and without the values of parameters that look
+// like passwords or keys, that may be in its address.
 std::string ShownAddress(const std::string& url);
 
 // Used by one thread at a time.

@@ -2,19 +2,19 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cinttypes>
-#include <cstdio>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <set>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/check/ConcurrentCheck.h"
 #include "apps/recorder/check/NextStep.h"
 #include "apps/recorder/check/Repairs.h"
 #include "apps/recorder/commands/Command.h"
-#include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/disks/DirectoryLock.h"
+#include "apps/recorder/disks/Disks.h"
+#include "apps/recorder/looking/JsonLine.h"
 
 namespace recorder {
 
@@ -31,19 +31,8 @@ struct Options {
   bool Repairs() const { return repairNames || rebuildIndex || returnOrphans; }
 };
 
-// Names come from disks that others have been at: nothing of them may act on a terminal or break a line.
-std::string Printable(std::string text) {
-  for (char& c : text) c = static_cast<unsigned char>(c) < ' ' || c == 0x7f ? '?' : c;
-  return text;
-}
-
 double Percent(int64_t part, int64_t whole) {
   return whole == 0 ? 0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
-}
-
-void PrintLine(const nlohmann::ordered_json& line) {
-  // Names need not be valid UTF-8.
-  std::printf("%s\n", line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
 void PrintJson(const std::string& root, const DiskReport& report) {
@@ -69,10 +58,10 @@ void PrintJson(const std::string& root, const DiskReport& report) {
 }
 
 void PrintText(const std::string& root, const DiskReport& report) {
-  std::printf("disk %s at %s: %" PRId64 " files of %s\n", Printable(NameOf(report.path)).c_str(),
-              Printable(report.path).c_str(), report.Files(), FormatSize(report.fileSize).c_str());
+  Print("disk %s at %s: %" PRId64 " files of %s\n", NameOf(report.path).c_str(), report.path.c_str(),
+        report.Files(), FormatSize(report.fileSize).c_str());
   const auto line = [&](const char* what, int64_t count) {
-    std::printf("  %-12s %8" PRId64 "  %5.1f %%\n", what, count, Percent(count, report.Files()));
+    Print("  %-12s %8" PRId64 "  %5.1f %%\n", what, count, Percent(count, report.Files()));
   };
   line("free", report.free);
   line("recorded", report.recorded);
@@ -81,16 +70,14 @@ void PrintText(const std::string& root, const DiskReport& report) {
   line("wrong", report.Wrong());
   std::set<std::string> steps;
   for (const Finding& finding : report.findings) {
-    std::printf("  %s: %s: %s\n", FaultName(finding.fault), Printable(finding.path).c_str(),
-                Printable(finding.what).c_str());
-    steps.insert(Printable(NextStep(root, report.path, finding)));
+    Print("  %s: %s: %s\n", FaultName(finding.fault), finding.path.c_str(), finding.what.c_str());
+    steps.insert(NextStep(root, report.path, finding));
   }
-  for (const std::string& note : report.notes) std::printf("  note: %s\n", Printable(note).c_str());
-  for (const std::string& step : steps) std::printf("  next: %s\n", step.c_str());
-  if (report.findings.empty()) std::printf("  nothing is wrong\n");
+  for (const std::string& note : report.notes) Print("  note: %s\n", note.c_str());
+  for (const std::string& step : steps) Print("  next: %s\n", step.c_str());
+  if (report.findings.empty()) Print("  nothing is wrong\n");
   if (report.IsMostlyWrong()) {
-    std::printf(
-        "  more than half of the disk looks wrong: is it the right disk, and whole? Repairs need --force\n");
+    Print("  more than half of the disk looks wrong: is it the right disk, and whole? Repairs need --force\n");
   }
 }
 
@@ -101,14 +88,14 @@ int Repair(const Options& options, const Disk& disk, DiskReport* report) {
     refusal = "disk " + disk.name + ": more than half of it looks wrong; nothing is repaired without --force";
   }
   if (refusal) {
-    Complain("%s", Printable(*refusal).c_str());
+    Complain("%s", refusal->c_str());
     return kRefused;
   }
   const Say say = [&](const std::string& path, const std::string& what) {
     if (options.json) {
       PrintLine({{"disk", disk.name}, {"repair", what}, {"path", path}});
     } else {
-      std::printf("%s %s\n", Printable(path).c_str(), Printable(what).c_str());
+      Print("%s %s\n", path.c_str(), what.c_str());
     }
   };
   if (options.returnOrphans) ReturnOrphans(*report, say);
@@ -125,7 +112,7 @@ Refusal ChooseDisks(const Options& options, const std::string& root, std::vector
   for (const std::string& name : options.disks.empty() ? ListDisks(root) : options.disks) {
     disks->push_back({name, DiskPath(root, name)});
     const bool isDisk = !name.empty() && name.find('/') == std::string::npos && IsDirectory(disks->back().path);
-    if (!isDisk) return "there is no disk " + Printable(name) + " under " + root + "/disk";
+    if (!isDisk) return "there is no disk " + name + " under " + root + "/disk";
   }
   if (disks->empty()) return "there is no disk under " + root + "/disk";
   return std::nullopt;
@@ -146,8 +133,8 @@ int Check(const Options& options, std::string root) {
   for (size_t i = 0; i < reports.size(); ++i) {
     DiskReport& report = reports[i];
     if (report.missing && !options.force) {
-      Complain("disk %s looks missing: there is nothing of a disk at %s, is it mounted?",
-               Printable(disks[i].name).c_str(), Printable(disks[i].path).c_str());
+      Complain("disk %s looks missing: there is nothing of a disk at %s, is it mounted?", disks[i].name.c_str(),
+               disks[i].path.c_str());
       status = kRefused;
       continue;
     }

@@ -9,11 +9,13 @@
 #include <nlohmann/json.hpp>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/capture/Input.h"
 #include "apps/recorder/clip/Clip.h"
 #include "apps/recorder/clip/OutputFile.h"
 #include "apps/recorder/commands/Command.h"
+#include "apps/recorder/looking/JsonLine.h"
 #include "apps/recorder/looking/Recordings.h"
 
 extern "C" {
@@ -65,9 +67,9 @@ void Report(const std::string& path, int channel, const Clip& clip, bool json) {
   }
   const ClipWriter& writer = clip.Writer();
   if (!json) {
-    std::printf("%s: channel %d, %s to %s, %.2f s, %" PRId64 " pictures, %s\n", path.c_str(), channel,
-                FormatExactTime(clip.From()).c_str(), FormatExactTime(clip.To()).c_str(), writer.Seconds(),
-                writer.Packets(), FormatSize(writer.Bytes()).c_str());
+    Print("%s: channel %d, %s to %s, %.2f s, %" PRId64 " pictures, %s\n", path.c_str(), channel,
+          FormatExactTime(clip.From()).c_str(), FormatExactTime(clip.To()).c_str(), writer.Seconds(),
+          writer.Packets(), FormatSize(writer.Bytes()).c_str());
     return;
   }
   nlohmann::ordered_json line;
@@ -85,7 +87,7 @@ void Report(const std::string& path, int channel, const Clip& clip, bool json) {
                                {"reason", missing.reason}});
   }
   // A path may hold any bytes.
-  std::printf("%s\n", line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+  PrintLine(line);
 }
 
 int Export(const Options& options, std::string root) {
@@ -107,7 +109,7 @@ int Export(const Options& options, std::string root) {
   }
 
   StopOnSignals();
-  av_log_set_level(AV_LOG_FATAL);  // what matters of it is said in lines of our own
+  av_log_set_level(AV_LOG_QUIET);  // what matters of it is said in lines of our own
   Clip clip(disks, *recordings, channel, range);
   Clip::Result result;
   {

@@ -1,14 +1,15 @@
 // recorder menu: the storage menu, one row a disk. Looks only.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/commands/Command.h"
+#include "apps/recorder/looking/JsonLine.h"
 #include "apps/recorder/looking/Recordings.h"
 #include "fmgr/FmgrFileManager.h"
 
@@ -27,12 +28,12 @@ void PrintEntry(const Disk& disk, const ipc_menu_disk_entry_t& entry, bool writi
     line["megabytes"] = entry.recordedSize;
     line["start"] = recorded ? nlohmann::ordered_json(FormatTime(entry.startTime)) : nullptr;
     line["end"] = recorded ? nlohmann::ordered_json(FormatTime(entry.endTime)) : nullptr;
-    std::printf("%s\n", line.dump().c_str());
+    PrintLine(line);
     return;
   }
   const std::string range =
       recorded ? FormatTime(entry.startTime) + " to " + FormatTime(entry.endTime) : "nothing recorded";
-  std::printf("%-8s  %-5s  %9d MB  %s\n", disk.name.c_str(), state, entry.recordedSize, range.c_str());
+  Print("%-8s  %-5s  %9d MB  %s\n", disk.name.c_str(), state, entry.recordedSize, range.c_str());
 }
 
 int Menu(bool json, std::string root) {

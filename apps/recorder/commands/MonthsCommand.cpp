@@ -1,12 +1,13 @@
 // recorder months: a calendar of the months with recordings, in local time. Looks only.
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/commands/Command.h"
+#include "apps/recorder/looking/JsonLine.h"
 #include "apps/recorder/looking/Months.h"
 #include "apps/recorder/looking/Recordings.h"
 
@@ -21,11 +22,11 @@ void PrintCalendar(const std::set<Month>& months) {
   for (const Month& each : months) {
     if (each.first == lastYear) continue;
     lastYear = each.first;
-    std::printf("%d ", lastYear);
+    Print("%d ", lastYear);
     for (int month = 1; month <= 12; month++) {
-      std::printf("  %-3s", months.count({lastYear, month}) != 0 ? kNames[month - 1] : ".");
+      Print("  %-3s", months.count({lastYear, month}) != 0 ? kNames[month - 1] : ".");
     }
-    std::printf("\n");
+    Print("\n");
   }
 }
 
@@ -46,7 +47,7 @@ int Months(bool json, std::string root) {
     nlohmann::ordered_json line;
     line["year"] = each.first;
     line["month"] = each.second;
-    std::printf("%s\n", line.dump().c_str());
+    PrintLine(line);
   }
   return kDone;
 }

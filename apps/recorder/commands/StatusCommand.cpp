@@ -1,14 +1,15 @@
 // recorder status: what is on each disk, in numbers. Looks only.
 #include <CLI/CLI.hpp>
 #include <cinttypes>
-#include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/disks/Disks.h"
+#include "apps/recorder/looking/JsonLine.h"
 #include "apps/recorder/looking/Recordings.h"
 #include "apps/recorder/looking/Status.h"
 
@@ -33,29 +34,29 @@ void PrintJson(const DiskStatus& status, const Capacity& capacity) {
   line["allDisks"]["remainingMiB"] = capacity.remaining;
   line["allDisks"]["hoursLeft"] = nullptr;
   if (capacity.hoursLeft) line["allDisks"]["hoursLeft"] = *capacity.hoursLeft;
-  std::printf("%s\n", line.dump().c_str());
+  PrintLine(line);
 }
 
 void PrintText(const DiskStatus& status) {
   const auto line = [](const char* what, int count, uint64_t bytes) {
-    std::printf("  %-12s %8d files  %10s\n", what, count, FormatSize(bytes).c_str());
+    Print("  %-12s %8d files  %10s\n", what, count, FormatSize(bytes).c_str());
   };
-  std::printf("disk %s at %s%s\n", status.name.c_str(), status.path.c_str(),
-              status.writing ? ", being recorded to" : "");
+  Print("disk %s at %s%s\n", status.name.c_str(), status.path.c_str(),
+        status.writing ? ", being recorded to" : "");
   line("free", status.free, status.fileSize * static_cast<uint64_t>(status.free));
   line("used", status.used, status.fileSize * static_cast<uint64_t>(status.used));
   line("quarantined", status.quarantined, status.quarantinedBytes);
   if (status.first == 0) {
-    std::printf("  nothing recorded\n");
+    Print("  nothing recorded\n");
   } else {
-    std::printf("  recorded     %s to %s\n", FormatTime(status.first).c_str(), FormatTime(status.last).c_str());
+    Print("  recorded     %s to %s\n", FormatTime(status.first).c_str(), FormatTime(status.last).c_str());
   }
 }
 
 void PrintText(const Capacity& capacity) {
-  std::printf("remaining %d MiB", capacity.remaining);
-  if (capacity.hoursLeft) std::printf(", %.1f hours at the present rate", *capacity.hoursLeft);
-  std::printf("\n");
+  Print("remaining %d MiB", capacity.remaining);
+  if (capacity.hoursLeft) Print(", %.1f hours at the present rate", *capacity.hoursLeft);
+  Print("\n");
 }
 
 int Status(std::string root, bool json) {
@@ -66,7 +67,7 @@ int Status(std::string root, bool json) {
   }
   const std::optional<std::string> holder = HolderOf(root, disks.All());
   const bool recording = holder && holder->rfind("recorder record ", 0) == 0;
-  if (holder && !json) std::printf("in use by %s\n", holder->c_str());
+  if (holder && !json) Print("in use by %s\n", holder->c_str());
   const Capacity capacity = MeasureCapacity(disks);
   for (const Disk& disk : disks.All()) {
     FmgrRepositoryGroup* group = disks.Group(disk);

@@ -10,9 +10,11 @@
 #include <nlohmann/json.hpp>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/clip/OutputFile.h"
 #include "apps/recorder/commands/Command.h"
+#include "apps/recorder/looking/JsonLine.h"
 #include "apps/recorder/looking/Recordings.h"
 #include "apps/recorder/looking/Timeline.h"
 #include "apps/recorder/looking/TimelineSource.h"
@@ -55,7 +57,7 @@ void PrintJson(const Timeline& timeline) {
       line["coverage"] = CoverageOf(row, timeline);
       line["recorded"] = ToJson(Merge(row.spans, timeline.since, timeline.until));
       if (rows == &timeline.channels) line["gaps"] = ToJson(GapsOf(row, timeline));
-      std::printf("%s\n", line.dump().c_str());
+      PrintLine(line);
     }
   }
   const auto time = [](int64_t seconds) {
@@ -66,7 +68,7 @@ void PrintJson(const Timeline& timeline) {
   line["until"] = FormatTime(timeline.until);
   line["before"] = time(timeline.before);
   line["after"] = time(timeline.after);
-  std::printf("%s\n", line.dump().c_str());
+  PrintLine(line);
 }
 
 Refusal WritePicture(const Timeline& timeline, const Options& options, const Disks& disks) {
@@ -107,7 +109,7 @@ int ShowTimeline(const Options& options, std::string root) {
       Complain("%s", written->c_str());
       return kRefused;
     }
-    if (!options.range.json) std::printf("%s\n", options.output.c_str());
+    if (!options.range.json) Print("%s\n", options.output.c_str());
   }
   if (options.range.json) {
     PrintJson(timeline);

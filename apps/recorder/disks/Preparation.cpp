@@ -7,16 +7,16 @@
 
 #include <cerrno>
 #include <cinttypes>
-#include <cstdio>
 #include <cstring>
 #include <set>
 
 #include "apps/recorder/base/ExitStatus.h"
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Progress.h"
 #include "apps/recorder/base/Units.h"
-#include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/disks/DirectoryLock.h"
+#include "apps/recorder/disks/Disks.h"
 #include "fmgr/FmgrFileManager.h"
 
 namespace recorder {
@@ -52,7 +52,7 @@ Refusal RefuseLeftovers(const Plan& plan) {
 Refusal MakeDirectory(const std::string& path) {
   if (IsDirectory(path)) return std::nullopt;
   if (mkdir(path.c_str(), 0755) != 0) return "cannot make " + path + ": " + std::strerror(errno);
-  std::printf("made directory %s\n", path.c_str());
+  Print("made directory %s\n", path.c_str());
   return std::nullopt;
 }
 
@@ -174,8 +174,8 @@ int Prepare(const PrepareOptions& options, const std::string& root) {
     return kRefused;
   if (!SyncDirectory(disks)) Complain("cannot write %s back: %s", disks.c_str(), std::strerror(errno));
   WarnOfFullDisk(plan);
-  std::printf("prepared %s: %" PRId64 " files of %s, %s\n", plan.path.c_str(), plan.count,
-              FormatSize(plan.size).c_str(), FormatSize(plan.size * static_cast<uint64_t>(plan.count)).c_str());
+  Print("prepared %s: %" PRId64 " files of %s, %s\n", plan.path.c_str(), plan.count,
+        FormatSize(plan.size).c_str(), FormatSize(plan.size * static_cast<uint64_t>(plan.count)).c_str());
   return kDone;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 
 namespace recorder {
@@ -34,12 +35,7 @@ bool IsPlain(const std::string& text, bool slashes) {
   });
 }
 
-// For messages: what a terminal would act upon is not sent to it.
-std::string Quoted(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) quoted += c >= ' ' && c != 0x7f ? c : '?';
-  return quoted + "'";
-}
+std::string Quoted(const std::string& text) { return "'" + Printable(text) + "'"; }
 
 }  // namespace
 

@@ -6,7 +6,9 @@
 #include <nlohmann/json.hpp>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
+#include "apps/recorder/looking/JsonLine.h"
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
@@ -176,13 +178,13 @@ const char* NameOfState(Recording::State state) {
 
 void PrintRecording(const Recording& recording, bool json, const char* note) {
   if (!json) {
-    std::printf("%s  %s  %8s  channels %-7s %s%s%s%s%s\n", FormatTime(recording.start).c_str(),
-                FormatTime(recording.end).c_str(),
-                FormatDuration(static_cast<double>(recording.end - recording.start)).c_str(),
-                FormatChannels(recording.mask).c_str(), recording.path.c_str(),
-                recording.state == Recording::State::kComplete ? "" : "  ",
-                recording.state == Recording::State::kComplete ? "" : NameOfState(recording.state),
-                *note != '\0' ? "  " : "", note);
+    Print("%s  %s  %8s  channels %-7s %s%s%s%s%s\n", FormatTime(recording.start).c_str(),
+          FormatTime(recording.end).c_str(),
+          FormatDuration(static_cast<double>(recording.end - recording.start)).c_str(),
+          FormatChannels(recording.mask).c_str(), recording.path.c_str(),
+          recording.state == Recording::State::kComplete ? "" : "  ",
+          recording.state == Recording::State::kComplete ? "" : NameOfState(recording.state),
+          *note != '\0' ? "  " : "", note);
     return;
   }
   nlohmann::ordered_json line;
@@ -197,7 +199,7 @@ void PrintRecording(const Recording& recording, bool json, const char* note) {
   }
   line["state"] = NameOfState(recording.state);
   if (*note != '\0') line["note"] = note;
-  std::printf("%s\n", line.dump().c_str());
+  PrintLine(line);
 }
 
 }  // namespace recorder

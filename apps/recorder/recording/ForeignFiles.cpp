@@ -2,11 +2,11 @@
 
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <map>
 #include <string>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/disks/Disks.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "platform/host/flc/FlcHost.h"
@@ -26,7 +26,7 @@ void MoveAside(FmgrRepositoryGroup& group, std::string path) {
   if (Exists(path)) {
     Complain("%s does not belong there and cannot be moved to quarantine", path.c_str());
   } else {
-    std::printf("moved to quarantine %s: it is not one of the recorder's files\n", path.c_str());
+    Print("moved to quarantine %s: it is not one of the recorder's files\n", path.c_str());
   }
 }
 

@@ -4,12 +4,12 @@
 #include <unistd.h>
 
 #include <cinttypes>
-#include <cstdio>
 #include <ctime>
 #include <memory>
 
 #include "apps/recorder/base/ExitStatus.h"
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/capture/Capture.h"
 #include "apps/recorder/disks/DirectoryLock.h"
@@ -132,7 +132,7 @@ int Record(const RecordOptions& options, const std::string& root) {
     SearchIndex::Mend(disk.path);
   }
 
-  av_log_set_level(AV_LOG_FATAL);  // what matters of it is said in lines of our own
+  av_log_set_level(AV_LOG_QUIET);  // what matters of it is said in lines of our own
   Segments segments(disks, index, recovery, {options.segment, options.checkpoint, options.overwrite});
   std::unique_ptr<Source> source;
   if (plan.streamClock) {
@@ -145,10 +145,10 @@ int Record(const RecordOptions& options, const std::string& root) {
   if (status == kRefused) return status;
 
   const Segments::Totals& sum = segments.Sum();
-  std::printf("recorded %d segments, %s, %s, %" PRId64 " packets; dropped %" PRId64
-              " packets, recycled %d recordings, quarantined %d files\n",
-              sum.segments, FormatDuration(sum.seconds).c_str(), FormatSize(sum.bytes).c_str(), sum.packets,
-              sum.dropped, recovery.Recycled(), sum.quarantined);
+  Print("recorded %d segments, %s, %s, %" PRId64 " packets; dropped %" PRId64
+        " packets, recycled %d recordings, quarantined %d files\n",
+        sum.segments, FormatDuration(sum.seconds).c_str(), FormatSize(sum.bytes).c_str(), sum.packets,
+        sum.dropped, recovery.Recycled(), sum.quarantined);
   return status;
 }
 

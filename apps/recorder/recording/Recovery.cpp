@@ -1,10 +1,10 @@
 #include "apps/recorder/recording/Recovery.h"
 
 #include <cinttypes>
-#include <cstdio>
 
 #include "SystemHelper.h"
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "platform/host/imf/RecordName.h"
 
@@ -46,14 +46,14 @@ void Recovery::ReportState() {
   for (const std::string& path : mUnfinished) {
     if (mFixed.count(KeyOf(path)) != 0) continue;
     if (Exists(path)) {
-      std::printf("left unfinished %s\n", path.c_str());
+      Print("left unfinished %s\n", path.c_str());
     } else {
-      std::printf("discarded %s: nothing usable was in it\n", path.c_str());
+      Print("discarded %s: nothing usable was in it\n", path.c_str());
     }
   }
   for (const std::string& directory : mDamagedDbs) {
     if (!DbIsDamaged(directory)) {
-      std::printf("rebuilt search database %ssearch.fdb\n", directory.c_str());
+      Print("rebuilt search database %ssearch.fdb\n", directory.c_str());
     } else if (Exists(directory)) {
       Complain("search database %ssearch.fdb could not be rebuilt", directory.c_str());
     }
@@ -68,9 +68,9 @@ void Recovery::NotifyFileFixed(ImfFile&, const std::string& newName, unsigned vi
   mFixed.insert(KeyOf(newName));
   RecordName parsed{};
   ParseRecordName(NameOf(newName), &parsed);
-  std::printf("repaired %s: %s, %s, channels %s\n", newName.c_str(), FormatTime(parsed.startTime).c_str(),
-              FormatDuration(parsed.endTime - double{0} - parsed.startTime).c_str(),
-              FormatChannels(videoChannelMask).c_str());
+  Print("repaired %s: %s, %s, channels %s\n", newName.c_str(), FormatTime(parsed.startTime).c_str(),
+        FormatDuration(parsed.endTime - double{0} - parsed.startTime).c_str(),
+        FormatChannels(videoChannelMask).c_str());
   mIndex.AddRepaired(newName);
 }
 
@@ -78,11 +78,11 @@ void Recovery::NotifyFileRemoved(const std::string& path, unsigned start, unsign
   if (mQuarantining) {
     // Whoever does it knows whether it came to that.
   } else if (end == 0) {
-    std::printf("discarded %s: it was never completed\n", path.c_str());
+    Print("discarded %s: it was never completed\n", path.c_str());
   } else {
     mRecycled++;
-    std::printf("recycled %s: %s to %s, channels %s\n", path.c_str(), FormatTime(start).c_str(),
-                FormatTime(end).c_str(), FormatChannels(mask).c_str());
+    Print("recycled %s: %s to %s, channels %s\n", path.c_str(), FormatTime(start).c_str(),
+          FormatTime(end).c_str(), FormatChannels(mask).c_str());
   }
   if (end != 0) mIndex.Remove(path, start);
 }

@@ -3,11 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <map>
 
 #include "SystemHelper.h"
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "platform/host/imf/RecordName.h"
 
 namespace recorder {
@@ -121,7 +121,7 @@ void SearchIndex::Mend(const std::string& disk) {
     const std::string what = Disagreement(directory, records, others);
     if (what.empty()) continue;
     if (Rebuild(directory)) {
-      std::printf("rebuilt search database %s: it %s\n", DbPath(directory).c_str(), what.c_str());
+      Print("rebuilt search database %s: it %s\n", DbPath(directory).c_str(), what.c_str());
     } else {
       Complain("search database %s %s and could not be rebuilt", DbPath(directory).c_str(), what.c_str());
     }

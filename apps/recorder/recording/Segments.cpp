@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/recording/ForeignFiles.h"
 #include "fmgr/FmgrFileManager.h"
@@ -201,8 +201,8 @@ void Segments::Complete() {
   mTotals.segments++;
   mTotals.bytes += bytes;
   mTotals.seconds += seconds;
-  std::printf("%s  %.1f s  channels %s  %s  %s\n", FormatTime(mStart).c_str(), seconds,
-              FormatChannels(mask).c_str(), FormatSize(bytes).c_str(), path.c_str());
+  Print("%s  %.1f s  channels %s  %s  %s\n", FormatTime(mStart).c_str(), seconds, FormatChannels(mask).c_str(),
+        FormatSize(bytes).c_str(), path.c_str());
 }
 
 // Only a packet that did not fit was meant for it.
@@ -227,7 +227,7 @@ bool Segments::Quarantine(const char* what, int error) {
   if (!there || !moved || Exists(mPath)) {
     Complain("cannot move %s to quarantine", mPath.c_str());
   } else {
-    std::printf("quarantined %s\n", mPath.c_str());
+    Print("quarantined %s\n", mPath.c_str());
     mTotals.quarantined++;
     SyncDirectory(DirectoryOf(mPath));
   }
