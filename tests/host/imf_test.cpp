@@ -15,14 +15,28 @@
 #include "ImfFile.h"
 #include "platform/host/imf/ImfFormat.h"
 #include "platform/host/imf/ImfRecord.h"
+#include "platform/host/imf/ImfStorage.h"
 #include "tests/support/TestDisk.h"
 
-// The device, as far as it can be made to fail: these stand in front of the C library's functions in this
-// program.
+// The device, as far as it can be made to fail or watched: these stand in front of the C library's functions in
+// this program.
 namespace device {
 int readError = 0;  // errno of reads that touch [badFrom, badTo)
 uint64_t badFrom = 0;
 uint64_t badTo = 0;
+uint64_t bytesRead = 0;
+uint64_t reads = 0;
+
+int oddWrites = 0;     // that did not begin and end with a block, or overwrote what was durable
+uint64_t written = 0;  // behind the header blocks: the end of the last write,
+uint64_t durable = 0;  // and of the last one that was made durable
+
+void NoteWrite(uint64_t from, size_t length) {
+  const bool whole = from % imf::kBlock == 0 && length % imf::kBlock == 0;
+  if (!whole || (from >= imf::kDataOffset && from < durable)) ++oddWrites;
+  if (from < imf::kDataOffset) return;
+  written = from + length;
+}
 }  // namespace device
 
 extern "C" ssize_t pread(int file, void* buffer, size_t length, off_t offset) {
@@ -31,16 +45,35 @@ extern "C" ssize_t pread(int file, void* buffer, size_t length, off_t offset) {
     errno = device::readError;
     return -1;
   }
+  ++device::reads;
   iovec part = {buffer, length};
-  return preadv(file, &part, 1, offset);
+  const ssize_t got = preadv(file, &part, 1, offset);
+  if (got > 0) device::bytesRead += static_cast<uint64_t>(got);
+  return got;
+}
+
+extern "C" ssize_t pwrite(int file, const void* buffer, size_t length, off_t offset) {
+  device::NoteWrite(static_cast<uint64_t>(offset), length);
+  const iovec part = {const_cast<void*>(buffer), length};
+  return pwritev2(file, &part, 1, offset, 0);
+}
+
+extern "C" ssize_t pwritev(int file, const struct iovec* parts, int count, off_t offset) {
+  size_t length = 0;
+  for (int i = 0; i < count; ++i) length += parts[i].iov_len;
+  device::NoteWrite(static_cast<uint64_t>(offset), length);
+  return pwritev2(file, parts, count, offset, 0);
 }
 
 // What happens to the disk's cache can't be seen here, and a thousand repairs need not wait for it.
-extern "C" int fdatasync(int) { return 0; }
+extern "C" int fdatasync(int) {
+  device::durable = device::written;
+  return 0;
+}
 
 static bool operator==(const ImfPacket& a, const ImfPacket& b) {
-  return a.channel == b.channel && a.keyFrame == b.keyFrame && a.time == b.time && a.pts == b.pts &&
-         a.dts == b.dts && a.duration == b.duration && a.data == b.data;
+  return a.channel == b.channel && a.kind == b.kind && a.number == b.number && a.keyFrame == b.keyFrame &&
+         a.time == b.time && a.pts == b.pts && a.dts == b.dts && a.duration == b.duration && a.data == b.data;
 }
 
 namespace {
@@ -127,17 +160,32 @@ class ImfTest : public testing::Test {
     ASSERT_EQ(writer->AddStream(Stream(0)), ImfWriteResult::kWritten);
   }
 
-  // Records until `count` packets are written or the file is full. mEdges: where each packet begins, and the
-  // last one ends.
-  std::vector<ImfPacket> Record(uint32_t start, int count, bool close = true) {
+  // Records until `count` packets are written or the file is full; with `pieces`, the index has one for 16
+  // packets. mEdges: where each packet begins, and the last one ends.
+  std::vector<ImfPacket> Record(uint32_t start, int count, bool close = true, bool pieces = false) {
     ImfWriter writer;
+    writer.SetCheckpointInterval(3600);
+    device::written = 0;
     EXPECT_TRUE(writer.Open(mPath, start));
     EXPECT_EQ(writer.AddStream(Stream(0)), ImfWriteResult::kWritten);
     EXPECT_EQ(writer.AddStream(Stream(3)), ImfWriteResult::kWritten);
+    for (int number = 0; mAudio && number < 2; ++number) {
+      ImfStreamInfo sound = Stream(3);
+      sound.kind = ImfKind::kAudio;
+      sound.number = number;
+      sound.sampleRate = 48000;
+      sound.audioLayout = 3;
+      EXPECT_EQ(writer.AddStream(sound), ImfWriteResult::kWritten);
+    }
     std::vector<ImfPacket> packets;
     mEdges = {writer.Used()};
     while (static_cast<int>(packets.size()) < count) {
-      const ImfPacket packet = Packet(&mRandom, static_cast<int>(packets.size()));
+      ImfPacket packet = Packet(&mRandom, static_cast<int>(packets.size()));
+      if (mAudio && packets.size() % 6 == 4) {
+        packet.kind = ImfKind::kAudio;
+        packet.number = 1;
+      }
+      writer.SetCheckpointInterval(packets.size() % 16 == 15 && pieces ? 0 : 3600);
       if (writer.Write(packet) != ImfWriteResult::kWritten) break;
       packets.push_back(packet);
       mEdges.push_back(writer.Used());
@@ -146,6 +194,68 @@ class ImfTest : public testing::Test {
       EXPECT_TRUE(writer.Close());
     }
     return packets;
+  }
+  // One of the numbers of 32 bits in the `length` bytes from `at` on says something else.
+  void Lie(uint8_t* at, size_t length) {
+    at += mRandom() % (length / 4) * 4;
+    const uint64_t values[] = {0,         64,         imf::kDataOffset,       kFileSize,
+                               INT32_MAX, UINT32_MAX, mEdges[mRandom() % 60], mRandom()};
+    const uint64_t value = values[mRandom() % std::size(values)];
+    for (int i = 0; i < 4; ++i) at[i] = static_cast<uint8_t>(value >> (8 * i));
+  }
+  void LieInCheckpoint(uint8_t* block) {
+    constexpr size_t kChecksum = 64 + 32 * IMF_CHANNEL_LIMIT;
+    Lie(block + 40, 8);
+    const uint32_t sum = imf::Crc(block, kChecksum);
+    for (size_t i = 0; i < 4; ++i) block[kChecksum + i] = static_cast<uint8_t>(sum >> (8 * i));
+  }
+  // Places and lengths only: an entry that names another channel than its chunk's is a forger's work, who could
+  // have forged the chunk as well.
+  void LieInPiece(uint8_t* bytes) {
+    imf::Chunk chunk;
+    ASSERT_TRUE(imf::DecodeChunk(bytes, &chunk));
+    uint8_t* const payload = bytes + imf::kChunkHeader;
+    if (mRandom() % 2 == 0) {
+      Lie(payload, imf::kIndexHeader);
+    } else {
+      Lie(payload + imf::kIndexHeader + mRandom() % 16 * imf::kIndexEntry + 8, 8);
+    }
+    chunk.payloadCrc = imf::Crc(payload, chunk.length);
+    if (mRandom() % 8 == 0) chunk.sequence = static_cast<uint32_t>(mRandom());
+    imf::EncodeChunk(chunk, bytes);
+  }
+  Content ReadSelected(int channel, int64_t time) const {
+    ImfReader reader;
+    EXPECT_TRUE(reader.Open(mPath)) << reader.Error();
+    reader.SelectChannel(channel, time);
+    return ReadOn(&reader);
+  }
+  static std::vector<ImfPacket> OfChannel(const std::vector<ImfPacket>& packets, int channel, size_t from) {
+    std::vector<ImfPacket> chosen;
+    for (size_t i = from; i < packets.size(); ++i) {
+      if (packets[i].channel == channel) chosen.push_back(packets[i]);
+    }
+    return chosen;
+  }
+  static bool EndsWith(const std::vector<ImfPacket>& all, const std::vector<ImfPacket>& end) {
+    return end.size() <= all.size() &&
+           std::equal(end.begin(), end.end(), all.end() - static_cast<ptrdiff_t>(end.size()));
+  }
+  void ExpectListed(const std::vector<ImfPacket>& packets) const {
+    ImfReader reader;
+    ASSERT_TRUE(reader.Open(mPath));
+    size_t i = 0;
+    EXPECT_TRUE(reader.List([&](const ImfEntry& entry) {
+      if (!entry.isPacket) return;
+      ASSERT_LT(i, packets.size());
+      const ImfPacket& packet = packets[i];
+      EXPECT_EQ(std::tie(entry.channel, entry.kind, entry.number, entry.keyFrame, entry.time),
+                std::tie(packet.channel, packet.kind, packet.number, packet.keyFrame, packet.time));
+      EXPECT_EQ(entry.duration, 40000u);
+      EXPECT_EQ(entry.length, packet.data.size());
+      EXPECT_EQ(entry.offset, mEdges[i++]);
+    }));
+    EXPECT_EQ(i, packets.size());
   }
   Content ReadAll() const {
     ImfReader reader;
@@ -170,6 +280,7 @@ class ImfTest : public testing::Test {
   const std::string mDirectory = mRoot.Path();
   std::string mPath;
   std::mt19937_64 mRandom{1};
+  bool mAudio = false;  // channel 3 has two streams of sound, of which one has packets
   std::vector<uint64_t> mEdges;
 };
 
@@ -180,6 +291,136 @@ TEST_F(ImfTest, WhatIsWrittenComesBack) {
   EXPECT_EQ(content.last, Item::kEnd);
   ASSERT_EQ(content.streams.size(), 2u);
   EXPECT_EQ(content.streams[1].extraData, Stream(3).extraData);
+}
+
+// On a recycled file that is not in memory, the kernel would have to read what is not written whole; and what
+// is durable is not to be at risk again.
+TEST_F(ImfTest, OnlyWholeBlocksAreWrittenAndOnce) {
+  device::oddWrites = 0;
+  Save(Bytes(kFileSize + 1234, 0xa5));
+  const size_t count = Record(kStart, INT32_MAX, true, true).size();
+  EXPECT_GT(count, 60u);
+  EXPECT_EQ(device::oddWrites, 0);
+  EXPECT_EQ(ReadAll().packets.size(), count);
+  EXPECT_EQ(Load().size(), kFileSize + 1234);
+}
+
+TEST_F(ImfTest, SoundStandsBesideThePictures) {
+  mAudio = true;
+  const std::vector<ImfPacket> packets = Record(kStart, 60);
+  const Content content = ReadAll();
+  EXPECT_TRUE(content.packets == packets);
+  ASSERT_EQ(content.streams.size(), 4u);
+  EXPECT_EQ(content.streams[3].kind, ImfKind::kAudio);
+  EXPECT_EQ(content.streams[3].number, 1);
+  EXPECT_EQ(content.streams[3].sampleRate, 48000);
+  EXPECT_EQ(content.streams[3].audioLayout, 3u);
+  for (const bool repaired : {false, true}) {
+    if (repaired) {
+      Spoil(imf::CheckpointOffset(0), 1);
+      Spoil(imf::CheckpointOffset(1), 1);
+      EXPECT_EQ(Open(IMF_OPEN_REPAIR), Usable(60));
+    }
+    ImfReader reader;
+    ASSERT_TRUE(reader.Open(mPath));
+    EXPECT_EQ(reader.ChannelMask(), 9u);
+    const ImfChannelSummary& summary = reader.Summary(3);
+    EXPECT_EQ(std::make_tuple(summary.first, summary.last, summary.end, summary.pictures, summary.soundPackets),
+              std::make_tuple(packets[1].time, packets[55].time, packets[55].time + 40000, 10u, 10u));
+    EXPECT_EQ(reader.Summary(0).pictures, 40u);
+    EXPECT_EQ(reader.Summary(1).pictures, 0u);
+  }
+
+  ImfWriter writer;  // sound alone is worth keeping, but no channel's video
+  ASSERT_TRUE(writer.Open(mPath, kStart));
+  ASSERT_EQ(writer.AddStream(content.streams[3]), ImfWriteResult::kWritten);
+  ASSERT_EQ(writer.Write(packets[4]), ImfWriteResult::kWritten);
+  EXPECT_EQ(writer.Write(packets[0]), ImfWriteResult::kFailed) << "of an unknown stream";
+  EXPECT_EQ(Open(IMF_OPEN_REPAIR), Answer(IMF_ERROR_REPAIRED, kStart + 1, 0));
+}
+
+// What a channel's selection gives is what reading everything gives of it; the index only makes it cheaper.
+TEST_F(ImfTest, SelectedChannelComesWhole) {
+  mAudio = true;
+  Save(Bytes(6 * kFileSize, 0xa5));
+  for (const bool closed : {true, false}) {
+    const std::vector<ImfPacket> packets = Record(kStart, 300, closed, true);
+    ASSERT_EQ(packets.size(), 300u);
+    for (const int channel : {0, 3, 5}) {
+      SCOPED_TRACE(testing::Message() << "closed " << closed << ", channel " << channel);
+      device::bytesRead = 0;
+      const Content content = ReadSelected(channel, INT64_MIN);
+      EXPECT_TRUE(content.packets == OfChannel(packets, channel, 0));
+      EXPECT_EQ(content.streams.size(), channel == 0 ? 1u : channel == 3 ? 3u : 0u);
+      EXPECT_EQ(content.damages, 0);
+      if (channel == 5) {
+        EXPECT_LT(device::bytesRead, mEdges.back() / 5);
+      }
+    }
+    for (const size_t from : {0, 25, 200, 299}) {
+      const Content content = ReadSelected(0, packets[from].time);
+      size_t key = from;
+      while (packets[key].channel != 0 || !packets[key].keyFrame) --key;
+      // Without a piece that knows of it, it comes with what is before.
+      if (!closed && key >= 288) key = 270;
+      EXPECT_TRUE(content.packets == OfChannel(packets, 0, key)) << from;
+      EXPECT_EQ(content.streams.size(), 1u);
+    }
+    const Content sound = ReadSelected(3, packets[200].time);
+    EXPECT_EQ(sound.streams.size(), 3u);
+    for (size_t i = 0; i < 300; ++i) {
+      if (packets[i].kind != ImfKind::kAudio || packets[i].time < packets[190].time - 1000000) continue;
+      EXPECT_TRUE(std::count(sound.packets.begin(), sound.packets.end(), packets[i])) << i;
+    }
+    ExpectListed(packets);
+  }
+}
+
+// Bytes of the index and of the checkpoint that are hit, or that lie with a sound checksum: everything is
+// found, and nothing else, and it ends.
+TEST_F(ImfTest, IndexThatIsDamagedOrLiesCostsNoPacket) {
+  const char* replay = std::getenv("IMF_TEST_SEED");
+  const uint64_t seed = replay != nullptr ? std::strtoull(replay, nullptr, 10) : std::random_device{}();
+  mRandom.seed(seed);
+  mAudio = true;
+  Save(Bytes(2 * kFileSize, 0xa5));
+  Record(kStart - 600, INT32_MAX);
+  const std::vector<ImfPacket> packets = Record(kStart, 130, true, true);
+  ASSERT_EQ(packets.size(), 130u);
+  const Bytes good = Load();
+  std::vector<uint64_t> pieces;
+  for (uint64_t at = imf::kDataOffset; at < mEdges.back();) {
+    imf::Chunk chunk;
+    ASSERT_TRUE(imf::DecodeChunk(&good[at], &chunk));
+    if (chunk.type == imf::kIndexChunk) pieces.push_back(at);
+    at += imf::ChunkSize(chunk.length);
+  }
+  ASSERT_GE(pieces.size(), 8u);
+  for (int round = 0; round < 600; ++round) {
+    SCOPED_TRACE(testing::Message() << "round " << round << "; replay with IMF_TEST_SEED=" << seed);
+    Bytes bytes = good;
+    const uint64_t piece = pieces[mRandom() % pieces.size()];
+    if (round % 5 == 0) {
+      LieInCheckpoint(&bytes[imf::CheckpointOffset(0)]);
+      LieInCheckpoint(&bytes[imf::CheckpointOffset(1)]);
+    } else if (round % 5 == 1) {
+      bytes[piece + mRandom() % 200] ^= static_cast<uint8_t>(1 + mRandom() % 255);
+    } else {
+      LieInPiece(&bytes[piece]);
+    }
+    Save(bytes);
+    device::reads = 0;
+    for (const int channel : {0, 3}) {
+      ASSERT_TRUE(ReadSelected(channel, INT64_MIN).packets == OfChannel(packets, channel, 0)) << channel;
+      const std::vector<ImfPacket> part = ReadSelected(channel, packets[100].time).packets;
+      ASSERT_TRUE(EndsWith(OfChannel(packets, channel, 0), part) || channel == 3);
+      ASSERT_GE(part.size(), 10u);
+    }
+    ImfReader reader;
+    ASSERT_TRUE(reader.Open(mPath) && reader.List([](const ImfEntry&) {}));
+    ASSERT_LT(device::reads, 3000u);
+    ASSERT_TRUE(ReadAll().packets == packets);
+  }
 }
 
 TEST_F(ImfTest, EndIsRoundedUpAndSaneWhateverThePacketsSay) {

@@ -1,6 +1,5 @@
 // The recorder as its users run it: the program itself, real H.264, small disks.
 #include <unistd.h>
-#include <zlib.h>
 
 #include <chrono>
 #include <csignal>
@@ -8,6 +7,7 @@
 #include <future>
 #include <thread>
 
+#include "platform/host/imf/ImfFormat.h"
 #include "platform/host/imf/ImfRecord.h"
 #include "tests/support/RecorderProgram.h"
 #include "tests/support/TestDisk.h"
@@ -98,7 +98,7 @@ class RecorderTest : public testing::Test {
         EXPECT_TRUE(!keyFramesFirst || !first || (packet.keyFrame && packet.channel == 0)) << file.second;
         first = false;
         const auto size = static_cast<unsigned>(packet.data.size());
-        stored[packet.channel].push_back(Text("CRC32:%08lx%u", crc32(0, packet.data.data(), size), size));
+        stored[packet.channel].push_back(Text("CRC32:%08x%u", imf::Crc(packet.data.data(), size), size));
       }
     }
     return stored;

@@ -249,6 +249,8 @@ TEST_F(RecorderQuery, RefusesInOneLine) {
 
 class ChangingRecordings : public testing::Test {
  protected:
+  static constexpr size_t kPictureSize = 5000;  // more than a block, so that none is read along with another
+
   // Ten pictures a second, a key frame a second.
   void Put(ImfWriter* writer, int64_t first, int64_t count, char what) {
     for (int64_t i = first; i < first + count; i++) {
@@ -257,7 +259,7 @@ class ChangingRecordings : public testing::Test {
       packet.time = kStart * kMicros + i * 100000;
       packet.pts = packet.dts = i * 100;
       packet.duration = 100;
-      packet.data.assign(100, static_cast<uint8_t>(what));
+      packet.data.assign(kPictureSize, static_cast<uint8_t>(what));
       ASSERT_EQ(writer->Write(packet), ImfWriteResult::kWritten);
     }
   }
@@ -273,7 +275,7 @@ class ChangingRecordings : public testing::Test {
     const auto from = static_cast<unsigned>(kStart + second), to = static_cast<unsigned>(kStart + end);
     return mDirectory + (end == 0 ? Text("%x_00000000.imf", from) : Text("%x_%x_cm1.imf", from, to));
   }
-  std::string MakeFile(int64_t second, int64_t end) { return MakeTestFile(Name(second, end), 1 << 18); }
+  std::string MakeFile(int64_t second, int64_t end) { return MakeTestFile(Name(second, end), 1 << 20); }
 
   // Exports ten seconds; `change` is called when `when` pictures are in the clip. What the pictures hold, in
   // runs.
@@ -293,7 +295,9 @@ class ChangingRecordings : public testing::Test {
     std::string runs;
     for (const char c : {'A', 'B', 'C'}) {
       int count = 0;
-      for (size_t at = 0; (at = bytes.find(std::string(100, c), at)) != std::string::npos; at += 100) count++;
+      for (size_t at = 0; (at = bytes.find(std::string(kPictureSize, c), at)) != std::string::npos;
+           at += kPictureSize)
+        count++;
       runs += std::to_string(count) + c;
     }
     return runs;
@@ -313,7 +317,7 @@ TEST_P(GrowingRecordings, AreFollowed) {
   ImfWriter first;
   ImfWriter second;
   const std::string growing = MakeFile(0, 0);
-  const std::string next = MakeTestFile(mRoot.Path() + "/next", 1 << 18);
+  const std::string next = MakeTestFile(mRoot.Path() + "/next", 1 << 20);
   Open(&first, growing, 0);
   Put(&first, 0, 25, 'A');
   const auto complete = [&] {
@@ -347,6 +351,33 @@ TEST_F(ChangingRecordings, AreNotMixedUpWithWhatReplacesThem) {
   });
   EXPECT_EQ(pictures, "20A50B0C");
   EXPECT_NE(mMissing.find("recycled meanwhile"), std::string::npos) << mMissing;
+}
+
+// Under the sanitizers: sums of such times overflow.
+TEST_F(ChangingRecordings, TimesNearTheEndsOf64BitsAreLeftOut) {
+  const int64_t odd[] = {INT64_MIN, INT64_MIN + 1, INT64_MAX, INT64_MAX / 1000};
+  ImfWriter writer;
+  Open(&writer, MakeTestFile(Name(0, 10), 4 << 20), 0);
+  for (int64_t i = 0; i < 10; i++) {
+    Put(&writer, i * 10, 10, 'A');
+    for (const int64_t time : odd) {
+      for (int field = 0; field < 4; field++) {
+        ImfPacket packet;
+        packet.keyFrame = i % 2 == 0;
+        packet.time = kStart * kMicros + i * kMicros + 950000;
+        packet.pts = packet.dts = i * 1000 + 950;
+        int64_t* const fields[] = {&packet.time, &packet.pts, &packet.dts, &packet.duration};
+        *fields[field] = time;
+        packet.data.assign(kPictureSize, 'B');
+        ASSERT_EQ(writer.Write(packet), ImfWriteResult::kWritten);
+      }
+    }
+  }
+  ASSERT_TRUE(writer.Close());
+  const std::string pictures = Export(-1, [] {});
+  EXPECT_EQ(mResult, Clip::Result::kDone);
+  EXPECT_EQ(pictures.substr(0, 4), "100A") << pictures << mMissing;
+  EXPECT_NE(mMissing.find("has a time that can't be"), std::string::npos) << mMissing;
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "apps/recorder/clip/ChannelReader.h"
 
 #include <algorithm>
-#include <tuple>
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
@@ -20,8 +19,13 @@ namespace {
 // Packets that lie further apart, or whose own clock and the recording's differ by more, do not belong
 // together.
 constexpr int64_t kLongestStep = 10 * kMicros;
+// Further from the epoch lies no time that anybody meant, and no sum of a few below overflows.
+constexpr int64_t kFarthest = int64_t{1} << 52;
+constexpr int64_t kLongestPicture = 24 * 3600 * kMicros;
 // A file's end is rounded up to a second.
 constexpr int64_t kLostAtEnd = 2 * kMicros;
+
+bool CanBe(int64_t time) { return time > -kFarthest && time < kFarthest; }
 
 bool LacksChannel(const std::string& path, int channel) {
   const uint32_t mask = FmgrDataRepository::FileNameToChannelMask(NameOf(path));
@@ -35,9 +39,10 @@ ChannelReader::ChannelReader(const Disks& disks, int channel, int64_t limit)
 
 ChannelReader::~ChannelReader() = default;
 
-void ChannelReader::Start(const std::string& path, Place full) {
+void ChannelReader::Start(const std::string& path, Place full, int64_t since) {
   mPath = path;
   mFull = full;
+  mSince = since;
   mIsOpen = false;
   mStreamKnown = false;
   mLast = Times();
@@ -65,17 +70,14 @@ ChannelReader::Item ChannelReader::Next() {
 
 // False: no packet of the channel, but something that moved the reading on.
 bool ChannelReader::ReadPacket() {
-  mReader->SetHeadersOnly(std::make_tuple(mFileStart, mOrdinal + 1) <
-                          std::make_tuple(mFull.fileStart, mFull.ordinal));
   switch (mReader->Next()) {
     case ImfReader::Item::kStream:
-      if (mReader->Stream().channel != mChannel) return false;
+      if (mReader->Stream().kind != ImfKind::kVideo) return false;
       mStream = mReader->Stream();
       mStreamKnown = true;
       return false;
     case ImfReader::Item::kPacket:
-      mFileTime = std::max(mFileTime, mReader->Packet().time);
-      return mReader->Packet().channel == mChannel && TakePacket();
+      return mReader->Packet().kind == ImfKind::kVideo && TakePacket();
     case ImfReader::Item::kDamage:
       mDamaged += mReader->DamagedBytes();
       mDamagedPath = mPath;
@@ -98,7 +100,6 @@ bool ChannelReader::ReadPacket() {
 
 bool ChannelReader::TakePacket() {
   const ImfPacket& packet = mReader->Packet();
-  mOrdinal++;
   if (!mStreamKnown) {
     Note("what a decoder has to know of the channel is missing in " + mPath);
     return false;
@@ -108,8 +109,14 @@ bool ChannelReader::TakePacket() {
   Times next;
   next.valid = true;
   next.dts = av_rescale_q(packet.dts, timeBase, micros);
-  next.decodeTime = packet.time - (av_rescale_q(packet.pts, timeBase, micros) - next.dts);
+  const int64_t pts = av_rescale_q(packet.pts, timeBase, micros);
+  if (!CanBe(packet.time) || !CanBe(pts) || !CanBe(next.dts)) {
+    Note("a picture in " + mPath + " has a time that can't be");
+    return false;
+  }
+  next.decodeTime = packet.time - (pts - next.dts);
   next.duration = av_rescale_q(packet.duration, timeBase, micros);
+  if (next.duration < 0 || next.duration > kLongestPicture) next.duration = 0;
   const int64_t step = next.dts - mLast.dts;
   if (next.duration <= 0 && mLast.valid && step > 0 && step < kLongestStep) next.duration = step;
   if (next.duration <= 0 && mStream.frameRateNumerator > 0) {
@@ -133,8 +140,6 @@ bool ChannelReader::Joins(const Times& next) const {
 
 bool ChannelReader::OpenFile() {
   mFileStart = StartOf(mPath);
-  mFileTime = 0;
-  mOrdinal = 0;
   mReader = std::make_unique<ImfReader>();
   if (!mReader->Open(mPath)) {
     // One in progress may have been completed a moment ago; the search for the next one finds it.
@@ -147,14 +152,21 @@ bool ChannelReader::OpenFile() {
   }
   mIsOpen = mReader->StartTime() == mFileStart;
   if (!mIsOpen) Note(mPath + " holds another recording than its name says");
+  mReader->SelectChannel(mChannel, mSince);
+  mReader->SetHeadersBefore(mFileStart < mFull.fileStart   ? UINT64_MAX
+                            : mFileStart > mFull.fileStart ? 0
+                                                           : mFull.offset);
   return mIsOpen;
 }
 
 // A file whose last packets can't be found any more looks like one that ends early.
 void ChannelReader::NoteLostEnd() {
   const int64_t end = EndOf(mPath) * kMicros;
-  if (end == 0 || (mFileTime != 0 && mFileTime < mFileStart * kMicros)) return;
-  if (end - mFileTime > kLostAtEnd + 3 * mLast.duration) Note("the end of " + mPath + " is missing");
+  const bool isEmpty = mReader->LatestTime() == INT64_MIN;
+  if (end == 0 || (!isEmpty && mReader->LatestTime() < mFileStart * kMicros)) return;
+  if (isEmpty || end - mReader->LatestTime() > kLostAtEnd + 3 * mLast.duration) {
+    Note("the end of " + mPath + " is missing");
+  }
 }
 
 // Goes on to the next record file that may hold the channel; without one, the path becomes empty.

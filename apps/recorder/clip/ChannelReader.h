@@ -21,7 +21,7 @@ class ChannelReader {
   // A packet's place, good as long as its record file holds the same recording.
   struct Place {
     int64_t fileStart = 0;  // seconds since the epoch, as in the file's name
-    int64_t ordinal = 0;    // among the channel's packets in it, from 1
+    uint64_t offset = 0;    // in the file; 0 is no packet's
   };
 
   // `disks` are open and outlive the object. Nothing is read of files that start at `limit` (microseconds since
@@ -30,8 +30,9 @@ class ChannelReader {
   ~ChannelReader();
 
   // Reading begins with the record file at `path`. Packets before `full` come without their data, and damage to
-  // that goes unnoticed.
-  void Start(const std::string& path, Place full);
+  // that goes unnoticed. What comes before a file's last key frame at or before `since` (microseconds since the
+  // epoch) is left out where the file's index tells of one.
+  void Start(const std::string& path, Place full, int64_t since);
   Item Next();
 
   const ImfPacket& Packet() const { return mReader->Packet(); }
@@ -40,7 +41,7 @@ class ChannelReader {
   // picture is over.
   int64_t DecodeTime() const { return mLast.decodeTime; }
   int64_t EndTime() const { return mLast.endTime; }
-  Place Where() const { return {mFileStart, mOrdinal}; }
+  Place Where() const { return {mFileStart, mReader->Offset()}; }
   const std::string& Reason() const { return mReported; }
 
  private:
@@ -67,13 +68,12 @@ class ChannelReader {
   const int mChannel;
   const int64_t mLimit;
   Place mFull;
+  int64_t mSince = 0;
 
   std::string mPath;  // the record file being read; empty at the end
   std::unique_ptr<ImfReader> mReader;
   bool mIsOpen = false;
   int64_t mFileStart = 0;
-  int64_t mFileTime = 0;  // of the latest packet of any channel, microseconds since the epoch
-  int64_t mOrdinal = 0;
   bool mStreamKnown = false;
   ImfStreamInfo mStream;
   Times mLast;

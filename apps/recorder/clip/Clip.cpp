@@ -20,7 +20,7 @@ bool SameCoding(const ImfStreamInfo& a, const ImfStreamInfo& b) {
 }
 
 bool IsBefore(const ChannelReader::Place& a, const ChannelReader::Place& b) {
-  return std::tie(a.fileStart, a.ordinal) < std::tie(b.fileStart, b.ordinal);
+  return std::tie(a.fileStart, a.offset) < std::tie(b.fileStart, b.offset);
 }
 
 }  // namespace
@@ -39,7 +39,7 @@ bool Clip::FindBegin(Begin* begin) const {
   for (std::optional<Recording> first = file; first; first = mRecordings.Previous(*first)) {
     if (!first->HasChannel(mChannel)) continue;
     ChannelReader reader(mDisks, mChannel, mRange.until);
-    reader.Start(first->path, kHeadersOnly);
+    reader.Start(first->path, kHeadersOnly, mRange.since);
     ChannelReader::Place key;
     bool reached = false;
     bool broken = false;
@@ -54,8 +54,8 @@ bool Clip::FindBegin(Begin* begin) const {
       if (reader.Packet().keyFrame && reader.Packet().time <= mRange.since) key = reader.Where();
     }
     if (!reached) return false;
-    if (key.ordinal > 0) *begin = {first->path, key};
-    if (key.ordinal > 0 || broken) return true;
+    if (key.offset > 0) *begin = {first->path, key};
+    if (key.offset > 0 || broken) return true;
   }
   return true;
 }
@@ -65,7 +65,7 @@ Clip::Result Clip::Write(const std::string& path, const Progress& progress) {
   Begin begin;
   if (!FindBegin(&begin)) return Result::kNothing;
   ChannelReader reader(mDisks, mChannel, mRange.until + kReordering);
-  reader.Start(begin.path, begin.place);
+  reader.Start(begin.path, begin.place, mRange.since);
   for (;;) {
     switch (reader.Next()) {
       case ChannelReader::Item::kBreak:
@@ -92,7 +92,7 @@ bool Clip::TakePacket(const ChannelReader& reader, const Begin& begin) {
     mSkipped = mSkipped || (!packet.keyFrame && packet.time >= mRange.since);
     if (!packet.keyFrame || IsBefore(reader.Where(), begin.place)) return true;
     // Without a place to begin at, only what lies in the range.
-    if (mFrom == 0 && begin.place.ordinal == 0 && packet.time < mRange.since) return true;
+    if (mFrom == 0 && begin.place.offset == 0 && packet.time < mRange.since) return true;
     if (!BeginSection(reader)) return false;
   } else if (packet.keyFrame && !SameCoding(reader.Stream(), mStream)) {
     EndSection("the pictures' parameters change, which one clip can't hold");

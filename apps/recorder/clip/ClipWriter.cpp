@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "apps/recorder/base/Saturated.h"
 #include "apps/recorder/base/Units.h"
 
 extern "C" {
@@ -17,6 +18,8 @@ extern "C" {
 namespace recorder {
 
 namespace {
+
+constexpr int64_t kLongestPicture = 24 * 3600 * kMicros;
 
 void SetExtraData(AVCodecParameters* parameters, const std::vector<uint8_t>& data) {
   if (data.empty()) return;
@@ -119,23 +122,25 @@ void ClipWriter::BeginSection(const ImfStreamInfo& stream, const ImfPacket& key)
   mSectionDenominator = stream.timeBaseDenominator;
   const AVRational from = {stream.timeBaseNumerator, stream.timeBaseDenominator};
   const AVRational to = {mStream.timeBaseNumerator, mStream.timeBaseDenominator};
-  mOffset = mEnd - av_rescale_q(key.pts, from, to);
+  mOffset = Minus(mEnd, av_rescale_q(key.pts, from, to));
   // With a longer way from decoding to display than before, the pictures have to wait a little.
-  const int64_t dts = av_rescale_q(key.dts, from, to) + mOffset;
-  if (mPackets > 0 && dts <= mLastDts) mOffset += mLastDts + 1 - dts;
+  const int64_t dts = Plus(av_rescale_q(key.dts, from, to), mOffset);
+  if (mPackets > 0 && dts <= mLastDts) mOffset = Plus(mOffset, Minus(Plus(mLastDts, 1), dts));
 }
 
 bool ClipWriter::Write(const ImfPacket& packet, int64_t duration) {
   const AVRational micros = {1, static_cast<int>(kMicros)};
   const AVRational from = {static_cast<int>(mSectionNumerator), static_cast<int>(mSectionDenominator)};
   const AVRational to = {mStream.timeBaseNumerator, mStream.timeBaseDenominator};
-  int64_t dts = av_rescale_q(packet.dts, from, to) + mOffset;
-  if (mPackets > 0) dts = std::max(dts, mLastDts + 1);  // coarse time bases only
-  const int64_t pts = std::max(av_rescale_q(packet.pts, from, to) + mOffset, dts);
-  const int64_t length =
-      packet.duration > 0 ? av_rescale_q(packet.duration, from, to) : av_rescale_q(duration, micros, to);
+  int64_t dts = Plus(av_rescale_q(packet.dts, from, to), mOffset);
+  if (mPackets > 0) dts = std::max(dts, Plus(mLastDts, 1));  // coarse time bases only
+  const int64_t pts = std::max(Plus(av_rescale_q(packet.pts, from, to), mOffset), dts);
+  // A packet's own is exact, unless it is none.
+  const int64_t own = av_rescale_q(packet.duration, from, micros);
+  const bool isKnown = own > 0 && own <= kLongestPicture;
+  const int64_t length = isKnown ? av_rescale_q(packet.duration, from, to) : av_rescale_q(duration, micros, to);
   mLastDts = dts;
-  mEnd = std::max(mEnd, pts + length);
+  mEnd = std::max(mEnd, Plus(pts, length));
   mPackets++;
   mBytes += packet.data.size();
 

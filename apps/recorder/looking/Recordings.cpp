@@ -24,7 +24,9 @@ uint32_t ChannelsOf(const std::string& path) {
   if (!reader.Open(path)) return 0;
   uint32_t mask = reader.ChannelMask();
   reader.SetHeadersOnly(true);
-  while (reader.Next() == ImfReader::Item::kStream) mask |= 1u << reader.Stream().channel;
+  while (reader.Next() == ImfReader::Item::kStream) {
+    if (reader.Stream().kind == ImfKind::kVideo) mask |= 1u << reader.Stream().channel;
+  }
   return mask;
 }
 

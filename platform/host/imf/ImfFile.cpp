@@ -9,7 +9,9 @@
 #include <cstring>
 
 #include "SystemHelper.h"
+#include "platform/host/imf/ImfExtent.h"
 #include "platform/host/imf/ImfFormat.h"
+#include "platform/host/imf/ImfStorage.h"
 #include "platform/host/imf/ImfWalk.h"
 #include "platform/host/imf/RecordName.h"
 
@@ -95,18 +97,16 @@ imf_error_code_e ImfFile::Content::Repair(const std::string& path) {
   posix_fadvise(file, 0, 0, POSIX_FADV_SEQUENTIAL);
   imf::ImfWalk walk(file, identity, static_cast<uint64_t>(info.st_size), imf::kLookAhead);
   imf::Extent extent;
+  uint64_t lastIndex = 0;
   imf::ImfWalk::Step step = imf::ImfWalk::Step::kChunk;
   while (step == imf::ImfWalk::Step::kChunk || step == imf::ImfWalk::Step::kDamage) {
-    step = walk.Next(true);
+    step = walk.Next(imf::ImfWalk::kAllChannels);
     if (step != imf::ImfWalk::Step::kChunk) continue;
-    const imf::Chunk& chunk = walk.Header();
-    if (chunk.type == imf::kPacketChunk) {
-      extent.AddPacket(chunk.channel, chunk.time, chunk.duration);
-      continue;
+    if (walk.Header().type == imf::kIndexChunk) {
+      lastIndex = walk.Offset();
+    } else {
+      extent.Add(walk.Header(), walk.Payload());
     }
-    ImfStreamInfo stream;
-    stream.channel = chunk.channel;
-    if (imf::DecodeStream(walk.Payload().data(), walk.Payload().size(), &stream)) extent.AddStream(stream);
   }
   if (step == imf::ImfWalk::Step::kReplaced) return IMF_ERROR_ACCESS;  // somebody is recording into it
   if (walk.ReadError() != 0 && !imf::IsDeviceError(walk.ReadError())) return IMF_ERROR_ACCESS;
@@ -117,11 +117,12 @@ imf_error_code_e ImfFile::Content::Repair(const std::string& path) {
   checkpoint.generation = identity.generation;
   checkpoint.used = walk.SoundEnd();
   checkpoint.endTime = extent.EndTime(identity.startTime);
+  checkpoint.index = lastIndex;
   checkpoint.channelMask = extent.ChannelMask();
+  checkpoint.channels = extent.Channels();
   checkpoint.closed = true;
   Set(checkpoint.endTime, checkpoint.channelMask);
-  const bool isCurrent = old.closed && old.used == checkpoint.used && old.endTime == checkpoint.endTime &&
-                         old.channelMask == checkpoint.channelMask;
+  const bool isCurrent = old == checkpoint;
   checkpoint.number = old.number + 1;
   // The name will hold end and channels, so a header that can't be written costs nothing but a later lookup.
   if (!isCurrent && !imf::WriteCheckpoint(file, checkpoint)) {

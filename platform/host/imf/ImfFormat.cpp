@@ -1,14 +1,12 @@
 #include "platform/host/imf/ImfFormat.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <zlib.h>
+#include <libdeflate.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cmath>
+#include <array>
 #include <cstring>
+#include <functional>
+#include <type_traits>
 
 namespace imf {
 
@@ -17,16 +15,18 @@ namespace {
 constexpr uint32_t kIdentityMagic = 0x52464d49;    // "IMFR"
 constexpr uint32_t kCheckpointMagic = 0x50464d49;  // "IMFP"
 constexpr uint32_t kChunkMagic = 0x43464d49;       // "IMFC"
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;
 
 constexpr size_t kIdentityCrcOffset = 24;
-constexpr size_t kCheckpointCrcOffset = 44;
+constexpr size_t kCheckpointChannels = 64;
+constexpr size_t kChannelSummary = 32;
+constexpr size_t kCheckpointCrcOffset = kCheckpointChannels + IMF_CHANNEL_LIMIT * kChannelSummary;
 constexpr size_t kChunkCrcOffset = 60;
-constexpr size_t kStreamFixed = 40;
+constexpr size_t kStreamFixed = 80;
 constexpr size_t kCodecNameLimit = 255;
 
-// No packet lasts longer: a source that claims so has lost its clock, and must not move the recording's end.
-constexpr double kDurationLimit = 24 * 3600 * 1e6;  // microseconds
+constexpr uint8_t kNumberBits = 0x0f;  // of the last byte in front of the generation
+constexpr uint8_t kKeyFrameBit = 0x80;
 
 // Byte by byte, so that the file is the same on every machine; compilers make one store or load of it.
 template <typename Unsigned>
@@ -46,11 +46,13 @@ uint64_t Get64(const uint8_t* from) { return Get<uint64_t>(from); }
 void PutSigned64(uint8_t* to, int64_t value) { Put(to, static_cast<uint64_t>(value)); }
 int64_t GetSigned64(const uint8_t* from) { return static_cast<int64_t>(Get64(from)); }
 
+uint8_t NumberAndKey(int number, bool keyFrame) {
+  return static_cast<uint8_t>((number & kNumberBits) | (keyFrame ? kKeyFrameBit : 0));
+}
+
 }  // namespace
 
-uint32_t Crc(const void* data, size_t length) {
-  return static_cast<uint32_t>(crc32_z(0, static_cast<const Bytef*>(data), length));
-}
+uint32_t Crc(const void* data, size_t length) { return libdeflate_crc32(0, data, length); }
 
 void EncodeIdentity(const Identity& identity, uint8_t* block) {
   std::memset(block, 0, kBlock);
@@ -78,6 +80,16 @@ void EncodeCheckpoint(const Checkpoint& checkpoint, uint8_t* block) {
   Put(block + 24, checkpoint.used);
   Put(block + 32, checkpoint.endTime);
   Put(block + 36, checkpoint.channelMask);
+  Put(block + 40, checkpoint.index);
+  uint8_t* at = block + kCheckpointChannels;
+  for (const ImfChannelSummary& channel : checkpoint.channels) {
+    PutSigned64(at, channel.first);
+    PutSigned64(at + 8, channel.last);
+    PutSigned64(at + 16, channel.end);
+    Put(at + 24, channel.pictures);
+    Put(at + 28, channel.soundPackets);
+    at += kChannelSummary;
+  }
   Put(block + kCheckpointCrcOffset, Crc(block, kCheckpointCrcOffset));
 }
 
@@ -90,14 +102,32 @@ bool DecodeCheckpoint(const uint8_t* block, Checkpoint* checkpoint) {
   checkpoint->used = Get64(block + 24);
   checkpoint->endTime = std::min(Get32(block + 32), kTimeLimit);
   checkpoint->channelMask = Get32(block + 36);
+  checkpoint->index = Get64(block + 40);
+  const uint8_t* at = block + kCheckpointChannels;
+  for (ImfChannelSummary& channel : checkpoint->channels) {
+    channel.first = GetSigned64(at);
+    channel.last = GetSigned64(at + 8);
+    channel.end = GetSigned64(at + 16);
+    channel.pictures = Get32(at + 24);
+    channel.soundPackets = Get32(at + 28);
+    at += kChannelSummary;
+  }
   return true;
+}
+
+bool Checkpoint::operator==(const Checkpoint& other) const {
+  uint8_t blocks[2][kBlock];
+  EncodeCheckpoint(*this, blocks[0]);
+  EncodeCheckpoint(other, blocks[1]);
+  return std::memcmp(blocks[0], blocks[1], kBlock) == 0;
 }
 
 void EncodeChunk(const Chunk& chunk, uint8_t* header) {
   Put(header, kChunkMagic);
   header[4] = chunk.type;
   header[5] = chunk.channel;
-  Put(header + 6, uint16_t{chunk.keyFrame});
+  header[6] = static_cast<uint8_t>(chunk.kind);
+  header[7] = NumberAndKey(chunk.number, chunk.keyFrame);
   EncodeGeneration(chunk.generation, header + kChunkGenerationOffset);
   Put(header + 16, chunk.sequence);
   Put(header + 20, chunk.length);
@@ -114,7 +144,9 @@ bool DecodeChunk(const uint8_t* header, Chunk* chunk) {
   if (Get32(header + kChunkCrcOffset) != Crc(header, kChunkCrcOffset)) return false;
   chunk->type = header[4];
   chunk->channel = header[5];
-  chunk->keyFrame = (header[6] & 1) != 0;
+  chunk->kind = static_cast<ImfKind>(header[6]);
+  chunk->number = header[7] & kNumberBits;
+  chunk->keyFrame = (header[7] & kKeyFrameBit) != 0;
   chunk->generation = Get64(header + kChunkGenerationOffset);
   chunk->sequence = Get32(header + 16);
   chunk->length = Get32(header + 20);
@@ -123,31 +155,60 @@ bool DecodeChunk(const uint8_t* header, Chunk* chunk) {
   chunk->dts = GetSigned64(header + 40);
   chunk->duration = GetSigned64(header + 48);
   chunk->payloadCrc = Get32(header + 56);
-  return (chunk->type == kStreamChunk || chunk->type == kPacketChunk) && chunk->channel < IMF_CHANNEL_LIMIT &&
-         chunk->length <= kPayloadLimit;
+  return chunk->type >= kStreamChunk && chunk->type <= kIndexChunk && chunk->channel < IMF_CHANNEL_LIMIT &&
+         header[6] < IMF_KIND_LIMIT && chunk->length <= kPayloadLimit;
+}
+
+void ToPacket(const Chunk& chunk, ImfPacket* packet) {
+  packet->channel = chunk.channel;
+  packet->kind = chunk.kind;
+  packet->number = chunk.number;
+  packet->keyFrame = chunk.keyFrame;
+  packet->time = chunk.time;
+  packet->pts = chunk.pts;
+  packet->dts = chunk.dts;
+  packet->duration = chunk.duration;
 }
 
 void EncodeGeneration(uint64_t generation, uint8_t* bytes) { Put(bytes, generation); }
+
+namespace {
+
+// The fields of 32 bits in the order in which they stand in the file.
+template <typename Stream>
+auto FieldsOf(Stream& stream) {
+  using Field = std::conditional_t<std::is_const_v<Stream>, const int32_t, int32_t>;
+  return std::array<std::reference_wrapper<Field>, 15>{stream.profile,
+                                                       stream.level,
+                                                       stream.width,
+                                                       stream.height,
+                                                       stream.timeBaseNumerator,
+                                                       stream.timeBaseDenominator,
+                                                       stream.frameRateNumerator,
+                                                       stream.frameRateDenominator,
+                                                       stream.sampleRate,
+                                                       stream.audioChannels,
+                                                       stream.sampleFormat,
+                                                       stream.frameSize,
+                                                       stream.blockAlign,
+                                                       stream.bitsPerCodedSample,
+                                                       stream.initialPadding};
+}
+
+}  // namespace
 
 std::vector<uint8_t> EncodeStream(const ImfStreamInfo& stream) {
   const size_t nameLength = std::min(stream.codecName.size(), kCodecNameLimit);
   std::vector<uint8_t> payload(kStreamFixed + nameLength + stream.extraData.size());
   uint8_t* p = payload.data();
   Put(p, stream.codecTag);
-  const int32_t values[] = {stream.profile,
-                            stream.level,
-                            stream.width,
-                            stream.height,
-                            stream.timeBaseNumerator,
-                            stream.timeBaseDenominator,
-                            stream.frameRateNumerator,
-                            stream.frameRateDenominator};
   size_t offset = 4;
-  for (int32_t value : values) {
+  for (int32_t value : FieldsOf(stream)) {
     Put(p + offset, static_cast<uint32_t>(value));
     offset += 4;
   }
-  Put(p + offset, static_cast<uint32_t>(nameLength));
+  Put(p + offset, stream.audioLayout);
+  Put(p + offset + 8, static_cast<uint32_t>(nameLength));
   uint8_t* const text = p + kStreamFixed;
   std::copy_n(stream.codecName.begin(), nameLength, text);
   std::copy(stream.extraData.begin(), stream.extraData.end(), text + nameLength);
@@ -157,20 +218,13 @@ std::vector<uint8_t> EncodeStream(const ImfStreamInfo& stream) {
 bool DecodeStream(const uint8_t* payload, size_t length, ImfStreamInfo* stream) {
   if (length < kStreamFixed) return false;
   stream->codecTag = Get32(payload);
-  int32_t* const values[] = {&stream->profile,
-                             &stream->level,
-                             &stream->width,
-                             &stream->height,
-                             &stream->timeBaseNumerator,
-                             &stream->timeBaseDenominator,
-                             &stream->frameRateNumerator,
-                             &stream->frameRateDenominator};
   size_t offset = 4;
-  for (int32_t* value : values) {
-    *value = static_cast<int32_t>(Get32(payload + offset));
+  for (int32_t& value : FieldsOf(*stream)) {
+    value = static_cast<int32_t>(Get32(payload + offset));
     offset += 4;
   }
-  const size_t nameLength = Get32(payload + offset);
+  stream->audioLayout = Get64(payload + offset);
+  const size_t nameLength = Get32(payload + offset + 8);
   if (nameLength > kCodecNameLimit || nameLength > length - kStreamFixed) return false;
   if (stream->timeBaseNumerator <= 0 || stream->timeBaseDenominator <= 0) return false;
   const uint8_t* name = payload + kStreamFixed;
@@ -179,100 +233,56 @@ bool DecodeStream(const uint8_t* payload, size_t length, ImfStreamInfo* stream) 
   return true;
 }
 
-void Extent::AddStream(const ImfStreamInfo& stream) {
-  mTimeBase[stream.channel] = 1e6 * stream.timeBaseNumerator / stream.timeBaseDenominator;
-}
-
-void Extent::AddPacket(int channel, int64_t time, int64_t duration) {
-  mChannelMask |= 1u << channel;
-  const double length = static_cast<double>(duration) * mTimeBase[channel];
-  int64_t end = time;
-  if (length > 0 && length <= kDurationLimit && __builtin_add_overflow(time, std::llround(length), &end)) {
-    end = INT64_MAX;
+void EncodeIndex(const Index& index, const ImfEntry* entries, uint8_t* payload) {
+  Put(payload, index.previous);
+  Put(payload + 8, index.base);
+  Put(payload + 16, index.sequence);
+  Put(payload + 20, index.count);
+  uint8_t* at = payload + kIndexHeader;
+  for (uint32_t i = 0; i < index.count; ++i, at += kIndexEntry) {
+    const ImfEntry& entry = entries[i];
+    PutSigned64(at, entry.time);
+    Put(at + 8, static_cast<uint32_t>(entry.offset - index.base));
+    Put(at + 12, entry.length);
+    Put(at + 16, entry.duration);
+    at[20] = entry.isPacket ? kPacketChunk : kStreamChunk;
+    at[21] = static_cast<uint8_t>(entry.channel);
+    at[22] = static_cast<uint8_t>(entry.kind);
+    at[23] = NumberAndKey(entry.number, entry.keyFrame);
   }
-  mEnd = std::max(mEnd, end);
 }
 
-uint32_t Extent::EndTime(uint32_t startTime) const {
-  int64_t seconds = mEnd / 1000000;
-  if (mEnd % 1000000 > 0) ++seconds;
-  seconds = std::max<int64_t>(seconds, int64_t{startTime} + 1);
-  return static_cast<uint32_t>(std::min<int64_t>(seconds, kTimeLimit));
+bool DecodeIndex(const uint8_t* payload, size_t length, Index* index) {
+  if (length < kIndexHeader) return false;
+  index->previous = Get64(payload);
+  index->base = Get64(payload + 8);
+  index->sequence = Get32(payload + 16);
+  index->count = Get32(payload + 20);
+  return index->count <= kIndexLimit && index->count <= (length - kIndexHeader) / kIndexEntry;
 }
 
-int OpenRegular(const std::string& path, int flags) {
-  // Looking first keeps the open from waking a device or a pipe that lies there; the flags make sure of it.
-  struct stat info = {};
-  if (lstat(path.c_str(), &info) != 0) return -1;
-  int file = -1;
-  if (S_ISREG(info.st_mode)) {
-    file = open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (file < 0 && errno != ELOOP) return -1;
+bool DecodeEntries(const uint8_t* payload, const Index& index, uint64_t offset,
+                   std::vector<ImfEntry>* entries) {
+  entries->resize(index.count);
+  uint64_t position = index.base;
+  const uint8_t* at = payload + kIndexHeader;
+  for (ImfEntry& entry : *entries) {
+    entry.time = GetSigned64(at);
+    entry.offset = index.base + Get32(at + 8);
+    entry.length = Get32(at + 12);
+    entry.duration = Get32(at + 16);
+    entry.isPacket = at[20] == kPacketChunk;
+    entry.channel = at[21];
+    entry.kind = static_cast<ImfKind>(at[22]);
+    entry.number = at[23] & kNumberBits;
+    entry.keyFrame = (at[23] & kKeyFrameBit) != 0;
+    if (!entry.isPacket && at[20] != kStreamChunk) return false;
+    if (at[21] >= IMF_CHANNEL_LIMIT || at[22] >= IMF_KIND_LIMIT) return false;
+    if (entry.offset != position || entry.length > kPayloadLimit) return false;
+    position += ChunkSize(entry.length);
+    at += kIndexEntry;
   }
-  if (file >= 0 && fstat(file, &info) == 0 && S_ISREG(info.st_mode)) return file;
-  if (file >= 0) close(file);
-  errno = EISDIR;
-  return -1;
-}
-
-int64_t ReadAt(int file, void* buffer, size_t length, uint64_t offset) {
-  size_t done = 0;
-  while (done < length) {
-    const ssize_t got =
-        pread(file, static_cast<char*>(buffer) + done, length - done, static_cast<off_t>(offset + done));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return -1;
-    if (got == 0) break;
-    done += static_cast<size_t>(got);
-  }
-  return static_cast<int64_t>(done);
-}
-
-bool WriteAt(int file, const void* buffer, size_t length, uint64_t offset) {
-  size_t done = 0;
-  while (done < length) {
-    const ssize_t put =
-        pwrite(file, static_cast<const char*>(buffer) + done, length - done, static_cast<off_t>(offset + done));
-    if (put < 0 && errno == EINTR) continue;
-    if (put < 0) return false;
-    done += static_cast<size_t>(put);
-  }
-  return true;
-}
-
-bool ReadIdentity(int file, Identity* identity) {
-  uint8_t block[kBlock];
-  const int64_t got = ReadAt(file, block, sizeof block, 0);
-  if (got < 0) return false;
-  errno = 0;
-  return got == static_cast<int64_t>(sizeof block) && DecodeIdentity(block, identity);
-}
-
-bool ReadCheckpoint(int file, uint64_t generation, Checkpoint* checkpoint) {
-  bool found = false;
-  for (uint64_t slot = 0; slot < 2; ++slot) {
-    uint8_t block[kBlock];
-    Checkpoint candidate;
-    if (ReadAt(file, block, sizeof block, CheckpointOffset(slot)) != static_cast<int64_t>(sizeof block))
-      continue;
-    if (!DecodeCheckpoint(block, &candidate) || candidate.generation != generation) continue;
-    if (candidate.number % 2 != slot || candidate.number == 0) continue;
-    if (found && candidate.number < checkpoint->number) continue;
-    *checkpoint = candidate;
-    found = true;
-  }
-  return found;
-}
-
-bool WriteCheckpoint(int file, const Checkpoint& checkpoint) {
-  uint8_t block[kBlock];
-  EncodeCheckpoint(checkpoint, block);
-  return WriteAt(file, block, sizeof block, CheckpointOffset(checkpoint.number)) && fdatasync(file) == 0;
-}
-
-bool IsDeviceError(int error) {
-  return error == EIO || error == ENODATA || error == EREMOTEIO || error == EILSEQ || error == EUCLEAN ||
-         error == EBADMSG;
+  return position == offset;
 }
 
 }  // namespace imf

@@ -1,17 +1,19 @@
-// The bytes of a record file: its header blocks and its chunks. docs/FORMAT.md has the layout; these functions
-// are the only place that knows it. No state, no threads.
+// The bytes of a record file: its header blocks, its chunks and its index. docs/FORMAT.md has the layout; these
+// functions are the only place that knows it. No state, no threads.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "platform/host/imf/ImfRecord.h"
 
 namespace imf {
 
-constexpr size_t kBlock = 4096;               // what a device may tear or lose in one piece
+// What a device may tear or lose in one piece, and what the kernel has to know whole before it can write any of
+// it: only whole blocks are written.
+constexpr size_t kBlock = 4096;
 constexpr uint64_t kDataOffset = 3 * kBlock;  // identity, two checkpoint slots, then the chunks
 constexpr size_t kChunkHeader = 64;
 constexpr uint64_t kAlignment = 8;  // of chunks
@@ -20,6 +22,7 @@ constexpr uint32_t kPayloadLimit = 64u << 20;
 // never longer than this and one chunk.
 constexpr uint64_t kUnsyncedLimit = 64u << 20;
 constexpr uint64_t kLookAhead = kUnsyncedLimit + kPayloadLimit;
+constexpr uint32_t kIndexLimit = 65536;  // chunks in one piece of the index; it makes a checkpoint due, too
 // Times are written into names as 32 bits, but the library's callers take them as signed.
 constexpr uint32_t kTimeLimit = 2147483647;
 
@@ -34,16 +37,22 @@ struct Checkpoint {
   uint64_t generation = 0;
   uint64_t number = 0;  // 1, 2, ...; 0: there is no checkpoint
   uint64_t used = 0;    // bytes of the file, a chunk boundary
+  uint64_t index = 0;   // offset of the last piece of the index, 0: there is none
   uint32_t endTime = 0;
   uint32_t channelMask = 0;
   bool closed = false;  // nothing follows: the writer or a repair was through with the file
+  std::array<ImfChannelSummary, IMF_CHANNEL_LIMIT> channels;
+
+  bool operator==(const Checkpoint& other) const;
 };
 
-enum ChunkType : uint8_t { kStreamChunk = 1, kPacketChunk = 2 };
+enum ChunkType : uint8_t { kStreamChunk = 1, kPacketChunk = 2, kIndexChunk = 3 };
 
 struct Chunk {
   uint8_t type = 0;
   uint8_t channel = 0;
+  ImfKind kind = ImfKind::kVideo;
+  uint8_t number = 0;
   bool keyFrame = false;
   uint64_t generation = 0;
   uint32_t sequence = 0;  // ascends by one within a recording
@@ -55,9 +64,29 @@ struct Chunk {
   uint32_t payloadCrc = 0;
 };
 
+inline uint64_t AlignUp(uint64_t offset, uint64_t alignment) {
+  return (offset + alignment - 1) & ~(alignment - 1);
+}
+
+// All but the data, which is left alone.
+void ToPacket(const Chunk& chunk, ImfPacket* packet);
+
 // Bytes that a chunk takes in the file.
-inline uint64_t ChunkSize(uint32_t length) {
-  return (kChunkHeader + uint64_t{length} + kAlignment - 1) & ~(kAlignment - 1);
+inline uint64_t ChunkSize(uint32_t length) { return AlignUp(kChunkHeader + uint64_t{length}, kAlignment); }
+
+// What one piece of the index says: the chunks from `base` on, one behind the other up to the piece itself.
+struct Index {
+  uint64_t previous = 0;  // offset of the piece before, 0: this is the first
+  uint64_t base = 0;
+  uint32_t sequence = 0;  // of the chunk at `base`
+  uint32_t count = 0;
+};
+constexpr size_t kIndexHeader = 24;  // in front of the entries
+constexpr size_t kIndexEntry = 24;
+// Bytes of a piece of the index at `offset`: it fills the last block that it touches, so that nothing that is
+// made durable with it is ever written again.
+inline uint64_t IndexSize(uint64_t offset, uint64_t count) {
+  return AlignUp(offset + kChunkHeader + kIndexHeader + count * kIndexEntry, kBlock) - offset;
 }
 
 uint32_t Crc(const void* data, size_t length);
@@ -75,45 +104,15 @@ constexpr size_t kChunkGenerationOffset = 8;
 void EncodeGeneration(uint64_t generation, uint8_t* bytes);
 
 std::vector<uint8_t> EncodeStream(const ImfStreamInfo& stream);
-// The channel is the chunk's and left alone. False: `stream` is in any state.
+// Channel, kind and number are the chunk's and left alone. False: `stream` is in any state.
 bool DecodeStream(const uint8_t* payload, size_t length, ImfStreamInfo* stream);
 
-// What the chunks seen so far add up to.
-class Extent {
- public:
-  void AddStream(const ImfStreamInfo& stream);
-  void AddPacket(int channel, int64_t time, int64_t duration);
-  bool IsKnown(int channel) const { return mTimeBase[channel] > 0; }
-  bool HasPacket() const { return mChannelMask != 0; }
-  uint32_t ChannelMask() const { return mChannelMask; }
-  // The largest end of a packet in seconds, rounded up; later than the start time and at most kTimeLimit,
-  // whatever times the packets carry. The start time is below kTimeLimit.
-  uint32_t EndTime(uint32_t startTime) const;
-
- private:
-  double mTimeBase[IMF_CHANNEL_LIMIT] = {};  // microseconds; 0: unknown
-  uint32_t mChannelMask = 0;
-  int64_t mEnd = INT64_MIN;  // microseconds since the epoch
-};
-
-// Opens a regular file, not through a symbolic link. -1 with errno: EISDIR for whatever is not a regular file.
-int OpenRegular(const std::string& path, int flags);
-// All bytes or none; short at the end of the file only. The number of bytes read, -1 with errno.
-int64_t ReadAt(int file, void* buffer, size_t length, uint64_t offset);
-// All bytes. False with errno.
-bool WriteAt(int file, const void* buffer, size_t length, uint64_t offset);
-
-// False: no sound identity (errno 0) or it can't be read (errno).
-bool ReadIdentity(int file, Identity* identity);
-// The newest sound checkpoint of the generation. A slot that can't be read counts as not sound: writing the
-// next checkpoint makes it readable again. False: there is none, and `checkpoint` is untouched.
-bool ReadCheckpoint(int file, uint64_t generation, Checkpoint* checkpoint);
-// Writes the checkpoint into its slot and makes it durable with all that was written before. False with errno.
-bool WriteCheckpoint(int file, const Checkpoint& checkpoint);
-inline uint64_t CheckpointOffset(uint64_t number) { return (1 + number % 2) * kBlock; }
-
-// Whether an errno says that the device could not read or write, as opposed to a missing right, a missing
-// device or a lack of memory, which say nothing about the file.
-bool IsDeviceError(int error);
+// `payload` has room for kIndexHeader and the entries.
+void EncodeIndex(const Index& index, const ImfEntry* entries, uint8_t* payload);
+// False: not the payload of a piece of the index.
+bool DecodeIndex(const uint8_t* payload, size_t length, Index* index);
+// The entries of a piece that stands at `offset`, as DecodeIndex gave it. False: they are not one behind the
+// other from its base up to itself.
+bool DecodeEntries(const uint8_t* payload, const Index& index, uint64_t offset, std::vector<ImfEntry>* entries);
 
 }  // namespace imf

@@ -4,16 +4,16 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "platform/host/imf/ImfFormat.h"
+#include "platform/host/imf/ImfStorage.h"
 
 namespace imf {
 
 class ImfWalk {
  public:
   enum class Step {
-    kChunk,        // Header() and Payload() hold a sound chunk
+    kChunk,        // Header() and Payload() hold a sound chunk; Offset() is where it stands
     kDamage,       // Skipped() bytes are not sound or can't be read; the walk goes on behind them
     kEnd,          // nothing sound follows, as yet
     kReplaced,     // the file holds another recording by now
@@ -25,12 +25,30 @@ class ImfWalk {
   // last checkpoint are where the writer is at work.
   ImfWalk(int file, const Identity& identity, uint64_t fileSize, uint64_t lookAhead);
 
-  // With `payload` false a packet's payload is neither read nor checked.
-  Step Next(bool payload);
+  // Payloads are read and checked of parameters, and of packets of `channel`: all channels for kAllChannels,
+  // none for kNoChannel; of pieces of the index for kAllChannels.
+  Step Next(int channel);
+  static constexpr int kAllChannels = -1;
+  static constexpr int kNoChannel = -2;
   void Rewind();
 
+  // Reads the chunk that the index names, a packet's payload only with `payload`. False: it is not sound, not
+  // as the index has it, or can't be read. The walk's position stays.
+  bool Take(const ImfEntry& entry, uint32_t sequence, bool payload);
+
+  // A place to go on from. Where chunks were left out, the next one may have a higher sequence number.
+  struct Place {
+    uint64_t offset = kDataOffset;
+    uint32_t sequence = 0;
+    bool isLeap = false;
+  };
+  const Place& Position() const { return mNext; }
+  void MoveTo(const Place& place) { mNext = place; }
+
   const Chunk& Header() const { return mChunk; }
-  std::vector<uint8_t>& Payload() { return mPayload; }
+  uint64_t Offset() const { return mOffset; }
+  // Header().length bytes, good until the next call; null when they were not to be read.
+  const uint8_t* Payload() const { return mPayload; }
   uint64_t Skipped() const { return mSkipped; }
   // Where the last chunk that was found sound ends.
   uint64_t SoundEnd() const { return mSoundEnd; }
@@ -43,8 +61,10 @@ class ImfWalk {
  private:
   enum class Found { kSound, kBadPayload, kUnsound };
 
-  Found Take(bool payload);
+  Found TakeNext(int channel);
+  bool CheckPayload(uint64_t offset, size_t ahead);
   bool IsOurs(const uint8_t* header, uint64_t offset, Chunk* chunk) const;
+  bool IsDue(const Chunk& chunk) const;
   Step SkipToHeader();
   bool GiveUpAfter(int error);
   bool FindHeader(uint64_t from, uint64_t limit, uint64_t* found);
@@ -55,17 +75,17 @@ class ImfWalk {
   const uint64_t mLookAhead;
   uint8_t mGeneration[8];
 
+  Window mWindow;
   Checkpoint mCheckpoint;
   Chunk mChunk;
-  std::vector<uint8_t> mPayload;
-  uint64_t mPosition = kDataOffset;
+  uint64_t mOffset = 0;
+  const uint8_t* mPayload = nullptr;
+  Place mNext;
   uint64_t mSoundEnd = kDataOffset;
   uint64_t mSkipped = 0;
-  uint32_t mSequence = 0;     // of the next chunk
-  bool mAfterDamage = false;  // chunks are missing: the next one may have a higher sequence number
-  int mTakeError = 0;         // errno of the last Take
-  int mReadErrors = 0;        // places
-  int mReadError = 0;         // errno
+  int mTakeError = 0;   // errno of the last TakeNext
+  int mReadErrors = 0;  // places
+  int mReadError = 0;   // errno
 };
 
 }  // namespace imf

@@ -4,11 +4,16 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 
+#include "platform/host/imf/ImfExtent.h"
 #include "platform/host/imf/ImfFormat.h"
 #include "platform/host/imf/ImfRecord.h"
+#include "platform/host/imf/ImfStorage.h"
 
 using Clock = std::chrono::steady_clock;
 
@@ -16,18 +21,27 @@ struct ImfWriter::State {
   int file = -1;
   uint32_t startTime = 0;
   uint64_t generation = 0;
-  uint64_t capacity = 0;
+  uint64_t capacity = 0;  // whole blocks
   uint64_t used = 0;
   uint32_t sequence = 0;
   imf::Extent extent;
+  // What the last block holds so far, if it is not full: it is written again with what follows, so that the
+  // kernel never has to read what the old recording left in the rest of it.
+  std::array<uint8_t, imf::kBlock> tail;
 
   std::chrono::seconds interval{2};
   uint64_t checkpoints = 0;
   uint64_t checkpointUsed = 0;
   Clock::time_point checkpointTime;
+  imf::Index index;  // the next piece: of the chunks since the last one
+  std::vector<ImfEntry> entries;
+  uint64_t lastIndex = 0;
 
   bool Stamp();
+  bool AppendIndex();
   bool Checkpoint(bool closed);
+  bool HasRoomFor(uint64_t size) const;
+  bool Put(imf::Chunk chunk, const uint8_t* payload);
   ImfWriteResult Append(imf::Chunk chunk, const std::vector<uint8_t>& payload);
   ImfWriteResult CheckpointIfDue();
 };
@@ -62,6 +76,23 @@ bool WriteVector(int file, struct iovec* parts, int count, uint64_t offset) {
   return true;
 }
 
+// Of an ImfStreamInfo or an ImfPacket.
+template <typename Part>
+bool IsStream(const Part& part) {
+  return part.channel >= 0 && part.channel < IMF_CHANNEL_LIMIT && part.number >= 0 &&
+         part.number < IMF_STREAM_LIMIT && static_cast<int>(part.kind) < IMF_KIND_LIMIT;
+}
+
+template <typename Part>
+imf::Chunk ChunkOf(imf::ChunkType type, const Part& part) {
+  imf::Chunk chunk;
+  chunk.type = type;
+  chunk.channel = static_cast<uint8_t>(part.channel);
+  chunk.kind = part.kind;
+  chunk.number = static_cast<uint8_t>(part.number);
+  return chunk;
+}
+
 }  // namespace
 
 // From here on every older chunk is void. That has to be durable before the first new chunk is written:
@@ -78,13 +109,36 @@ bool ImfWriter::State::Stamp() {
   return imf::WriteAt(file, header.data(), header.size(), 0) && fdatasync(file) == 0;
 }
 
+// Ends at the end of a block. So what the checkpoint makes durable is never written again, and a device that
+// loses a block while it writes it can't lose a packet that was safe already.
+bool ImfWriter::State::AppendIndex() {
+  if (entries.empty()) return true;
+  index.previous = lastIndex;
+  index.count = static_cast<uint32_t>(entries.size());
+  std::vector<uint8_t> payload(imf::IndexSize(used, index.count) - imf::kChunkHeader);
+  imf::EncodeIndex(index, entries.data(), payload.data());
+  imf::Chunk chunk;
+  chunk.type = imf::kIndexChunk;
+  chunk.length = static_cast<uint32_t>(payload.size());
+  const uint64_t offset = used;
+  if (!Put(chunk, payload.data())) return false;
+  lastIndex = offset;
+  index.base = used;
+  index.sequence = sequence;
+  entries.clear();
+  return true;
+}
+
 bool ImfWriter::State::Checkpoint(bool closed) {
+  if (!AppendIndex()) return false;
   imf::Checkpoint checkpoint;
   checkpoint.generation = generation;
   checkpoint.number = ++checkpoints;
   checkpoint.used = used;
+  checkpoint.index = lastIndex;
   checkpoint.endTime = extent.EndTime(startTime);
   checkpoint.channelMask = extent.ChannelMask();
+  checkpoint.channels = extent.Channels();
   checkpoint.closed = closed;
   if (!imf::WriteCheckpoint(file, checkpoint)) return false;
   checkpointUsed = used;
@@ -93,29 +147,57 @@ bool ImfWriter::State::Checkpoint(bool closed) {
 }
 
 ImfWriteResult ImfWriter::State::CheckpointIfDue() {
-  const bool due = used - checkpointUsed >= imf::kUnsyncedLimit || Clock::now() - checkpointTime >= interval;
+  const bool due = used - checkpointUsed >= imf::kUnsyncedLimit || entries.size() >= imf::kIndexLimit ||
+                   Clock::now() - checkpointTime >= interval;
   return !due || Checkpoint(false) ? ImfWriteResult::kWritten : ImfWriteResult::kFailed;
+}
+
+// The index of it and of what is not in the index yet has to have room behind it.
+bool ImfWriter::State::HasRoomFor(uint64_t size) const {
+  return size <= capacity - used && imf::IndexSize(used + size, entries.size() + 1) <= capacity - used - size;
+}
+
+// From the begin of the last block to the end of one, in one system call.
+bool ImfWriter::State::Put(imf::Chunk chunk, const uint8_t* payload) {
+  const size_t length = chunk.length;
+  static const uint8_t kZeros[imf::kBlock] = {};
+  chunk.generation = generation;
+  chunk.sequence = sequence;
+  chunk.payloadCrc = imf::Crc(payload, length);
+  const uint64_t end = used + imf::ChunkSize(chunk.length);
+  const size_t before = used % imf::kBlock;
+  uint8_t header[imf::kChunkHeader];
+  imf::EncodeChunk(chunk, header);
+  struct iovec parts[] = {
+      {tail.data(), before},
+      {header, sizeof header},
+      {const_cast<uint8_t*>(payload), length},
+      {const_cast<uint8_t*>(kZeros), imf::AlignUp(end, imf::kBlock) - used - sizeof header - length}};
+  if (!WriteVector(file, parts, 4, used - before)) return false;
+
+  // Of the last block: what it held, header and payload as far as they reach into it.
+  const uint64_t block = end - end % imf::kBlock;
+  const auto keep = [this, block](uint64_t at, const uint8_t* bytes, size_t size) {
+    const uint64_t skip = at < block ? std::min<uint64_t>(block - at, size) : 0;
+    if (skip < size) std::memcpy(tail.data() + (at + skip - block), bytes + skip, size - skip);
+  };
+  keep(used, header, sizeof header);
+  keep(used + sizeof header, payload, length);
+  keep(used + sizeof header + length, kZeros, end - used - sizeof header - length);
+  used = end;
+  ++sequence;
+  return true;
 }
 
 ImfWriteResult ImfWriter::State::Append(imf::Chunk chunk, const std::vector<uint8_t>& payload) {
   if (payload.size() > imf::kPayloadLimit) return ImfWriteResult::kFull;
   chunk.length = static_cast<uint32_t>(payload.size());
-  const uint64_t size = imf::ChunkSize(chunk.length);
-  if (size > capacity - used) return ImfWriteResult::kFull;
-
-  chunk.generation = generation;
-  chunk.sequence = sequence;
-  chunk.payloadCrc = imf::Crc(payload.data(), payload.size());
-  uint8_t header[imf::kChunkHeader];
-  imf::EncodeChunk(chunk, header);
-  uint8_t padding[imf::kAlignment] = {};
-  struct iovec parts[] = {{header, sizeof header},
-                          {const_cast<uint8_t*>(payload.data()), payload.size()},
-                          {padding, static_cast<size_t>(size) - sizeof header - payload.size()}};
-  if (!WriteVector(file, parts, 3, used)) return ImfWriteResult::kFailed;
-  used += size;
-  ++sequence;
-  return ImfWriteResult::kWritten;
+  if (!HasRoomFor(imf::ChunkSize(chunk.length))) return ImfWriteResult::kFull;
+  const ImfEntry entry = extent.EntryOf(chunk, used);
+  if (!Put(chunk, payload.data())) return ImfWriteResult::kFailed;
+  extent.Add(chunk, payload.data());
+  entries.push_back(entry);
+  return CheckpointIfDue();
 }
 
 ImfWriter::ImfWriter() : mState(std::make_unique<State>()) {}
@@ -137,8 +219,8 @@ bool ImfWriter::Open(const std::string& path, uint32_t startTime) {
   state->interval = mState->interval;
   struct stat info = {};
   int error = fstat(file, &info) != 0 ? errno : 0;
-  state->capacity = static_cast<uint64_t>(info.st_size);
-  if (error == 0 && state->capacity < imf::kDataOffset + imf::kChunkHeader) error = EINVAL;
+  state->capacity = static_cast<uint64_t>(info.st_size) / imf::kBlock * imf::kBlock;
+  if (error == 0 && state->capacity <= imf::kDataOffset) error = EINVAL;
   if (error == 0 && !state->Stamp()) error = errno;
   if (error != 0) {
     close(file);
@@ -147,44 +229,32 @@ bool ImfWriter::Open(const std::string& path, uint32_t startTime) {
   }
   state->used = imf::kDataOffset;
   state->checkpointUsed = state->used;
+  state->index.base = state->used;
   state->checkpointTime = Clock::now();
   mState = std::move(state);
   return true;
 }
 
 ImfWriteResult ImfWriter::AddStream(const ImfStreamInfo& stream) {
-  if (!IsOpen() || stream.channel < 0 || stream.channel >= IMF_CHANNEL_LIMIT || stream.timeBaseNumerator <= 0 ||
-      stream.timeBaseDenominator <= 0) {
+  if (!IsOpen() || !IsStream(stream) || stream.timeBaseNumerator <= 0 || stream.timeBaseDenominator <= 0) {
     errno = IsOpen() ? EINVAL : EBADF;
     return ImfWriteResult::kFailed;
   }
-  imf::Chunk chunk;
-  chunk.type = imf::kStreamChunk;
-  chunk.channel = static_cast<uint8_t>(stream.channel);
-  const ImfWriteResult result = mState->Append(chunk, imf::EncodeStream(stream));
-  if (result != ImfWriteResult::kWritten) return result;
-  mState->extent.AddStream(stream);
-  return mState->CheckpointIfDue();
+  return mState->Append(ChunkOf(imf::kStreamChunk, stream), imf::EncodeStream(stream));
 }
 
 ImfWriteResult ImfWriter::Write(const ImfPacket& packet) {
-  if (!IsOpen() || packet.channel < 0 || packet.channel >= IMF_CHANNEL_LIMIT ||
-      !mState->extent.IsKnown(packet.channel)) {
+  if (!IsOpen() || !IsStream(packet) || !mState->extent.IsKnown(packet.channel, packet.kind, packet.number)) {
     errno = IsOpen() ? EINVAL : EBADF;
     return ImfWriteResult::kFailed;
   }
-  imf::Chunk chunk;
-  chunk.type = imf::kPacketChunk;
-  chunk.channel = static_cast<uint8_t>(packet.channel);
+  imf::Chunk chunk = ChunkOf(imf::kPacketChunk, packet);
   chunk.keyFrame = packet.keyFrame;
   chunk.time = packet.time;
   chunk.pts = packet.pts;
   chunk.dts = packet.dts;
   chunk.duration = packet.duration;
-  const ImfWriteResult result = mState->Append(chunk, packet.data);
-  if (result != ImfWriteResult::kWritten) return result;
-  mState->extent.AddPacket(packet.channel, packet.time, packet.duration);
-  return mState->CheckpointIfDue();
+  return mState->Append(chunk, packet.data);
 }
 
 bool ImfWriter::Close() {
@@ -204,6 +274,10 @@ bool ImfWriter::IsOpen() const { return mState->file >= 0; }
 uint32_t ImfWriter::EndTime() const { return mState->extent.EndTime(mState->startTime); }
 
 uint32_t ImfWriter::ChannelMask() const { return mState->extent.ChannelMask(); }
+
+const ImfChannelSummary& ImfWriter::Summary(int channel) const {
+  return mState->extent.Channels()[static_cast<size_t>(channel)];
+}
 
 uint64_t ImfWriter::Capacity() const { return mState->capacity; }
 

@@ -14,7 +14,7 @@
 #include <memory>
 #include <tuple>
 
-#include "platform/host/imf/ImfFormat.h"
+#include "platform/host/imf/ImfStorage.h"
 #include "platform/host/searchdb/SearchDbFile.h"
 
 namespace searchdb {
