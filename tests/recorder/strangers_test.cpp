@@ -1,0 +1,149 @@
+// A disk that somebody else made: links, second names and pipes in the places of files and directories.
+// Whatever the command, nothing outside the disk changes, nothing waits for ever, and nothing acts on the
+// terminal.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "tests/support/RecorderProgram.h"
+#include "tests/support/TestDisk.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kSize = 262144;
+constexpr unsigned kStart = 0x5f5e1000;
+const std::string kDirectory = "data_00000002/";
+const std::string kRecording = kDirectory + "5f5e1000_5f5e100a_cm1.imf";
+
+class StrangersDisk : public testing::Test {
+ protected:
+  StrangersDisk() {
+    fs::create_directory(mOutside);
+    MakeTestFile(mOutside + "00000007.imf", kSize);
+    MakeTestFile(mOutside + "5f5e2000_00000000.imf", kSize);
+    WriteTestRecording(mOutside + "5f5e2000_00000000.imf", 0x5f5e2000, 5, 1);
+    std::ofstream(mOutside + "search.fdb") << "somebody's text";
+    std::ofstream(mOutside + "search.fdb.0.err") << "more of it";
+    mBefore = Outside();
+  }
+
+  void MakeDisk() {
+    fs::remove_all(mRoot.Path() + "/disk");
+    fs::remove(mRoot.Path() + "/.recorder.lock");
+    fs::create_directories(mDisk + "imf_free");
+    for (const char* name : {"00000000.imf", "00000001.imf", "00000002.imf"})
+      MakeTestFile(mDisk + "imf_free/" + name, kSize);
+    MakeTestFile(mDisk + kRecording, kSize);
+    WriteTestRecording(mDisk + kRecording, kStart, 10, 1);
+  }
+
+  // Names, kinds, sizes, times of change and contents.
+  std::string Outside() const {
+    std::string all;
+    for (const std::string& name : NamesIn(mOutside)) {
+      struct stat info = {};
+      lstat((mOutside + name).c_str(), &info);
+      all += name + " " + std::to_string(info.st_mode) + " " + std::to_string(info.st_size) + " " +
+             std::to_string(info.st_mtim.tv_nsec) + " " +
+             std::to_string(std::hash<std::string>()(ReadText(mOutside + name))) + "\n";
+    }
+    return all;
+  }
+
+  // What would act on a terminal in what the recorder said; the library's lines are for logs.
+  static std::string ActsOnTerminal(const std::string& text) {
+    std::istringstream lines(text);
+    std::string found;
+    for (std::string line; std::getline(lines, line);) {
+      const bool isLibrarys = line.rfind("Dbg (", 0) == 0 || line.find("Err (") != std::string::npos;
+      for (const char c : isLibrarys ? std::string() : line) {
+        if (static_cast<unsigned char>(c) < ' ' || c == 0x7f) return line;
+      }
+    }
+    return found;
+  }
+
+  TestRoot mRoot;
+  const std::string mDisk = mRoot.Path() + "/disk/d/";
+  const std::string mOutside = mRoot.Path() + "/outside/";
+  std::string mBefore;
+  RecorderProgram mProgram{mRoot.Path()};
+};
+
+TEST_F(StrangersDisk, DoesNoHarm) {
+  const auto replaced = [this](const std::string& name, const std::string& by) {
+    return [this, name, by] {
+      fs::remove_all(mDisk + name);
+      fs::create_symlink(by.empty() ? mOutside : mOutside + by, mDisk + name);
+    };
+  };
+  const auto second = [this](const std::string& name, const std::string& of) {
+    return [this, name, of] {
+      fs::remove(mDisk + name);
+      fs::create_hard_link(mOutside + of, mDisk + name);
+    };
+  };
+  const auto pipe = [this](const std::string& name) {
+    return [this, name] {
+      fs::remove(mDisk + name);
+      mkfifo((mDisk + name).c_str(), 0600);
+    };
+  };
+  const struct {
+    const char* what;
+    std::function<void()> make;
+  } cases[] = {
+      {"a linked pool", replaced("imf_free", "")},
+      {"a linked quarantine", replaced("imf_error", "")},
+      {"a linked preparation", replaced("imf_prealloc", "")},
+      {"a linked data directory", replaced("data_00000003", "")},
+      {"the oldest data directory linked", replaced("data_00000001", "")},
+      {"a linked pool file", replaced("imf_free/00000000.imf", "00000007.imf")},
+      {"a linked recording", replaced(kDirectory + "5f5e2000_00000000.imf", "5f5e2000_00000000.imf")},
+      {"a linked database", replaced(kDirectory + "search.fdb", "search.fdb")},
+      {"a linked mark", replaced(kDirectory + "search.fdb.0.err", "search.fdb.0.err")},
+      {"a linked new database", replaced(kDirectory + ".search.fdb.rebuild", "search.fdb")},
+      {"a linked lock", replaced(".recorder.lock", "search.fdb")},
+      {"a linked lock of the root",
+       [this] { fs::create_symlink(mOutside + "search.fdb", mRoot.Path() + "/.recorder.lock"); }},
+      {"a database with a second name", second(kDirectory + "search.fdb", "search.fdb")},
+      {"a lock with a second name", second(".recorder.lock", "search.fdb")},
+      {"a pipe as database", pipe(kDirectory + "search.fdb")},
+      {"a pipe as mark", pipe(kDirectory + "search.fdb.0.err")},
+      {"a pipe as journal", pipe(kDirectory + "search.fdb-journal")},
+      {"a pipe as lock", pipe(".recorder.lock")},
+      {"a pipe as lock of the root", [this] { mkfifo((mRoot.Path() + "/.recorder.lock").c_str(), 0600); }},
+      {"a pipe as recording", pipe(kDirectory + "5f5e2000_00000000.imf")},
+      {"names for a terminal",
+       [this] {
+         for (const char* place : {"", "imf_free/", "data_00000002/"})
+           MakeTestFile(mDisk + place + "\x1b]0;x\x07.imf");
+         fs::create_directory(mDisk + "data_\x1b[2J_3");
+       }},
+  };
+  const std::string video = mRoot.Path() + "/v.mp4";
+  ASSERT_EQ(
+      mProgram.Shell("ffmpeg -v error -f lavfi -i testsrc2=size=64x48:rate=5 -t 3 -c:v libx264 -g 5 " + video),
+      0);
+  for (const auto& c : cases) {
+    MakeDisk();
+    c.make();
+    for (const std::string& command :
+         {std::string("status"), std::string("menu"), std::string("check"), std::string("timeline"),
+          "record --clock stream --input " + video,
+          std::string("check --repair-names --rebuild-index --return-orphans --force")}) {
+      SCOPED_TRACE(c.what + (": " + command));
+      const int status =
+          mProgram.Shell("timeout -s KILL 20 " RECORDER_PROGRAM " --root " + mRoot.Path() + " " + command);
+      EXPECT_LE(status, 2) << mProgram.err;
+      EXPECT_EQ(mBefore, Outside()) << mProgram.out << mProgram.err;
+      EXPECT_EQ("", ActsOnTerminal(mProgram.out + mProgram.err));
+    }
+  }
+}
+
+}  // namespace
