@@ -51,8 +51,9 @@ class Factory(GstRtspServer.RTSPMediaFactory):
                 coder += "tune=zerolatency"
             coder += " ! video/x-h264,profile=main"
         else:
+            zero = "" if o.bframes else "tune=zerolatency "
             more = f"bframes={o.bframes}:b-adapt=0:rc-lookahead={o.bframes + 1}:frame-threads=1"
-            coder = f"x265enc speed-preset=ultrafast key-int-max={o.group} option-string={more}"
+            coder = f"x265enc speed-preset=ultrafast {zero}key-int-max={o.group} option-string={more}"
         caps = f"video/x-raw,format=I420,width={WIDTH},height={HEIGHT},framerate={o.fps}/1"
         pipeline = Gst.parse_launch(
             f"( appsrc name=source is-live=true do-timestamp=false format=time caps={caps} ! {coder} ! {parse} ! {pay} )"
@@ -75,7 +76,7 @@ class Factory(GstRtspServer.RTSPMediaFactory):
             if now < due:
                 time.sleep((due - now) / Gst.SECOND)
                 continue
-            due = max(due + interval, now - now % interval)
+            due = (now // interval + 1) * interval
             picture = Gst.Buffer.new_wrapped(clock_picture(int(time.time() * 1000)))
             picture.pts = now
             picture.duration = interval

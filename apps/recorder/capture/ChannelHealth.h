@@ -17,10 +17,10 @@ struct ChannelHealth {
     kEnded,   // a file that is over, or an address that can't work: not tried again
   };
   State state = State::kConnecting;
-  int64_t since = 0;        // of the state, microseconds since the epoch
-  std::string address;      // without its secrets
-  std::string reason;       // of kLost and kEnded, one line; the latest one otherwise, empty when there was none
-  int64_t lastPicture = 0;  // its arrival, microseconds since the epoch; 0: none yet
+  int64_t since = 0;    // of the state, microseconds since the epoch
+  std::string address;  // without its secrets
+  std::string reason;   // of kLost and kEnded, one line; the latest one otherwise, empty when there was none
+  int64_t lastPicture = 0;       // its arrival, microseconds since the epoch; 0: none yet
   double picturesPerSecond = 0;  // over the last seconds
   double bytesPerSecond = 0;
   std::string codec;  // libavcodec's name, empty while not known
@@ -35,8 +35,8 @@ struct ChannelHealth {
 const char* NameOf(ChannelHealth::State state);
 
 // May be used by any number of threads. Channels are numbered from 0; one that does not exist must not be asked
-// for. Times are microseconds: `wall` since the epoch, `monotonic` of CLOCK_MONOTONIC, both taken by the caller at
-// the same moment.
+// for. Times are microseconds: `wall` since the epoch, `monotonic` of CLOCK_MONOTONIC, both taken by the caller
+// at the same moment.
 class ChannelHealthBoard {
  public:
   struct Moment {

@@ -2,9 +2,11 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
+#include <cstring>
+#include <ctime>
 #include <tuple>
 
 #include "apps/recorder/base/Units.h"
@@ -27,12 +29,20 @@ void StopOnSignals() {
   sigaction(SIGTERM, &action, nullptr);
 }
 
+int64_t MonotonicNow() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * kMicros + now.tv_nsec / 1000;
+}
+
 namespace {
 
 constexpr int64_t kBackwardJump = 1 * kMicros;
 constexpr int64_t kForwardJump = 3600 * kMicros;
-
-int Interrupted(void*) { return gStop ? 1 : 0; }
+constexpr AVRational kMicroBase = {1, static_cast<int>(kMicros)};
+// What is read of a network stream to find out what it is; libavformat's own limits take up to 7 seconds.
+constexpr const char* kAnalysis = "2000000";  // microseconds
+constexpr const char* kRatePictures = "5";
 
 bool SameStream(const ImfStreamInfo& a, const ImfStreamInfo& b) {
   const auto fields = [](const ImfStreamInfo& info) {
@@ -41,6 +51,10 @@ bool SameStream(const ImfStreamInfo& a, const ImfStreamInfo& b) {
                     info.frameRateDenominator, info.extraData);
   };
   return fields(a) == fields(b);
+}
+
+AVRational RateOf(const AVStream& stream) {
+  return stream.avg_frame_rate.num > 0 ? stream.avg_frame_rate : stream.r_frame_rate;
 }
 
 ImfStreamInfo DescribeStream(const AVStream& stream, int channel) {
@@ -55,7 +69,7 @@ ImfStreamInfo DescribeStream(const AVStream& stream, int channel) {
   info.height = parameters.height;
   info.timeBaseNumerator = stream.time_base.num;
   info.timeBaseDenominator = stream.time_base.den;
-  const AVRational rate = stream.avg_frame_rate.num > 0 ? stream.avg_frame_rate : stream.r_frame_rate;
+  const AVRational rate = RateOf(stream);
   if (rate.num > 0 && rate.den > 0) {
     info.frameRateNumerator = rate.num;
     info.frameRateDenominator = rate.den;
@@ -64,71 +78,94 @@ ImfStreamInfo DescribeStream(const AVStream& stream, int channel) {
   return info;
 }
 
-// Whether a parameter of this name, which ends at `end`, is nobody's business.
-bool IsSecret(const std::string& address, size_t end) {
-  size_t begin = end;
-  const auto isName = [](char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '-';
-  };
-  while (begin > 0 && isName(address[begin - 1])) --begin;
-  std::string name = address.substr(begin, end - begin);
-  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (name == "pw") return true;
-  for (const char* word : {"pas", "pwd", "psw", "secret", "token", "auth", "key", "sign", "credential"}) {
-    if (name.find(word) != std::string::npos) return true;
-  }
-  return false;
+bool IsIntraOnly(const AVStream& stream) {
+  const AVCodecDescriptor* codec = avcodec_descriptor_get(stream.codecpar->codec_id);
+  return codec != nullptr && (codec->props & AV_CODEC_PROP_INTRA_ONLY) != 0;
+}
+
+// The time of day at which the source says that it took a picture, as RTCP's sender reports do.
+std::optional<int64_t> CameraTime(const AVPacket& packet) {
+  size_t size = 0;
+  const uint8_t* reference = av_packet_get_side_data(&packet, AV_PKT_DATA_PRFT, &size);
+  AVProducerReferenceTime time;
+  if (reference == nullptr || size < sizeof time) return std::nullopt;
+  std::memcpy(&time, reference, sizeof time);
+  return time.wallclock;
+}
+
+// Whether the format's name, which may be several with commas between, has one of `names`.
+bool IsFormat(const AVInputFormat& format, std::initializer_list<const char*> names) {
+  const std::string list = std::string(",") + format.name + ",";
+  return std::any_of(names.begin(), names.end(), [&](const char* name) {
+    return list.find("," + std::string(name) + ",") != std::string::npos;
+  });
 }
 
 }  // namespace
 
-std::string ShownAddress(const std::string& url) {
-  const size_t scheme = url.find("://");
-  if (scheme == std::string::npos) return url;
-  const size_t host = url.find_first_of("/?#", scheme + 3);
-  const size_t at = url.rfind('@', host);
-  std::string shown = url;
-  if (at != std::string::npos && at > scheme) shown = url.substr(0, scheme + 3) + "***" + url.substr(at);
-  // Cameras take passwords in the query, and some in the path.
-  for (size_t i = shown.find('=', scheme); i != std::string::npos; i = shown.find('=', i + 1)) {
-    if (!IsSecret(shown, i)) continue;
-    const size_t end = std::min(shown.find_first_of("&;/?#", i), shown.size());
-    shown.replace(i + 1, end - i - 1, "***");
-  }
-  return shown;
-}
-
-Input::Input(std::string url, int channel)
-    : mUrl(std::move(url)), mChannel(channel), mPacket(av_packet_alloc()) {}
+Input::Input(std::string url, int channel, int64_t timeout)
+    : mUrl(std::move(url)),
+      mChannel(channel),
+      mIsNetwork(IsNetwork(mUrl)),
+      mTimeout(timeout),
+      mPacket(av_packet_alloc()) {}
 
 Input::~Input() {
+  // Taking leave of a camera that does not listen any more must not take long either.
+  mDeadline = std::min(mDeadline, MonotonicNow() + kMicros);
   avformat_close_input(&mContext);
   av_packet_free(&mPacket);
+}
+
+int Input::Interrupted(void* input) {
+  const auto* self = static_cast<const Input*>(input);
+  return gStop || (self->mIsNetwork && MonotonicNow() > self->mDeadline) ? 1 : 0;
+}
+
+// Once missed, a deadline stays missed: libavformat still hands out what it had in store.
+void Input::ExtendDeadline() {
+  const int64_t now = MonotonicNow();
+  if (mDeadline == 0 || now <= mDeadline) mDeadline = now + mTimeout;
 }
 
 bool Input::Fail(int error) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {};
   av_strerror(error, text, sizeof text);
   mError = text;
+  mTimedOut = mIsNetwork && MonotonicNow() > mDeadline;
+  mHopeless = error == AVERROR_PROTOCOL_NOT_FOUND;
   return false;
 }
 
 bool Input::Open() {
   struct stat st;
   const std::string path = mUrl.rfind("file:", 0) == 0 ? mUrl.substr(5) : mUrl;
-  mIsFile = stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+  const bool isStandard = mUrl == "-";
+  mIsFile = (isStandard ? fstat(STDIN_FILENO, &st) : stat(path.c_str(), &st)) == 0 && S_ISREG(st.st_mode);
 
   mContext = avformat_alloc_context();
   if (mContext == nullptr || mPacket == nullptr) return Fail(AVERROR(ENOMEM));
-  mContext->interrupt_callback.callback = Interrupted;
-  mContext->flags |= AVFMT_FLAG_GENPTS;
+  mContext->interrupt_callback = {Interrupted, this};
   AVDictionary* options = nullptr;
   av_dict_set(&options, "rtsp_transport", "tcp", 0);  // a recording with holes is worth less than a late one
-  int result = avformat_open_input(&mContext, mUrl.c_str(), nullptr, &options);
+  if (mIsNetwork) {
+    av_dict_set(&options, "analyzeduration", kAnalysis, 0);
+    av_dict_set(&options, "fpsprobesize", kRatePictures, 0);
+  } else {
+    mContext->flags |= AVFMT_FLAG_GENPTS;
+  }
+  ExtendDeadline();
+  int result = avformat_open_input(&mContext, isStandard ? "pipe:0" : mUrl.c_str(), nullptr, &options);
   av_dict_free(&options);
-  if (result < 0) return Fail(result);
-  result = avformat_find_stream_info(mContext, nullptr);
-  if (result < 0) return Fail(result);
+  if (result >= 0) {
+    ExtendDeadline();
+    result = avformat_find_stream_info(mContext, nullptr);
+  }
+  if (result < 0) {
+    Fail(result);
+    if (mTimedOut) mError = "nothing came within " + FormatDuration(static_cast<double>(mTimeout) / kMicros);
+    return false;
+  }
   mIndex = av_find_best_stream(mContext, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
   if (mIndex < 0) {
     mError = "there is no video in it";
@@ -137,32 +174,86 @@ bool Input::Open() {
   for (unsigned i = 0; i < mContext->nb_streams; i++) {
     if (static_cast<int>(i) != mIndex) mContext->streams[i]->discard = AVDISCARD_ALL;
   }
+  DescribeStamps();
+  ExtendDeadline();
   return true;
 }
 
+// What the packets' stamps are worth depends on where they come from: RTP and Matroska have presentation times
+// only, and of what libavformat makes of these the first ones are missing; pictures in a row have no times at
+// all, though libavformat counts 25 of them a second.
+void Input::DescribeStamps() {
+  const AVInputFormat& format = *mContext->iformat;
+  const AVStream& stream = *mContext->streams[mIndex];
+  mHasStamps = mIsFile || ((format.flags & AVFMT_NOTIMESTAMPS) == 0 && !IsFormat(format, {"mpjpeg"}));
+  const bool isRtp = IsFormat(format, {"rtsp", "rtp", "sdp"});
+  if (!mIsFile && !IsIntraOnly(stream)) mPicturesHeld = isRtp ? 1 : IsFormat(format, {"mpegts"}) ? 2 : 0;
+  StampFiller::Options options;
+  options.decodeStamps = !isRtp && !IsFormat(format, {"matroska", "webm"});
+  options.reorder = std::max(stream.codecpar->video_delay, 0);
+  AVRational rate = RateOf(stream);
+  if (rate.num <= 0 || rate.den <= 0) rate = {25, 1};
+  options.interval = std::max<int64_t>(1, av_rescale_q(1, av_inv_q(rate), stream.time_base));
+  options.jump = std::max(av_rescale_q(kBackwardJump, kMicroBase, stream.time_base),
+                          2 * (options.reorder + 1) * options.interval);
+  mFiller.emplace(options);
+}
+
 Input::Result Input::Read(Sample* sample) {
+  for (;;) {
+    std::optional<StampFiller::Stamps> stamps = mFiller->Take(mEnd != Result::kPacket);
+    if (stamps) {
+      *sample = std::move(mRead.front());
+      mRead.pop_front();
+      FillStamps(*stamps, sample);
+      return Result::kPacket;
+    }
+    if (mEnd == Result::kPacket) mEnd = Fetch();
+    if (mEnd != Result::kPacket && mRead.empty()) return mEnd;
+  }
+}
+
+// Reads one packet into mRead.
+Input::Result Input::Fetch() {
   for (;; av_packet_unref(mPacket)) {
     const int result = av_read_frame(mContext, mPacket);
     if (gStop && result < 0) return Result::kStopped;
     if (result == AVERROR(EINTR)) continue;
-    if (result == AVERROR_EOF) return Result::kEnd;
     if (result < 0) {
       Fail(result);
-      return Result::kFailed;
+      if (mTimedOut) mError = "no picture for " + FormatDuration(static_cast<double>(mTimeout) / kMicros);
+      return result == AVERROR_EOF && !mTimedOut ? Result::kEnd : Result::kFailed;
     }
     if (mPacket->stream_index == mIndex && mPacket->size > 0) break;
   }
-  ImfPacket& packet = sample->packet;
+  ExtendDeadline();
+  Sample sample;
+  FillArrival(&sample);
+  ImfPacket& packet = sample.packet;
   packet.channel = mChannel;
   packet.keyFrame = (mPacket->flags & AV_PKT_FLAG_KEY) != 0;
-  packet.duration = mPacket->duration;
+  packet.duration = mHasStamps ? mPacket->duration : 0;
   packet.data.assign(mPacket->data, mPacket->data + mPacket->size);
   UpdateStream(packet.keyFrame);
-  sample->stream = mStream;
-  sample->newTimeline = false;
-  FillTimes(sample);
+  sample.stream = mStream;
+  StampFiller::Given given;
+  if (mPacket->pts != AV_NOPTS_VALUE) given.pts = mPacket->pts;
+  if (mPacket->dts != AV_NOPTS_VALUE) given.dts = mPacket->dts;
+  mFiller->Put(given);
+  mRead.push_back(std::move(sample));
   av_packet_unref(mPacket);
   return Result::kPacket;
+}
+
+// A picture whose end is only seen by the beginning of the one behind it comes out when that arrives, and with
+// what came beside that.
+void Input::FillArrival(Sample* sample) {
+  mComeOut.push_back({MonotonicNow(), CameraTime(*mPacket)});
+  const bool isFull = mComeOut.size() > mPicturesHeld;
+  sample->arrival = mComeOut.front().at;
+  if (!isFull) return;
+  sample->camera = mComeOut.front().camera;
+  mComeOut.pop_front();
 }
 
 // New parameters come with a key frame; looking at every packet would compare for nothing.
@@ -171,6 +262,11 @@ void Input::UpdateStream(bool keyFrame) {
   const uint8_t* extraData = av_packet_get_side_data(mPacket, AV_PKT_DATA_NEW_EXTRADATA, &size);
   if (mStream && !keyFrame && extraData == nullptr) return;
   ImfStreamInfo info = DescribeStream(*mContext->streams[mIndex], mChannel);
+  if (!mHasStamps) {
+    info.timeBaseNumerator = kMicroBase.num;
+    info.timeBaseDenominator = kMicroBase.den;
+    info.frameRateNumerator = 0;
+  }
   if (extraData != nullptr) {
     info.extraData.assign(extraData, extraData + size);
   } else if (mStream && info.extraData == mFirstExtraData) {
@@ -180,19 +276,27 @@ void Input::UpdateStream(bool keyFrame) {
   if (!mStream || !SameStream(*mStream, info)) mStream = std::make_shared<const ImfStreamInfo>(std::move(info));
 }
 
-void Input::FillTimes(Sample* sample) {
+void Input::FillStamps(StampFiller::Stamps stamps, Sample* sample) {
   ImfPacket& packet = sample->packet;
+  if (!mHasStamps) {
+    if (!mStarted) mFirstArrival = sample->arrival;
+    packet.pts = packet.dts = sample->streamTime = std::max(sample->arrival - mFirstArrival, mLastTime + 1);
+    mLastTime = packet.dts;
+    mStarted = true;
+    return;
+  }
+  packet.pts = stamps.pts;
+  packet.dts = stamps.dts;
   const AVRational timeBase = mContext->streams[mIndex]->time_base;
-  const AVRational micros = {1, static_cast<int>(kMicros)};
-  packet.dts = mPacket->dts != AV_NOPTS_VALUE ? mPacket->dts
-               : mStarted                     ? mNextDts
-                                              : std::max<int64_t>(mPacket->pts, 0);
-  packet.pts = mPacket->pts != AV_NOPTS_VALUE ? mPacket->pts : packet.dts;
-  mNextDts = packet.dts + std::max<int64_t>(packet.duration, 1);
+  sample->stamps = StreamStamps{av_rescale_q(packet.pts, timeBase, kMicroBase),
+                                av_rescale_q(packet.dts, timeBase, kMicroBase)};
+  sample->displayOffset = sample->stamps->pts - sample->stamps->dts;
+  FillStreamTime(sample);
+}
 
-  const int64_t decoding = av_rescale_q(packet.dts, timeBase, micros);
-  sample->displayOffset = av_rescale_q(packet.pts, timeBase, micros) - decoding;
-  if (!mStarted) mOrigin = decoding + sample->displayOffset;  // the first picture is shown at time 0
+void Input::FillStreamTime(Sample* sample) {
+  const int64_t decoding = sample->stamps->dts;
+  if (!mStarted) mOrigin = sample->stamps->pts;  // the first picture is shown at time 0
   int64_t time = decoding - mOrigin;
   if (mStarted && (time < mLastTime - kBackwardJump || time > mLastTime + kForwardJump)) {
     // The stream's own clock was set, as where two recordings were put together. Ours goes on.

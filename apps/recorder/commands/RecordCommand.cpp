@@ -10,7 +10,9 @@ namespace recorder {
 void AddRecordCommand(CLI::App& app, Context& context) {
   auto options = std::make_shared<RecordOptions>();
   CLI::App* command = app.add_subcommand("record", "Record inputs, one channel each, until SIGINT or SIGTERM");
-  command->add_option("--input", options->inputs, "File, camera or stream; channels 0, 1, ... in this order")
+  command
+      ->add_option("--input", options->inputs,
+                   "File, camera or stream, - for standard input; channels 0, 1, ... in this order")
       ->required()
       ->allow_extra_args(false);
   command->add_option("--disk", options->disks, "Disk to record to (default: every prepared one)")
@@ -22,13 +24,18 @@ void AddRecordCommand(CLI::App& app, Context& context) {
                       "Hours for which recordings are kept at most (default 0: no limit)");
   command->add_option(
       "--clock", options->clock,
-      "wall: packets are recorded at the time of day at which they arrive (default); stream: at "
+      "wall: pictures are recorded at the time of day at which they were taken (default); stream: at "
       "--start plus their own time, as fast as the disk takes them");
   command->add_option("--start", options->start,
                       "Time at which --clock stream starts: ISO 8601, or epoch seconds");
   command->add_option("--checkpoint", options->checkpoint, "Seconds that a power cut may cost (default 2)");
   command->add_flag("--standby", options->standby,
                     "Wait while another recorder has the disks, and take over when it is gone");
+  command->add_option("--input-timeout", options->inputTimeout,
+                      "Seconds after which a network input that is silent is connected to again (default 10)");
+  command->add_option(
+      "--camera-clock", options->cameraClock,
+      "Channels whose cameras know the time of day, as 0,2-3 or all: what they say of it is recorded");
   command->callback(
       [options, &context] { context.run = [options, &context] { return Record(*options, context.root); }; });
 }

@@ -11,7 +11,8 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
-#include "apps/recorder/capture/Capture.h"
+#include "apps/recorder/capture/StreamClockSource.h"
+#include "apps/recorder/capture/WallClockSource.h"
 #include "apps/recorder/disks/DirectoryLock.h"
 #include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/recording/ForeignFiles.h"
@@ -34,6 +35,7 @@ struct Plan {
   ipc_preserve_limit_e keep = IPC_PRESERVE_UNLIMITED;
   bool streamClock = false;
   int64_t start = 0;  // microseconds since the epoch
+  WallClockSource::Options capture;
 };
 
 Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* plan) {
@@ -44,6 +46,13 @@ Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* pl
   if (options.segment < 1 || options.segment > 24 * 3600) return "--segment takes 1 to 86400 seconds";
   if (options.checkpoint < 1 || options.checkpoint > 3600) return "--checkpoint takes 1 to 3600 seconds";
   if (Refusal refusal = RefuseKeepHours(options.keep, &plan->keep)) return refusal;
+  if (options.inputTimeout < 1 || options.inputTimeout > 3600) return "--input-timeout takes 1 to 3600 seconds";
+  plan->capture.timeout = options.inputTimeout * kMicros;
+  if (!options.cameraClock.empty()) {
+    const std::optional<uint32_t> trusted = ParseChannels(options.cameraClock);
+    if (!trusted) return "--camera-clock " + options.cameraClock + " names no channels: 0,2-3 or all does";
+    plan->capture.trustedCameras = *trusted;
+  }
   plan->streamClock = options.clock == "stream";
   if (!plan->streamClock && options.clock != "wall") return "--clock is wall or stream";
   if (plan->streamClock == options.start.empty()) {
@@ -89,6 +98,11 @@ int RecordAll(Source& source, Segments& segments) {
           return kFound;
         }
         break;
+      case SourceEvent::kChannelBack:
+      case SourceEvent::kChannelStillLost:
+        Complain("channel %d: %s", event.channel, event.reason.c_str());
+        break;
+      case SourceEvent::kChannelLost:
       case SourceEvent::kChannelEnded:
         if (!event.reason.empty()) Complain("channel %d: %s", event.channel, event.reason.c_str());
         segments.EndChannel(event.channel);
@@ -136,9 +150,9 @@ int Record(const RecordOptions& options, const std::string& root) {
   Segments segments(disks, index, recovery, {options.segment, options.checkpoint, options.overwrite});
   std::unique_ptr<Source> source;
   if (plan.streamClock) {
-    source = std::make_unique<StreamClockSource>(options.inputs, plan.start);
+    source = std::make_unique<StreamClockSource>(options.inputs, plan.start, plan.capture.timeout);
   } else {
-    source = std::make_unique<WallClockSource>(options.inputs);
+    source = std::make_unique<WallClockSource>(options.inputs, plan.capture);
   }
   const int status = RecordAll(*source, segments);
 

@@ -18,6 +18,8 @@ struct RecordOptions {
   std::string clock = "wall";
   std::string start;
   bool standby = false;
+  int inputTimeout = 10;    // seconds
+  std::string cameraClock;  // channels, or "all"
 };
 
 // Records until every input has ended or a signal stops it. Returns the exit status; every failure has said a

@@ -1,0 +1,140 @@
+#include "apps/recorder/capture/ChannelClock.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "apps/recorder/base/Units.h"
+
+namespace recorder {
+
+namespace {
+
+constexpr int64_t kWindow = 30 * kMicros;       // in which the least delayed packet counts
+constexpr int64_t kLearning = kMicros / 2;      // what a new connection had in store has come by then
+constexpr int64_t kJump = 1 * kMicros;          // an error that is not corrected slowly
+constexpr int64_t kCameraTrust = 10 * kMicros;  // how far a camera's clock may be from the machine's
+constexpr int64_t kClockJump = 5 * kMicros;     // a time of day set by less is followed slowly
+constexpr int64_t kLongestStep = 1 * kMicros;   // of stream time, as far as corrections go
+// Corrections, as parts of the time that passes. Packets can only be late, never early, so an error that makes
+// pictures late is proven and goes quickly, though never so quickly that the order of the pictures between a
+// picture's decoding and its display suffers. Cameras' clocks are at most 500 ppm off.
+constexpr int64_t kQuick = 32;
+constexpr int64_t kSlow = 1000;
+constexpr int64_t kSqueeze = 1000;
+
+}  // namespace
+
+// --- Stream's clock to the machine's ---
+
+ChannelClock::Tie ChannelClock::Arrive(int64_t arrival, std::optional<StreamStamps> stamps,
+                                       std::optional<int64_t> camera) {
+  if (!mConnected || mTies.empty() || (stamps && HasJumped(mTies.back(), arrival, *stamps))) {
+    State tie;
+    tie.number = mNextTie++;
+    tie.firstArrival = arrival;
+    mTies.push_back(tie);
+    mConnected = true;
+  }
+  State& tie = mTies.back();
+  if (!stamps) return tie.number;
+  mLastArrived = stamps->dts;
+  NoteDifference(&tie, arrival, arrival - stamps->pts);
+  if (camera) {
+    mCameraRefused = std::abs(*camera - arrival) > kCameraTrust;
+    if (!mCameraRefused) {
+      tie.camera = *camera - stamps->pts;
+      tie.cameraArrival = arrival;
+    }
+  } else if (arrival - tie.cameraArrival > kWindow) {
+    tie.camera.reset();
+  }
+  return tie.number;
+}
+
+// A stream that goes back has been set. So has one that runs ahead by more than its packets can have been late.
+// When none comes on time any more, for as long as the window, the source stood still for a while.
+bool ChannelClock::HasJumped(const State& tie, int64_t arrival, const StreamStamps& stamps) const {
+  if (tie.window.empty()) return false;
+  if (stamps.dts <= mLastArrived) return true;
+  if (!tie.placed) return false;
+  const int64_t target = Target(tie);
+  if (tie.camera) return std::abs(target - tie.offset) > kJump;
+  return arrival - stamps.pts < tie.offset - kJump ||
+         (arrival - tie.firstArrival > kWindow && target > tie.offset + kJump);
+}
+
+void ChannelClock::NoteDifference(State* tie, int64_t arrival, int64_t difference) {
+  std::deque<Bucket>& window = tie->window;
+  if (window.empty() || arrival >= window.back().begin + kMicros) {
+    window.push_back({arrival, difference});
+  } else {
+    window.back().difference = std::min(window.back().difference, difference);
+  }
+  while (window.front().begin < arrival - kWindow) window.pop_front();
+}
+
+int64_t ChannelClock::Least(const State& tie) {
+  int64_t least = tie.window.front().difference;
+  for (const Bucket& bucket : tie.window) least = std::min(least, bucket.difference);
+  return least;
+}
+
+int64_t ChannelClock::Target(const State& tie) { return tie.camera ? *tie.camera : Least(tie); }
+
+void ChannelClock::Correct(State* tie, int64_t step) {
+  const int64_t error = Target(*tie) - tie->offset;
+  if (error < 0) {
+    tie->offset -= std::min(-error, step / kQuick);
+  } else {
+    tie->offset += std::min(error, step / (tie->camera ? kQuick : kSlow));
+  }
+}
+
+int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamStamps> stamps) {
+  while (mTies.size() > 1 && mTies.front().number < number) mTies.pop_front();
+  State& tie = mTies.front();
+  int64_t time = arrival;
+  if (stamps && !tie.window.empty()) {
+    if (!tie.placed) {
+      tie.placed = true;
+      tie.offset = Target(tie);
+      tie.firstPts = stamps->pts;
+      tie.squeezeFrom = mAnyPlaced ? mLatest + 1 : stamps->pts + tie.offset - kWindow;
+    } else {
+      Correct(&tie, std::clamp<int64_t>(stamps->dts - tie.lastDts, 0, kLongestStep));
+    }
+    tie.lastDts = stamps->dts;
+    // What would overlap the tie before is drawn together behind it, in order.
+    time = std::max(stamps->pts + tie.offset, tie.squeezeFrom + (stamps->pts - tie.firstPts) / kSqueeze);
+  } else if (mAnyPlaced) {
+    time = std::max(time, mLatest + 1);
+  }
+  mLatest = mAnyPlaced ? std::max(mLatest, time) : time;
+  mAnyPlaced = true;
+  return time;
+}
+
+int64_t ChannelClock::LearnedAt(Tie number) const {
+  for (const State& tie : mTies) {
+    if (tie.number == number) return tie.firstArrival + kLearning;
+  }
+  return 0;
+}
+
+// --- Machine's clock to the time of day ---
+
+bool MachineClock::Look(int64_t monotonic, int64_t wall) {
+  const int64_t error = wall - monotonic - mOffset;
+  const bool jumped = mKnown && std::abs(error) > kClockJump;
+  if (!mKnown || jumped) {
+    mOffset += error;
+  } else {
+    const int64_t most = std::clamp<int64_t>(monotonic - mLast, 0, kLongestStep) / kQuick;
+    mOffset += std::clamp(error, -most, most);
+  }
+  mKnown = true;
+  mLast = monotonic;
+  return jumped;
+}
+
+}  // namespace recorder

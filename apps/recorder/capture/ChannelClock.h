@@ -1,0 +1,89 @@
+// When the pictures of a channel were taken, by the machine's monotonic clock: its stream's own clock, tied to
+// the machine's by the packets that were delayed least. docs/DESIGN.md "Time" has what is promised.
+//
+// Knows nothing of threads, of reading clocks and of media libraries: all times are given, in microseconds.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+
+namespace recorder {
+
+// A packet's time stamps by its stream's clock. In order of decoding, `dts` ascends while the clock is not set.
+struct StreamStamps {
+  int64_t pts = 0;
+  int64_t dts = 0;
+};
+
+class ChannelClock {
+ public:
+  // A tie of the stream's clock to the machine's: another one after a reconnect, and after either clock has
+  // jumped.
+  using Tie = int64_t;
+
+  // A packet has come at `arrival`. Without stamps the arrival is all that is known of its time. `camera` is
+  // when its picture was taken by the word of a source that is trusted with it. Packets come in order of
+  // decoding.
+  Tie Arrive(int64_t arrival, std::optional<StreamStamps> stamps, std::optional<int64_t> camera = std::nullopt);
+  // The next packet is from a new connection: its stamps have nothing to do with those before.
+  void Reconnected() { mConnected = false; }
+
+  // When the packet's picture was taken. To be asked once for each packet, in the order of Arrive(), and with
+  // advantage some time after it: until LearnedAt() the packets are late that a source had in store for whoever
+  // connects.
+  int64_t Place(Tie tie, int64_t arrival, std::optional<StreamStamps> stamps);
+  int64_t LearnedAt(Tie tie) const;
+
+  // A `camera` was given that is too far from the arrival to be believed, lately.
+  bool IsCameraRefused() const { return mCameraRefused; }
+
+ private:
+  struct Bucket {
+    int64_t begin = 0;       // arrival
+    int64_t difference = 0;  // the least of arrival minus pts
+  };
+  struct State {
+    Tie number = 0;
+    int64_t firstArrival = 0;
+    std::deque<Bucket> window;
+    std::optional<int64_t> camera;  // `camera` minus pts, the latest
+    int64_t cameraArrival = 0;
+
+    bool placed = false;
+    int64_t offset = 0;  // recording time minus stream time
+    int64_t lastDts = 0;
+    int64_t squeezeFrom = 0;  // recording time and stream time where pictures begin that overlap the tie before
+    int64_t firstPts = 0;
+  };
+
+  bool HasJumped(const State& tie, int64_t arrival, const StreamStamps& stamps) const;
+  void NoteDifference(State* tie, int64_t arrival, int64_t difference);
+  static int64_t Least(const State& tie);
+  static int64_t Target(const State& tie);
+  static void Correct(State* tie, int64_t step);
+
+  std::deque<State>
+      mTies;  // of which packets are still to be placed; the last is the one that packets arrive in
+  Tie mNextTie = 0;
+  bool mConnected = false;
+  int64_t mLastArrived = 0;  // dts
+  bool mCameraRefused = false;
+  bool mAnyPlaced = false;
+  int64_t mLatest = 0;  // recording time placed so far
+};
+
+// Recording time, which follows the machine's time of day, from its monotonic clock.
+class MachineClock {
+ public:
+  // The clocks as both are now. True: the time of day was set by so much that what follows is another timeline.
+  bool Look(int64_t monotonic, int64_t wall);
+  int64_t TimeOfDay(int64_t monotonic) const { return monotonic + mOffset; }
+
+ private:
+  bool mKnown = false;
+  int64_t mOffset = 0;
+  int64_t mLast = 0;  // monotonic
+};
+
+}  // namespace recorder

@@ -1,0 +1,389 @@
+// What gives pictures their times, fed with streams as cameras and networks really deliver them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <random>
+
+#include "apps/recorder/capture/ChannelCapture.h"
+#include "apps/recorder/capture/ChannelClock.h"
+#include "apps/recorder/capture/ChannelHealth.h"
+#include "apps/recorder/capture/PacketMerger.h"
+#include "apps/recorder/capture/StampFiller.h"
+
+namespace recorder {
+namespace {
+
+constexpr int64_t kSecond = 1000000;
+constexpr int64_t kStart = 1000 * kSecond;  // monotonic
+constexpr int64_t kNever = INT64_MAX;
+
+struct Sent {
+  int64_t taken;    // monotonic
+  int64_t arrival;  // monotonic
+  StreamStamps stamps;
+  std::optional<int64_t> camera;
+};
+
+// 25 pictures a second by a camera whose clock runs `ppm` fast, decoded in the order I P b b P b b when
+// `reordered`. Nothing of [stallFrom, stallTo) arrives before its end.
+struct Camera {
+  double ppm = 0;
+  bool reordered = false;
+  int64_t jitter = 0;
+  int64_t stallFrom = kNever;
+  int64_t stallTo = kNever;
+  int64_t jumpAt = kNever;  // stream time moves by `jump` from there on
+  int64_t jump = 0;
+  int64_t store = 0;  // what came before the connection is given at once
+  std::optional<int64_t> cameraOff;
+
+  std::vector<Sent> Send(int64_t seconds) const {
+    std::vector<Sent> all;
+    std::mt19937 random(7);
+    const int64_t step = kSecond / 25;
+    for (int64_t i = 0; i < seconds * 25; i++) {
+      Sent sent;
+      const int64_t shown = !reordered || i == 0 ? i : i % 3 == 1 ? i + 2 : i - 1;
+      sent.taken = kStart - store + shown * step;
+      const auto stamp = [&](int64_t picture) {
+        const auto passed = static_cast<double>(picture * step);
+        const int64_t at = kStart - store + i * step;
+        return static_cast<int64_t>(passed * (1 + ppm / 1e6)) + 5000 * kSecond + (at >= jumpAt ? jump : 0);
+      };
+      sent.stamps = {stamp(shown), stamp(reordered ? i - 1 : i)};
+      sent.arrival = std::max(kStart - store + i * step, sent.taken);
+      if (jitter > 0) sent.arrival += static_cast<int64_t>(random() % static_cast<uint64_t>(jitter));
+      sent.arrival = std::max(sent.arrival, kStart);
+      if (sent.arrival >= stallFrom && sent.arrival < stallTo) sent.arrival = stallTo + i;
+      if (!all.empty()) sent.arrival = std::max(sent.arrival, all.back().arrival);
+      if (cameraOff) sent.camera = sent.taken + *cameraOff;
+      all.push_back(sent);
+    }
+    return all;
+  }
+};
+
+struct Placed {
+  Sent sent;
+  int64_t time;
+};
+
+// As the merger uses the clock: a packet is placed when a quarter of a second has passed, or all is learned.
+std::vector<Placed> Place(ChannelClock* clock, const std::vector<Sent>& packets) {
+  std::vector<Placed> placed;
+  std::vector<ChannelClock::Tie> ties;
+  size_t next = 0;
+  const auto placeUntil = [&](int64_t now) {
+    for (; next < ties.size(); next++) {
+      const Sent& sent = packets[next];
+      if (now < std::max(sent.arrival + kSecond / 4, clock->LearnedAt(ties[next]))) return;
+      placed.push_back({sent, clock->Place(ties[next], sent.arrival, sent.stamps)});
+    }
+  };
+  for (const Sent& sent : packets) {
+    placeUntil(sent.arrival);
+    ties.push_back(clock->Arrive(sent.arrival, sent.stamps, sent.camera));
+  }
+  placeUntil(kNever);
+  return placed;
+}
+
+// Milliseconds between a picture's time and when it was taken, at most, from `from` seconds after the start.
+double LargestError(const std::vector<Placed>& placed, int64_t from = 0) {
+  int64_t error = 0;
+  for (const Placed& p : placed) {
+    if (p.sent.taken >= kStart + from * kSecond) error = std::max(error, std::abs(p.time - p.sent.taken));
+  }
+  return static_cast<double>(error) / 1000;
+}
+
+void ExpectOrder(std::vector<Placed> placed) {
+  for (size_t i = 1; i < placed.size(); i++) {
+    const auto decoded = [&](size_t n) {
+      return placed[n].time - (placed[n].sent.stamps.pts - placed[n].sent.stamps.dts);
+    };
+    ASSERT_GT(decoded(i), decoded(i - 1)) << i;
+  }
+  std::sort(placed.begin(), placed.end(),
+            [](const Placed& a, const Placed& b) { return a.sent.taken < b.sent.taken; });
+  for (size_t i = 1; i < placed.size(); i++) ASSERT_GT(placed[i].time, placed[i - 1].time) << i;
+}
+
+TEST(ChannelClock, TellsWhenPicturesWereTaken) {
+  struct Case {
+    const char* name;
+    Camera camera;
+    int64_t seconds;
+    int64_t from;    // seconds after which
+    double largest;  // error, milliseconds
+  };
+  std::vector<Case> cases(10);
+  cases[0] = {"good", {}, 60, 0, 1};
+  cases[1] = {"jitter", {}, 60, 10, 20};
+  cases[1].camera.jitter = kSecond / 5;
+  cases[2] = {"fast", {}, 7200, 0, 25};
+  cases[2].camera.ppm = 500;
+  cases[3] = {"slow, reordered", {}, 7200, 0, 25};
+  cases[3].camera.ppm = -500;
+  cases[3].camera.reordered = true;
+  cases[4] = {"stall", {}, 60, 0, 5};
+  cases[4].camera.reordered = true;
+  cases[4].camera.stallFrom = kStart + 20 * kSecond;
+  cases[4].camera.stallTo = kStart + 25 * kSecond;
+  cases[5] = {"in store", {}, 60, 0, 5};
+  cases[5].camera.reordered = true;
+  cases[5].camera.store = 7 * kSecond;
+  cases[6] = {"set forward", {}, 60, 0, 5};
+  cases[6].camera.jumpAt = kStart + 20 * kSecond;
+  cases[6].camera.jump = 3600 * kSecond;
+  cases[7] = {"set back", {}, 60, 0, 5};
+  cases[7].camera.jumpAt = kStart + 20 * kSecond;
+  cases[7].camera.jump = -30 * kSecond;
+  cases[8] = {"camera knows better", {}, 60, 20, 1};
+  cases[8].camera.jitter = 2 * kSecond;
+  cases[8].camera.cameraOff = 0;
+  cases[9] = {"camera is not believed", {}, 60, 0, 1};
+  cases[9].camera.cameraOff = -3600 * kSecond;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ChannelClock clock;
+    const std::vector<Placed> placed = Place(&clock, c.camera.Send(c.seconds));
+    EXPECT_EQ(placed.size(), static_cast<size_t>(c.seconds) * 25);
+    EXPECT_LE(LargestError(placed, c.from), c.largest);
+    ExpectOrder(placed);
+    EXPECT_EQ(clock.IsCameraRefused(), c.camera.cameraOff.value_or(0) != 0);
+  }
+}
+
+// A connection that begins in a stall is known to be late as soon as a packet comes on time. One whose packets
+// are late for good is not, and its pictures move over slowly, or at once when it is by more than a second.
+TEST(ChannelClock, CorrectsWhatItLearnedWrong) {
+  struct Case {
+    int64_t late;   // from the connection on
+    int64_t until;  // seconds
+    int64_t from;   // when the error is gone
+  };
+  for (const Case& c : {Case{kSecond * 3 / 5, 5, 30}, Case{3 * kSecond, 5, 9}}) {
+    std::vector<Sent> packets = Camera().Send(60);
+    for (Sent& sent : packets) {
+      if (sent.taken < kStart + c.until * kSecond) sent.arrival += c.late;
+    }
+    for (size_t i = packets.size() - 1; i > 0; i--)
+      packets[i - 1].arrival = std::min(packets[i - 1].arrival, packets[i].arrival);
+    ChannelClock clock;
+    const std::vector<Placed> placed = Place(&clock, packets);
+    EXPECT_LE(LargestError(placed, c.from), 1);
+    EXPECT_GE(LargestError(placed), static_cast<double>(c.late) / 1000 - 1) << "nobody could know";
+  }
+  // The source stood still: its stamps go on as if nothing had been.
+  std::vector<Sent> packets = Camera().Send(120);
+  for (Sent& sent : packets) {
+    if (sent.taken < kStart + 20 * kSecond) continue;
+    sent.taken += 5 * kSecond;
+    sent.arrival += 5 * kSecond;
+  }
+  ChannelClock clock;
+  const std::vector<Placed> placed = Place(&clock, packets);
+  EXPECT_LE(LargestError(placed, 60), 1);
+  ExpectOrder(placed);
+}
+
+// After a reconnect a camera may send once more what was recorded already.
+TEST(ChannelClock, StartsAnewBehindWhatWas) {
+  ChannelClock clock;
+  std::vector<Placed> placed = Place(&clock, Camera().Send(10));
+  Camera again;
+  again.store = 2 * kSecond;
+  std::vector<Sent> packets = again.Send(10);
+  for (Sent& sent : packets) {
+    sent.taken += 11 * kSecond;
+    sent.arrival += 11 * kSecond;
+    sent.stamps.pts -= 4000 * kSecond;
+    sent.stamps.dts -= 4000 * kSecond;
+  }
+  clock.Reconnected();
+  const std::vector<Placed> more = Place(&clock, packets);
+  placed.insert(placed.end(), more.begin(), more.end());
+  for (size_t i = 1; i < placed.size(); i++) ASSERT_GT(placed[i].time, placed[i - 1].time) << i;
+  EXPECT_LE(LargestError(more, 11), 1);
+}
+
+TEST(ChannelClock, TakesArrivalsWhereThereAreNoStamps) {
+  ChannelClock clock;
+  int64_t last = 0;
+  for (const int64_t arrival : {kStart, kStart + 5, kStart + 5, kStart + kSecond}) {
+    const int64_t time = clock.Place(clock.Arrive(arrival, std::nullopt), arrival, std::nullopt);
+    EXPECT_GT(time, last);
+    EXPECT_NEAR(static_cast<double>(time), static_cast<double>(arrival), 2);
+    last = time;
+  }
+}
+
+TEST(MachineClock, FollowsTheTimeOfDay) {
+  MachineClock clock;
+  const int64_t wall = 1700000000 * kSecond;
+  int64_t set = 0;
+  int64_t last = 0;
+  const auto run = [&](int64_t from, int64_t to) {
+    int jumps = 0;
+    for (int64_t now = from * kSecond; now < to * kSecond; now += kSecond / 25) {
+      jumps += clock.Look(now, wall + set + now) ? 1 : 0;
+      EXPECT_TRUE(jumps > 0 || clock.TimeOfDay(now) > last);
+      last = clock.TimeOfDay(now);
+    }
+    return jumps;
+  };
+  EXPECT_EQ(run(0, 10), 0);
+  set = -4 * kSecond;
+  EXPECT_EQ(run(10, 150), 0) << "slowly, and never back";
+  EXPECT_EQ(clock.TimeOfDay(0), wall + set);
+  set = -3600 * kSecond;
+  EXPECT_EQ(run(150, 160), 1);
+  EXPECT_EQ(clock.TimeOfDay(0), wall + set);
+}
+
+TEST(StampFiller, CompletesWhatSourcesLeaveOut) {
+  using Given = StampFiller::Given;
+  constexpr std::nullopt_t kNone = std::nullopt;
+  struct Case {
+    const char* name;
+    StampFiller::Options options;
+    std::vector<Given> given;
+    std::vector<std::pair<int64_t, int64_t>> stamps;  // pts, dts
+  };
+  const Case cases[] = {
+      {"complete", {true, 1, 10, 100}, {{0, -10}, {30, 0}, {10, 10}}, {{0, -10}, {30, 0}, {10, 10}}},
+      {"RTP: the first is missing",
+       {false, 1, 10, 100},
+       {{kNone, kNone}, {30, kNone}, {10, 5}, {20, kNone}, {60, kNone}},
+       {{0, -10}, {30, 0}, {10, 10}, {20, 20}, {60, 30}}},
+      {"RTP: nothing reordered",
+       {false, 0, 10, 100},
+       {{kNone, kNone}, {10, kNone}, {20, kNone}},
+       {{0, 0}, {10, 10}, {20, 20}}},
+      {"a picture in two packets",
+       {false, 0, 10, 100},
+       {{0, kNone}, {0, kNone}, {10, kNone}},
+       {{0, 0}, {0, 1}, {10, 10}}},
+      {"deeper than known",
+       {false, 1, 10, 1000},
+       {{0, kNone}, {40, kNone}, {20, kNone}, {10, kNone}, {30, kNone}, {80, kNone}, {60, kNone}, {50, kNone}},
+       {{0, -10}, {40, 0}, {20, 20}, {10, 21}, {30, 22}, {80, 30}, {60, 40}, {50, 50}}},
+      {"the clock is set back",
+       {false, 0, 10, 100},
+       {{1000, kNone}, {1010, kNone}, {0, kNone}, {10, kNone}},
+       {{1000, 1000}, {1010, 1010}, {0, 0}, {10, 10}}},
+      {"nothing at all", {true, 0, 10, 100}, {{kNone, kNone}, {kNone, kNone}}, {{0, 0}, {10, 10}}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    StampFiller filler(c.options);
+    std::vector<std::pair<int64_t, int64_t>> stamps;
+    for (const Given& given : c.given) {
+      filler.Put(given);
+      while (auto next = filler.Take(false)) stamps.push_back({next->pts, next->dts});
+    }
+    while (auto next = filler.Take(true)) stamps.push_back({next->pts, next->dts});
+    EXPECT_EQ(stamps, c.stamps);
+  }
+}
+
+// Two cameras, one of which stalls: its packets come late, but hold nobody up for longer than a moment.
+TEST(PacketMerger, WritesInOrderOfTime) {
+  PacketMerger merger(2);
+  Camera stalled;
+  stalled.stallFrom = kStart + 3 * kSecond;
+  stalled.stallTo = kStart + 6 * kSecond;
+  Camera early;
+  early.jitter = kSecond / 10;
+  struct Put {
+    int channel;
+    Sent sent;
+  };
+  std::vector<Put> puts;
+  for (const Sent& sent : early.Send(10)) puts.push_back({0, sent});
+  for (const Sent& sent : stalled.Send(10)) puts.push_back({1, sent});
+  std::stable_sort(puts.begin(), puts.end(),
+                   [](const Put& a, const Put& b) { return a.sent.arrival < b.sent.arrival; });
+  int64_t latest = 0;
+  int64_t longest = 0;
+  size_t taken = 0;
+  const auto take = [&](int64_t now, bool drain) {
+    SourceEvent event;
+    int64_t again = kNever;
+    while (merger.Take(now, drain, &event, &again)) {
+      const Sample& sample = event.sample;
+      taken++;
+      if (!drain && now > kStart + kSecond) longest = std::max(longest, now - sample.arrival);
+      const bool lateOne =
+          event.channel == 1 && sample.arrival >= stalled.stallTo && sample.arrival < stalled.stallTo + 1000;
+      if (!lateOne) {
+        EXPECT_GE(sample.packet.time, latest) << event.channel;
+        latest = sample.packet.time;
+      }
+    }
+  };
+  for (const Put& put : puts) {
+    take(put.sent.arrival, false);
+    Sample sample;
+    sample.packet.channel = put.channel;
+    sample.packet.data.resize(10);
+    sample.arrival = put.sent.arrival;
+    sample.stamps = put.sent.stamps;
+    merger.PutPacket(std::move(sample), std::nullopt);
+  }
+  take(kNever, true);
+  EXPECT_EQ(taken, puts.size());
+  EXPECT_LE(longest, kSecond * 2 / 5);
+  EXPECT_EQ(merger.WaitingBytes(0), 0u);
+}
+
+TEST(RetryPlan, WaitsLongerEachTime) {
+  RetryPlan plan;
+  const int64_t expected[] = {0, 1, 2, 4, 8, 16, 30, 30};
+  for (const int64_t seconds : expected) EXPECT_EQ(plan.AfterFailure(0), seconds * kSecond);
+  EXPECT_EQ(plan.AfterFailure(kSecond), 30 * kSecond) << "one picture is no connection";
+  for (const int64_t seconds : {0, 1, 2})
+    EXPECT_EQ(plan.AfterFailure(seconds == 0 ? 60 * kSecond : 0), seconds * kSecond);
+}
+
+TEST(ChannelHealth, TellsWhatAChannelDoes) {
+  using State = ChannelHealth::State;
+  const auto at = [](int64_t seconds) {
+    return ChannelHealthBoard::Moment{(1700000000 + seconds) * kSecond, seconds * kSecond};
+  };
+  ChannelHealthBoard board({"rtsp://***@a/1"}, at(100));
+  EXPECT_EQ(board.Look(at(101))[0].state, State::kConnecting);
+  for (int64_t i = 0; i < 100; i++) {
+    ChannelHealthBoard::Moment now = at(110);
+    now.monotonic += i * kSecond / 10;
+    now.wall += i * kSecond / 10;
+    board.NotePicture(0, 1000, now);
+  }
+  ChannelHealth health = board.Look(at(120))[0];
+  EXPECT_EQ(health.state, State::kRecording);
+  EXPECT_EQ(health.since, at(110).wall);
+  EXPECT_DOUBLE_EQ(health.picturesPerSecond, 10);
+  EXPECT_DOUBLE_EQ(health.bytesPerSecond, 10000);
+  health = board.Look(at(130))[0];
+  EXPECT_EQ(health.state, State::kSilent);
+  EXPECT_EQ(health.since, health.lastPicture);
+  board.NoteLost(0, "no picture for 0:10", at(130));
+  board.NoteLost(0, "Connection refused", at(131));
+  health = board.Look(at(140))[0];
+  EXPECT_EQ(health.state, State::kLost);
+  EXPECT_EQ(health.since, at(130).wall);
+  EXPECT_EQ(health.reason, "Connection refused");
+  EXPECT_EQ(health.picturesPerSecond, 0);
+  board.NoteBack(0);
+  board.NotePicture(0, 1000, at(141));
+  health = board.Look(at(141))[0];
+  EXPECT_EQ(health.state, State::kRecording);
+  EXPECT_EQ(health.reconnects, 1);
+  EXPECT_EQ(health.pictures, 101);
+}
+
+}  // namespace
+}  // namespace recorder
