@@ -146,4 +146,31 @@ TEST_F(StrangersDisk, DoesNoHarm) {
   }
 }
 
+// An emptied data directory is removed by a shell, which would follow a link and empty what it leads to. While
+// a recorder is at work, somebody puts a link in the place of the next directory to be emptied.
+TEST_F(StrangersDisk, ADirectoryTurnedIntoALinkIsNotRemoved) {
+  MakeDisk();
+  for (int i = 3; i < 12; ++i) MakeTestFile(mDisk + "imf_free/0000010" + std::to_string(i) + ".imf", kSize);
+  const std::string old = "5f5e0000_5f5e000a_cm1.imf";
+  MakeTestFile(mDisk + "data_00000001/" + old, kSize);
+  fs::copy(mDisk + "data_00000001/" + old, mOutside + old);
+  mBefore = Outside();
+  // Twenty segments in two halves, for twelve free files.
+  const std::string script =
+      "cd " + mRoot.Path() +
+      " && ffmpeg -v error -f lavfi -i testsrc2=size=64x48:rate=25 -t 20 -c:v libx264 -preset ultrafast -g 25 "
+      "v.ts"
+      " && mkfifo in.ts && { timeout -s KILL 60 " RECORDER_PROGRAM " --root " +
+      mRoot.Path() +
+      " record --clock stream --start 1700000000 --segment 1 --input in.ts & exec 9>in.ts"
+      "; head -c $(($(stat -c %s v.ts) / 2)) v.ts >&9"
+      "; for i in $(seq 100); do ls disk/d/data_*/6553f104_*_cm1.imf && break; sleep 0.1; done"
+      "; mv disk/d/data_00000001 gone; ln -s ../../outside disk/d/data_00000001"
+      "; tail -c +$(($(stat -c %s v.ts) / 2 + 1)) v.ts >&9; exec 9>&-; wait $!; }";
+  EXPECT_EQ(mProgram.Shell(script), 0) << mProgram.err;
+  EXPECT_EQ(mBefore, Outside());
+  const std::string finished = mProgram.out;
+  EXPECT_NE(std::string::npos, finished.find("recycled ")) << finished << mProgram.err;
+}
+
 }  // namespace
