@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
 
 namespace recorder {
 
@@ -33,14 +35,11 @@ bool IsControl(uint32_t character) {
          (character >= 0x2066 && character <= 0x2069);    // isolated directions
 }
 
-std::string Formatted(const char* format, va_list arguments) {
-  va_list again;
-  va_copy(again, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, arguments);
-  std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-  if (length > 0) std::vsnprintf(text.data(), text.size() + 1, format, again);
-  va_end(again);
-  return text;
+__attribute__((format(printf, 1, 0))) std::string Formatted(const char* format, va_list arguments) {
+  char* formatted = nullptr;
+  if (vasprintf(&formatted, format, arguments) < 0) return "";
+  const std::unique_ptr<char, decltype(&std::free)> text(formatted, std::free);
+  return text.get();
 }
 
 }  // namespace
