@@ -42,35 +42,47 @@ bool TryRecording(Stage& stage, const Scenario& scenario, size_t killAt, size_t 
   return runs[1].killed;
 }
 
-// Preparing that was cut off is begun again, or finished by the check once there is a pool.
-bool TryPreparing(Stage& stage, const Scenario& scenario, size_t killAt, size_t second) {
+// Preparing that was cut off is finished or undone by the commands that its refusal names, or by the check once
+// there is a pool; cut off before the first file, it is begun anew.
+void TryPreparing(Stage& stage, const Scenario& scenario, size_t killAt, const Arguments& way, bool* killed) {
   const std::string disk = stage.Root() + "/disk/a";
+  const bool isCheck = way[0] == "check";
+  stage.Restore();
   stage.Run(scenario.command(stage), {"", killAt});
-  bool isKilledTwice = false;
-  if (fs::exists(disk + "/imf_free")) {
-    const std::set<unsigned long> inodes = InodesOf(stage);
-    isKilledTwice = stage.Run({"check", "--return-orphans"}, {"", 1 + second % 10}).killed;
-    EXPECT_EQ(0, stage.Run({"check", "--return-orphans"}).status);
-    ExpectHealthy(stage, inodes);
-  } else {
+  if (fs::exists(disk + "/imf_prealloc") && (!isCheck || fs::exists(disk + "/imf_free"))) {
+    const CrashRun refused = stage.Run(scenario.command(stage));
+    EXPECT_EQ(2, refused.status);
+    EXPECT_NE(std::string::npos,
+              refused.error.find("prepare --disk a --resume finishes it, --undo in its place"))
+        << refused.error;
+    *killed = stage.Run(way, {"", 1 + killAt * 7 % 31}).killed || *killed;
     if (fs::exists(disk + "/imf_prealloc")) {
-      const CrashRun refused = stage.Run(scenario.command(stage));
-      EXPECT_EQ(2, refused.status);
-      EXPECT_NE(std::string::npos, refused.error.find("remove " + disk + "/imf_prealloc")) << refused.error;
-      fs::remove_all(disk + "/imf_prealloc");
+      EXPECT_EQ(0, stage.Run(way).status) << way.back();
     }
+  }
+  if (isCheck && !fs::exists(disk + "/imf_free")) return;
+  if (!fs::exists(disk + "/imf_free")) {
     EXPECT_EQ(0, stage.Run(scenario.command(stage)).status);
   }
   const std::set<unsigned long> inodes = InodesOf(stage);
-  EXPECT_EQ(3u, inodes.size());
+  EXPECT_EQ(3u, inodes.size()) << way.back();
+  EXPECT_FALSE(fs::exists(disk + "/imf_prealloc"));
+  EXPECT_TRUE(fs::exists(disk + "/recorder.disk") && fs::exists(disk + "/recorder.reserve"));
   EXPECT_EQ(0, stage.Run(stage.Record(1, kLastTime)).status);
   ExpectHealthy(stage, inodes);
-  return isKilledTwice;
+}
+
+bool TryAllWays(Stage& stage, const Scenario& scenario, size_t killAt, size_t) {
+  bool killed = false;
+  TryPreparing(stage, scenario, killAt, {"prepare", "--disk", "a", "--resume"}, &killed);
+  TryPreparing(stage, scenario, killAt, {"prepare", "--disk", "a", "--undo"}, &killed);
+  TryPreparing(stage, scenario, killAt, {"check", "--return-orphans"}, &killed);
+  return killed;
 }
 
 const Scenario kScenarios[] = {
     {"prepare", [](Stage&) {}, [](Stage& stage) { return stage.Prepare("a", 3); },
-     "link /disk/a/imf_free/00000002.imf", 0, TryPreparing},
+     "link /disk/a/imf_free/00000002.imf", 0, TryAllWays},
     {"record", [](Stage& stage) { ASSERT_EQ(0, stage.Run(stage.Prepare("a", 4)).status); },
      [](Stage& stage) { return stage.Record(3, kCrashTime); }, "rename /disk/a/imf_free/00000002.imf", 0,
      TryRecording},

@@ -40,7 +40,8 @@ class RecorderTest : public testing::Test {
 
   int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
   void Prepare(const std::string& disk, int count) {
-    ASSERT_EQ(Run("prepare --size 1M --disk " + disk + " --count " + std::to_string(count)), 0) << mProgram.err;
+    ASSERT_EQ(Run("prepare --on-system-disk --size 1M --disk " + disk + " --count " + std::to_string(count)), 0)
+        << mProgram.err;
     mInodes[disk] = InodesOf(DiskPath(disk));
     EXPECT_EQ(mInodes[disk].size(), static_cast<size_t>(count));
   }

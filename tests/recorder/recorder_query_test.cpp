@@ -42,7 +42,8 @@ class RecorderQuery : public testing::Test {
       inputs += " --input " + video;
       sVideos.push_back(sProgram->PicturesOf(video));
     }
-    for (const std::string disk : {"a", "b"}) ASSERT_EQ(Run("prepare --size 1M --count 9 --disk " + disk), 0);
+    for (const std::string disk : {"a", "b"})
+      ASSERT_EQ(Run("prepare --on-system-disk --size 1M --count 9 --disk " + disk), 0);
     for (int64_t start : {kStart, kStart + kSecondSession})
       ASSERT_EQ(Run("record --segment 6 --clock stream --start " + std::to_string(start) + inputs), 0);
   }
@@ -138,7 +139,7 @@ TEST_F(RecorderQuery, ExportsWhatATransportStreamBrought) {
   TestRoot root;
   const std::string ts = sWork + "/0.ts";
   ASSERT_EQ(sProgram->Shell("ffmpeg -v error -i " + sWork + "/0.mp4 -c copy " + ts), 0);
-  ASSERT_EQ(Run("prepare --disk a --size 1M --count 9", root.Path()), 0);
+  ASSERT_EQ(Run("prepare --on-system-disk --disk a --size 1M --count 9", root.Path()), 0);
   const std::string record = "record --segment 6 --clock stream --start " + std::to_string(kStart);
   ASSERT_EQ(Run(record + " --input " + ts, root.Path()), 0);
   ASSERT_EQ(Run("export -o " + sWork + "/ts.mp4" + Since(5, 21), root.Path()), 0);

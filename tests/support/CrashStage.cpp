@@ -75,7 +75,8 @@ CrashRun Stage::Run(Arguments arguments, CrashPlan plan) const {
 }
 
 Arguments Stage::Prepare(const std::string& disk, int count) const {
-  return {"prepare", "--disk", disk, "--size", "1M", "--count", std::to_string(count)};
+  return {"prepare",          "--disk",    disk, "--size",  "1M",
+          "--on-system-disk", "--reserve", "2M", "--count", std::to_string(count)};
 }
 
 Arguments Stage::Record(int segments, int start) const {

@@ -52,12 +52,8 @@ std::optional<int64_t> ParseEpoch(const std::string& text) {
   return seconds * kMicros + micros;
 }
 
-// "now", and what is taken off or added: "-2h", "+1h30m", which may also stand alone.
-std::optional<int64_t> ParseNow(const std::string& text, int64_t now) {
-  size_t at = text.rfind("now", 0) == 0 ? 3 : 0;
-  if (at == 3 && at == text.size()) return now;
-  const bool back = text[at] == '-';
-  if (!ReadChar(text, &at, "+-")) return std::nullopt;
+// "2h", "1d12h30m" from `at` to the end.
+std::optional<int64_t> ParseUnits(const std::string& text, size_t at) {
   int64_t seconds = 0;
   do {
     int64_t number = 0;
@@ -72,7 +68,18 @@ std::optional<int64_t> ParseNow(const std::string& text, int64_t now) {
     seconds += number * unit;
     if (seconds > 99999999999) return std::nullopt;  // as for epoch seconds
   } while (at < text.size());
-  return now + (back ? -seconds : seconds) * kMicros;
+  return seconds;
+}
+
+// "now", and what is taken off or added: "-2h", "+1h30m", which may also stand alone.
+std::optional<int64_t> ParseNow(const std::string& text, int64_t now) {
+  size_t at = text.rfind("now", 0) == 0 ? 3 : 0;
+  if (at == 3 && at == text.size()) return now;
+  const bool back = text[at] == '-';
+  if (!ReadChar(text, &at, "+-")) return std::nullopt;
+  const std::optional<int64_t> seconds = ParseUnits(text, at);
+  if (!seconds) return std::nullopt;
+  return now + (back ? -*seconds : *seconds) * kMicros;
 }
 
 bool ReadDate(const std::string& text, size_t* at, std::tm* tm) {
@@ -141,6 +148,11 @@ std::optional<int64_t> ParseDay(const std::string& text, int64_t now) {
 }
 
 }  // namespace
+
+std::optional<int64_t> ParseSpan(const std::string& text) {
+  const bool isHours = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+  return ParseUnits(isHours ? text + "h" : text, 0);
+}
 
 std::optional<int64_t> ParseTime(const std::string& text) {
   return ParseTime(text, std::chrono::duration_cast<std::chrono::microseconds>(

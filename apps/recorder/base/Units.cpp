@@ -34,6 +34,22 @@ std::optional<uint64_t> ParseSize(const std::string& text) {
   return std::nullopt;
 }
 
+std::optional<uint64_t> ParseBitRate(const std::string& text) {
+  if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0]))) return std::nullopt;
+  char* end = nullptr;
+  const double number = std::strtod(text.c_str(), &end);
+  while (*end == ' ') end++;
+  const std::string letters = "kmg";
+  const size_t unit = letters.find(static_cast<char>(std::tolower(static_cast<unsigned char>(*end))));
+  const bool hasUnit = *end != '\0' && unit != std::string::npos;
+  if (hasUnit) end++;
+  const std::string rest = end;
+  if (!rest.empty() && rest != "bit/s" && rest != "bps" && rest != "bit" && rest != "b/s") return std::nullopt;
+  const double bits = number * (hasUnit ? std::pow(1000, static_cast<double>(unit) + 1) : 1);
+  if (!(bits >= 1) || bits >= 1e12) return std::nullopt;
+  return static_cast<uint64_t>(bits);
+}
+
 std::string FormatSize(uint64_t bytes) {
   static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
   double value = static_cast<double>(bytes);

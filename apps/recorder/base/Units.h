@@ -16,6 +16,13 @@ std::optional<uint64_t> ParseSize(const std::string& text);
 // "58.2 MiB": one decimal from KiB on.
 std::string FormatSize(uint64_t bytes);
 
+// "8M", "2.5 Mbit/s", "800kbps", "4000000": bits a second, units are powers of 1000. Nothing for any other
+// text, for 0, and for 10^12 and more.
+std::optional<uint64_t> ParseBitRate(const std::string& text);
+
+// "7d", "36h", "1d12h", "90m", and "36" for hours: seconds. Nothing for any other text.
+std::optional<int64_t> ParseSpan(const std::string& text);
+
 // Microseconds since the epoch of "2024-05-01T12:00:00+02:00", "...Z", the same in local time without an offset
 // (with a space for the T; seconds and their fraction may be left out), of a local day's beginning
 // ("2024-05-01", "today", "yesterday", "tomorrow"), of the last "23:47" or "23:47:10" that has come, of epoch

@@ -15,6 +15,7 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/check/RecordCheck.h"
+#include "apps/recorder/disks/Preparation.h"
 #include "apps/recorder/recording/SearchIndex.h"
 #include "fmgr/FmgrRepository.h"
 #include "platform/host/imf/RecordName.h"
@@ -333,7 +334,8 @@ DiskReport DiskCheck::Run() {
     } else if (name.rfind("data_", 0) == 0) {
       WalkData(name);
     } else if (lstat(path.c_str(), &info) == 0) {
-      if (S_ISREG(info.st_mode)) Add(path, info, Place::kElsewhere);
+      // The reserve may have any size, a record file's as well.
+      if (S_ISREG(info.st_mode) && name != kReserveFile) Add(path, info, Place::kElsewhere);
       if (S_ISDIR(info.st_mode) && info.st_dev == mDevice) WalkElsewhere(path, 0);
     }
   }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/disks/Preparation.h"
 
 namespace recorder {
 
@@ -31,6 +32,7 @@ std::string NextStep(const std::string& root, const std::string& disk, const Fin
     case Fault::kSearchDb:
       return check + " --rebuild-index";
     case Fault::kLeftover:
+      return HowToFinish(root, disk);
     case Fault::kOutside:
     case Fault::kPoolName:
       return check + " --return-orphans";

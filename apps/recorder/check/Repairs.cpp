@@ -119,8 +119,11 @@ std::string RepairRecording(const std::string& disk, const std::string& path, Po
 void ReturnOrphans(const DiskReport& report, const Say& say) {
   const std::string prealloc = report.path + "/imf_prealloc";
   const bool isInUse = report.recorded + report.quarantined > 0;
-  // Without a pool nothing could ever be recycled. On a disk that was never used, preparing is to be done
-  // again.
+  // What preparing has not yet laid down is not to be had from here.
+  if (!isInUse && Exists(prealloc) && !Exists(report.path + "/imf_free")) {
+    return say(prealloc, "stays: preparing the disk has to be finished or undone first (recorder prepare)");
+  }
+  // Without a pool nothing could ever be recycled.
   if (isInUse && !Exists(report.path + "/imf_free") && mkdir((report.path + "/imf_free").c_str(), 0755) == 0) {
     say(report.path + "/imf_free", "is there again");
   }

@@ -5,6 +5,7 @@
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/disks/DirectoryLock.h"
+#include "apps/recorder/disks/Preparation.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "platform/host/HostSystem.h"
@@ -60,14 +61,18 @@ Refusal RefuseDisk(const std::string& root, const std::string& name, const std::
 
 }  // namespace
 
-Refusal ResolveRoot(std::string* root, bool disksNeeded) {
+Refusal MakeRootAbsolute(std::string* root) {
   while (root->size() > 1 && root->back() == '/') root->pop_back();  // as a shell completes it
   if (Refusal refusal = RefuseRoot(*root)) return refusal;
   std::error_code error;
   *root = std::filesystem::absolute(*root, error).lexically_normal().string();
   if (root->size() > 1 && root->back() == '/') root->pop_back();  // "." of a relative path leaves one behind
   if (error) return "cannot find the current directory: " + error.message();
-  if (Refusal refusal = RefuseRoot(*root)) return refusal;  // the current directory has a say in it
+  return RefuseRoot(*root);  // the current directory has a say in it
+}
+
+Refusal ResolveRoot(std::string* root, bool disksNeeded) {
+  if (Refusal refusal = MakeRootAbsolute(root)) return refusal;
   if (!IsDirectory(*root)) return "root directory " + *root + " does not exist or is not a directory";
   if (disksNeeded && !IsDirectory(*root + "/disk")) {
     return *root + "/disk does not exist: there is no disk under this root directory";
@@ -118,6 +123,9 @@ Refusal Disks::Choose(const std::string& root, const std::vector<std::string>& n
     if (IsPrepared(DiskPath(root, name))) {
       others.push_back(name);  // also when it isn't used: its path could be mistaken for another's
       if (names.empty()) chosen.push_back(name);
+    } else if (names.empty() && IsPreparationCutOff(DiskPath(root, name))) {
+      Complain("disk %s is left out: preparing it was cut off; %s", name.c_str(),
+               HowToFinish(root, DiskPath(root, name)).c_str());
     } else if (names.empty()) {
       Complain("disk %s is left out: nothing prepared at %s, is it mounted?", name.c_str(),
                DiskPath(root, name).c_str());
@@ -152,9 +160,10 @@ Refusal Disks::OpenForRecording(const Recording& recording) {
   mManager->mGroupParamA = recording.observer;
   mManager->mGroupParamB = recording.segmentClose;
   for (const Disk& disk : mDisks) {
-    if (Exists(disk.path + "/imf_prealloc")) {
-      Complain("disk %s: preparing it was cut off; recorder check --return-orphans finishes it",
-               disk.name.c_str());
+    if (IsPreparationCutOff(disk.path)) {
+      Complain(
+          "disk %s: preparing it was cut off; recorder --root %s check --disk %s --return-orphans finishes it",
+          disk.name.c_str(), mRoot.c_str(), disk.name.c_str());
     }
     if (mManager->AddRepositoryGroup(disk.path) != 1) Complain("disk %s cannot be read", disk.name.c_str());
   }

@@ -23,7 +23,9 @@ struct Disk {
   std::string path;  // ROOT/disk/NAME, absolute, without a slash at its end
 };
 
-// Makes `root` absolute. Refuses one that does not suit, is no directory, or has no "disk" directory in it
+// Makes `root` absolute, whether there is such a directory or not. Refuses one that does not suit.
+Refusal MakeRootAbsolute(std::string* root);
+// The same, and refuses one that is no directory, or has no "disk" directory in it
 // (when `disksNeeded`).
 Refusal ResolveRoot(std::string* root, bool disksNeeded);
 std::string DiskPath(const std::string& root, const std::string& name);

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,7 +15,9 @@
 #include "apps/recorder/base/Progress.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/disks/DirectoryLock.h"
+#include "apps/recorder/disks/DiskManifest.h"
 #include "apps/recorder/disks/Disks.h"
+#include "apps/recorder/disks/PreparationLeft.h"
 #include "fmgr/FmgrFileManager.h"
 
 namespace recorder {
@@ -25,58 +26,33 @@ namespace {
 
 constexpr uint64_t kRoomForDatabases = 4 * kMiB;
 
-struct Plan {
-  std::string root;
-  std::string path;  // the disk's directory
-  std::string prealloc;
-  std::string pool;
-  uint64_t size = 0;  // bytes of one file
-  int64_t count = 0;
-};
-
-Refusal RefuseLeftovers(const Plan& plan) {
-  const bool prealloc = Exists(plan.prealloc);
-  bool recordings = false;
-  for (const std::string& name : ListDirectory(plan.path)) {
-    recordings = recordings || name.rfind("data_", 0) == 0 || name == "imf_error";
+Refusal RefuseLeftovers(const PreparationPlan& plan) {
+  if (IsPreparationCutOff(plan.path)) {
+    return "preparing " + plan.path + " was begun and not finished: " + HowToFinish(plan.root, plan.path);
   }
-  if (prealloc && !recordings) {
-    return "preparing " + plan.path + " was begun and not finished: remove " + plan.prealloc +
-           (Exists(plan.pool) ? " and " + plan.pool : "") + ", then prepare it again";
-  }
-  if (recordings || Exists(plan.pool)) return plan.path + " is prepared already";
+  if (Exists(plan.pool) || HoldsRecordings(plan.path)) return plan.path + " is prepared already";
   return std::nullopt;
 }
 
-// The disk may be new, its place under ROOT as well.
+// With those above it.
 Refusal MakeDirectory(const std::string& path) {
-  if (IsDirectory(path)) return std::nullopt;
+  if (path.empty() || IsDirectory(path)) return std::nullopt;
+  if (Refusal refusal = MakeDirectory(path.substr(0, path.rfind('/')))) return refusal;
   if (mkdir(path.c_str(), 0755) != 0) return "cannot make " + path + ": " + std::strerror(errno);
   Print("made directory %s\n", path.c_str());
+  SyncDirectory(DirectoryOf(path));
   return std::nullopt;
 }
 
-// The names in the pre-allocation directory go, the files stay in the pool. Nothing goes that isn't in both.
-bool RemovePrealloc(const Plan& plan) {
-  bool done = true;
-  for (const std::string& name : ListDirectory(plan.prealloc)) {
-    const std::string path = plan.prealloc + "/" + name;
-    struct stat laid;
-    struct stat pooled;
-    if (lstat(path.c_str(), &laid) != 0 || lstat((plan.pool + "/" + name).c_str(), &pooled) != 0 ||
-        laid.st_ino != pooled.st_ino || laid.st_dev != pooled.st_dev || unlink(path.c_str()) != 0) {
-      Complain("%s is not in the pool and stays", path.c_str());
-      done = false;
-    }
-  }
-  if (done && rmdir(plan.prealloc.c_str()) != 0) {
-    Complain("cannot remove %s: %s", plan.prealloc.c_str(), std::strerror(errno));
-    done = false;
-  }
-  return done;
+Refusal LayDownReserve(const PreparationPlan& plan) {
+  const std::string path = plan.path + "/" + kReserveFile;
+  if (plan.reserve == 0) return std::nullopt;
+  std::string error;
+  if (LayDownFile(path, plan.reserve, &error)) return std::nullopt;
+  return "cannot lay down " + path + ": " + error;
 }
 
-bool VerifyPool(const Plan& plan) {
+bool VerifyPool(const PreparationPlan& plan) {
   std::set<ino_t> files;
   int64_t wrong = 0;
   for (const std::string& name : ListDirectory(plan.pool)) {
@@ -101,82 +77,121 @@ bool SyncDisk(const std::string& path) {
   return done;
 }
 
-int ReportIncomplete(const Plan& plan) {
-  int64_t made = 0;
-  for (const std::string& name : ListDirectory(plan.prealloc)) {
-    struct stat st;
-    // The file that failed is there, too, without its space.
-    if (lstat((plan.prealloc + "/" + name).c_str(), &st) == 0 &&
-        static_cast<uint64_t>(st.st_size) == plan.size) {
-      made++;
-    }
-  }
-  Complain("only %" PRId64 " of %" PRId64
-           " files (%s) could be made; they are left in %s. Remove it and prepare again"
-           " with a smaller --count",
-           made, plan.count, FormatSize(static_cast<uint64_t>(made) * plan.size).c_str(),
-           plan.prealloc.c_str());
+int ReportIncomplete(const PreparationPlan& plan) {
+  const int64_t made = CountLaidDown(plan.prealloc, plan.size);
+  Complain(
+      "only %" PRId64 " of %" PRId64 " files (%s) could be made: %s%s", made, plan.count,
+      FormatSize(static_cast<uint64_t>(made) * plan.size).c_str(), HowToFinish(plan.root, plan.path).c_str(),
+      made >= kFewestFiles ? (" (--resume --count " + std::to_string(made) + ": with what was made)").c_str()
+                           : "");
   return kRefused;
 }
 
 // Data directories and search databases need room as well, and have to find it when the disk is full of
 // recordings.
-void WarnOfFullDisk(const Plan& plan) {
-  struct statvfs room;
-  if (statvfs(plan.path.c_str(), &room) != 0) return;
-  const uint64_t left = static_cast<uint64_t>(room.f_bavail) * room.f_frsize;
-  if (left >= kRoomForDatabases) return;
+void WarnOfFullDisk(const PreparationPlan& plan) {
+  Room room;
+  if (LookAtRoom(plan.path, &room) || room.free >= kRoomForDatabases) return;
   Complain("warning: %s has only %s left for search databases; %s would do", plan.path.c_str(),
-           FormatSize(left).c_str(), FormatSize(kRoomForDatabases).c_str());
+           FormatSize(room.free).c_str(), FormatSize(kRoomForDatabases).c_str());
 }
 
-Refusal MakePlan(const PrepareOptions& options, std::string root, Plan* plan) {
-  const std::optional<uint64_t> size = ParseSize(options.size);
-  if (!size) return "--size " + options.size + " is not a size: 64M and 1G are";
-  if (Refusal refusal = RefuseGeometry(*size, options.count)) return refusal;
-  if (Refusal refusal = ResolveRoot(&root, false)) return refusal;
-  std::vector<std::string> others = ListDisks(root);
-  if (Refusal refusal = RefuseDiskName(options.disk, others)) return refusal;
-  plan->path = DiskPath(root, options.disk);
-  if (Refusal refusal = RefuseDiskPath(plan->path)) return refusal;
-  plan->root = root;
-  plan->prealloc = plan->path + "/imf_prealloc";
-  plan->pool = plan->path + "/imf_free";
-  plan->size = *size;
-  plan->count = options.count;
-  return std::nullopt;
+void SayPlan(const PreparationPlan& plan, const Room& room) {
+  if (!room.isMountPoint) {
+    Print("%s is no mount point of its own: its files take room on the file system that it lies on\n",
+          plan.path.c_str());
+  }
+  Print("laying down %" PRId64 " files of %s, %s, and a reserve of %s; %s are free\n", plan.count,
+        FormatSize(plan.size).c_str(), FormatSize(plan.size * static_cast<uint64_t>(plan.count)).c_str(),
+        FormatSize(plan.reserve).c_str(), FormatSize(room.free).c_str());
+  if (plan.seconds > 0) Print("they hold about %s\n", FormatSpan(plan.seconds).c_str());
+}
+
+// The pool is durable before the other names of its files go, and their going before the disk counts as
+// prepared.
+int Finish(const PreparationPlan& plan) {
+  if (!SyncDisk(plan.path) || !RemovePrealloc(plan) || !SyncDisk(plan.path) || !VerifyPool(plan))
+    return kRefused;
+  WarnOfFullDisk(plan);
+  Print("prepared %s: %" PRId64 " files of %s, %s\n", plan.path.c_str(), plan.count,
+        FormatSize(plan.size).c_str(), FormatSize(plan.size * static_cast<uint64_t>(plan.count)).c_str());
+  return kDone;
+}
+
+Refusal NoteInDisk(const PreparationPlan& plan) {
+  const std::string reason = WriteManifest(plan.path, {plan.count, plan.size});
+  return reason.empty() ? Refusal() : Refusal(reason);
+}
+
+int PrepareAnew(const PrepareOptions& options, PreparationPlan* plan, LockSet* locks) {
+  Room room;
+  Refusal refusal = RefuseLeftovers(*plan);
+  if (!refusal) refusal = LookAtRoom(plan->path, &room);
+  if (!refusal) refusal = PlanFiles(options, room, plan);
+  if (!refusal) refusal = MakeDirectory(plan->path);
+  if (!refusal) refusal = locks->TakeAll({plan->root, plan->path});
+  if (!refusal) refusal = RefuseLeftovers(*plan);  // while nobody else prepares it
+  if (!refusal) SayPlan(*plan, room);
+  if (!refusal) refusal = NoteInDisk(*plan);
+  if (!refusal) refusal = LayDownReserve(*plan);
+  if (refusal) {
+    Complain("%s", refusal->c_str());
+    return kRefused;
+  }
+  Progress progress(plan->size);
+  const bool built = FmgrFileManager::BuildRepositoryGroup(plan->path, static_cast<unsigned>(plan->size / kMiB),
+                                                           static_cast<unsigned>(plan->count), &progress) == 1;
+  progress.End(built);
+  return built ? Finish(*plan) : ReportIncomplete(*plan);
+}
+
+int FinishOrUndo(const PrepareOptions& options, PreparationPlan* plan, LockSet* locks) {
+  Refusal refusal;
+  if (!IsDirectory(plan->path)) refusal = "nothing was begun at " + plan->path;
+  if (!refusal) refusal = locks->TakeAll({plan->root, plan->path});
+  if (!refusal) refusal = RefuseNothingLeft(*plan, options.undo);
+  if (!refusal && options.undo) refusal = UndoPreparation(*plan);
+  if (!refusal && !options.undo) refusal = PlanRest(options.count, plan);
+  if (!refusal && !options.undo) refusal = NoteInDisk(*plan);
+  if (refusal) {
+    Complain("%s", refusal->c_str());
+    return kRefused;
+  }
+  if (options.undo) return kDone;
+  Progress progress(plan->size);
+  const bool built = LayDownRest(*plan, &progress);
+  progress.End(built);
+  return built ? Finish(*plan) : ReportIncomplete(*plan);
 }
 
 }  // namespace
 
 int Prepare(const PrepareOptions& options, const std::string& root) {
-  Plan plan;
-  DirectoryLock lock;
-  Refusal refusal = MakePlan(options, root, &plan);
-  const std::string disks = plan.root + "/disk";
-  if (!refusal) refusal = lock.Take(plan.root, "prepare");
-  if (!refusal) refusal = RefuseLeftovers(plan);
-  if (!refusal) refusal = MakeDirectory(disks);
-  if (!refusal) refusal = MakeDirectory(plan.path);
+  PreparationPlan plan;
+  LockSet locks("prepare");
+  Refusal refusal = PlanPlace(options, root, &plan);
+  if (!refusal) {
+    if (const auto holder = HolderOf(plan.root, {{options.disk, plan.path}})) {
+      refusal = plan.path + " is in use by " + *holder;
+    }
+  }
   if (refusal) {
     Complain("%s", refusal->c_str());
     return kRefused;
   }
+  return options.resume || options.undo ? FinishOrUndo(options, &plan, &locks)
+                                        : PrepareAnew(options, &plan, &locks);
+}
 
-  Progress progress(plan.size);
-  const bool built = FmgrFileManager::BuildRepositoryGroup(plan.path, static_cast<unsigned>(plan.size / kMiB),
-                                                           static_cast<unsigned>(plan.count), &progress) == 1;
-  progress.End(built);
-  if (!built) return ReportIncomplete(plan);
-  // The pool is durable before the other names of its files go, and their going before the disk counts as
-  // prepared.
-  if (!SyncDisk(plan.path) || !RemovePrealloc(plan) || !SyncDisk(plan.path) || !VerifyPool(plan))
-    return kRefused;
-  if (!SyncDirectory(disks)) Complain("cannot write %s back: %s", disks.c_str(), std::strerror(errno));
-  WarnOfFullDisk(plan);
-  Print("prepared %s: %" PRId64 " files of %s, %s\n", plan.path.c_str(), plan.count,
-        FormatSize(plan.size).c_str(), FormatSize(plan.size * static_cast<uint64_t>(plan.count)).c_str());
-  return kDone;
+bool IsPreparationCutOff(const std::string& path) { return Exists(path + "/imf_prealloc"); }
+
+std::string HowToFinish(const std::string& root, const std::string& path) {
+  const std::string recorder = "recorder --root " + root;
+  if (HoldsRecordings(path)) {
+    return recorder + " check --disk " + NameOf(path) + " --return-orphans finishes it";
+  }
+  return recorder + " prepare --disk " + NameOf(path) +
+         " --resume finishes it, --undo in its place takes it back";
 }
 
 }  // namespace recorder

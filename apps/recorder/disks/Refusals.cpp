@@ -13,7 +13,6 @@ namespace {
 constexpr size_t kDiskPathLimit = 39;
 constexpr size_t kDiskNameLimit = 8;  // bytes of a disk's name that the file list cache keeps
 constexpr uint64_t kFileSizeLimit = 2048 * kMiB;
-constexpr int64_t kFewestFiles = 3;       // one being written, one that plays, one to recycle
 constexpr int64_t kMostFiles = 99999999;  // pool names have eight digits
 
 const struct {

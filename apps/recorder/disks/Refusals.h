@@ -17,6 +17,8 @@ constexpr int64_t kEarliestTime =
     0x10000000;  // 1978-07-04: from here on a start time has eight hexadecimal digits
 constexpr int64_t kLatestTime = 0x7fffffff;  // 2038-01-19: the file manager's times are signed 32-bit numbers
 
+constexpr int64_t kFewestFiles = 3;  // of a disk: one being written, one that plays, one to recycle
+
 // `root` as given on the command line.
 Refusal RefuseRoot(const std::string& root);
 // `path` is the directory of a disk as the file manager will get it.
