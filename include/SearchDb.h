@@ -4,9 +4,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "PictureSpan.h"
 
 struct sqlite3;
 
@@ -15,6 +18,9 @@ struct TimeSearchRecording {
   int32_t startTime;     // seconds since the epoch
   int32_t endTime;       // seconds since the epoch
   uint32_t channelMask;  // bit n: channel n is in it
+  // When each channel has pictures, in the order of channels and of time within each, disjoint. None at all of a
+  // recording that has channels: not known, its file may tell.
+  std::vector<PictureSpan> spans = {};
 };
 
 // The chart that a search fills.
@@ -67,7 +73,7 @@ class SearchDb : public FileDb {
   SearchDb(const std::string& directory, int mode);
   ~SearchDb() override;
 
-  // A recording of the same start is replaced.
+  // A recording of the same start is replaced. Spans that can't be are left out when they are read.
   bool Add(const TimeSearchRecording& recording);
   // True also when there was none of that start, or no database at all; makes none.
   bool Remove(int32_t startTime);
@@ -85,7 +91,7 @@ class SearchDb : public FileDb {
   bool IsCurrent() const;
   bool Refresh();
   bool Read(const TimeSearchChart& chart, std::vector<TimeSearchRecording>* found);
-  bool Change(const char* statement, const int64_t* values, int count);
+  bool Change(const std::function<int(sqlite3*)>& change);
 
   const std::string mDirectory;
   const int mMode;

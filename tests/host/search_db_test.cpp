@@ -19,7 +19,8 @@
 #include "tests/support/TestDisk.h"
 
 static bool operator==(const TimeSearchRecording& a, const TimeSearchRecording& b) {
-  return a.startTime == b.startTime && a.endTime == b.endTime && a.channelMask == b.channelMask;
+  return a.startTime == b.startTime && a.endTime == b.endTime && a.channelMask == b.channelMask &&
+         a.spans == b.spans;
 }
 
 namespace {
@@ -105,14 +106,21 @@ class SearchDbTest : public testing::Test {
 };
 
 TEST_F(SearchDbTest, FindsWhatOverlapsTheInterval) {
+  const std::vector<PictureSpan> both = {{0, 200000000, 250000000}, {0, 258000000, 299000000}, {31, 1, 2}};
   SearchDb db(mDirectory, SEARCH_DB_WRITE);
   for (const TimeSearchRecording& recording :
-       Recordings{{100, 199, 1}, {200, 299, 0x80000001u}, {300, 340, 4}, {300, 399, 6}}) {
+       Recordings{{100, 199, 1},
+                  {200, 299, 0x80000001u, both},
+                  {300, 340, 4, {{2, 300, 330}, {2, 335, 340}}},
+                  {300, 399, 6, {{1, 310, 399}}}}) {
     EXPECT_TRUE(db.Add(recording)) << db.Error();
   }
-  const Recordings all = {{100, 199, 1}, {200, 299, 0x80000001u}, {300, 399, 6}};
+  const Recordings all = {{100, 199, 1}, {200, 299, 0x80000001u, both}, {300, 399, 6, {{1, 310, 399}}}};
   EXPECT_EQ(Search(), all) << "the same start twice is one recording";
   EXPECT_EQ(Search(199, 200), Recordings(all.begin(), all.begin() + 2)) << "ends included";
+  Run("INSERT INTO span VALUES(100, 32, 1, 2), (100, 1, -1, 2), (100, 1, 5, 5), (50, 1, 1, 2),"
+      "(100, 1, 9000000000000000000, 9000000000000000001)");
+  EXPECT_EQ(Search(), all) << "spans that can't be";
   // A data directory whose last recording goes may go with it: the database is not made anew for a removal.
   fs::remove(mPath);
   EXPECT_TRUE(db.Remove(100));
@@ -252,6 +260,7 @@ TEST_F(SearchDbTest, StrangersDatabases) {
        }},
       {"a table too many", [&] { Run("CREATE TABLE more(x)"); }},
       {"another table", [&] { Run("DROP TABLE recording; CREATE TABLE " + table + ", channel_mask AS (1))"); }},
+      {"the version before", [&] { Run("DROP TABLE span; PRAGMA user_version=1"); }},
       {"no table", [&] { Run("DROP TABLE recording"); }},
       {"a write-ahead log", [&] { Run("PRAGMA journal_mode=WAL"); }},
       {"a recording's second name",
@@ -315,10 +324,11 @@ TEST_F(SearchDbTest, ToolTakesNamesAndOnlyAsksHeadersForWhatIsMissing) {
   };
   record("5f5e2000_00000000.imf", 0x5f5e2000);  // left unfinished long ago
   record("60000000_00000000.imf", 0x60000000);  // newest in progress: nobody knows its end yet
+  constexpr int64_t kPicture = 0x5f5e2005 * int64_t{1000000};
   EXPECT_EQ(Rebuild(), 0);
   EXPECT_EQ(Search(), (Recordings{{0x5f5e1000, 0x5f5e1258, 15},
                                   {0x5f5e1300, 0x5f5e1400, 0x80000000u},
-                                  {0x5f5e2000, 0x5f5e2005, 4}}));
+                                  {0x5f5e2000, 0x5f5e2005, 4, {{2, kPicture, kPicture + 1}}}}));
 }
 
 TEST_F(SearchDbTest, RebuildCutOffIsSeenAndDoneAgain) {

@@ -8,7 +8,9 @@
 #include "SystemHelper.h"
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
+#include "platform/host/imf/ImfCoverage.h"
 #include "platform/host/imf/RecordName.h"
+#include "platform/host/searchdb/SearchDbFile.h"
 
 namespace recorder {
 
@@ -25,6 +27,12 @@ bool ReadCompleted(const std::string& name, TimeSearchRecording* recording) {
   *recording = {static_cast<int32_t>(parsed.startTime), static_cast<int32_t>(parsed.endTime),
                 parsed.channelMask};
   return true;
+}
+
+uint32_t StartTimeOf(const std::string& path) {
+  RecordName name = {};
+  ParseRecordName(NameOf(path), &name);
+  return name.startTime;
 }
 
 std::string Plural(int64_t count, const char* what) {
@@ -79,17 +87,20 @@ SearchDb& SearchIndex::DbOf(const std::string& directory) {
   return *mOpen.front().db;
 }
 
-void SearchIndex::Add(const std::string& path) {
+void SearchIndex::Add(const std::string& path, const std::vector<PictureSpan>& spans) {
   const std::string directory = DirectoryOf(path);
-  TimeSearchRecording recording{};
-  if (Exists(DbPath(directory))) {
-    if (ReadCompleted(NameOf(path), &recording)) DbOf(directory).Add(recording);
-    return;
-  }
+  const bool isThere = Exists(DbPath(directory));
   SearchDb& db = DbOf(directory);
-  for (const std::string& name : ListDirectory(directory)) {
-    if (ReadCompleted(name, &recording)) db.Add(recording);
+  TimeSearchRecording recording{};
+  if (!isThere) {
+    for (const std::string& name : ListDirectory(directory)) {
+      if (name == NameOf(path) || !ReadCompleted(name, &recording) || !db.Add(recording)) continue;
+      searchdb::Mark(directory);
+    }
   }
+  if (!ReadCompleted(NameOf(path), &recording)) return;
+  recording.spans = spans;
+  db.Add(recording);
 }
 
 void SearchIndex::AddRepaired(const std::string& path) {
@@ -99,7 +110,9 @@ void SearchIndex::AddRepaired(const std::string& path) {
     for (const std::string& name : ListDirectory(directory)) files += HasSuffix(name, ".imf") ? 1 : 0;
     if (files > 1) return;
   }
-  Add(path);
+  std::vector<PictureSpan> spans;
+  ReadCoverage(path, StartTimeOf(path), &spans);
+  Add(path, spans);
 }
 
 void SearchIndex::Remove(const std::string& path, uint32_t startTime) {

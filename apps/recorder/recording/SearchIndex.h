@@ -13,10 +13,11 @@ namespace recorder {
 
 class SearchIndex {
  public:
-  // Adds the completed recording at `path`. A database that is missing is made and takes in every completed
-  // recording of its directory, since those would not be found otherwise.
-  void Add(const std::string& path);
-  // The same for a recording that was repaired while its disk is being added: the file manager goes on to
+  // Adds the completed recording at `path`, whose channels have pictures in `spans`. A database that is missing
+  // is made and takes in every completed recording of its directory, since those would not be found otherwise;
+  // when they have pictures is left to the next start, since nobody could record while so many files are read.
+  void Add(const std::string& path, const std::vector<PictureSpan>& spans);
+  // The same for a recording whose file tells of its spans. It was repaired while its disk is being added: the file manager goes on to
   // rebuild a missing database of a directory with more than one file, so nothing is made then.
   void AddRepaired(const std::string& path);
   // Takes the recording at `path` out. Makes nothing: the directory may be about to go with all that is in it.

@@ -185,6 +185,7 @@ void Segments::Complete() {
   const uint32_t end = mWriter->EndTime();
   const uint32_t mask = mWriter->ChannelMask();
   const uint64_t bytes = mWriter->Used();
+  const std::vector<PictureSpan> spans = mWriter->Coverage();
   if (!mWriter->Close()) Complain("cannot write %s back: %s", mPath.c_str(), std::strerror(errno));
   mWriter.reset();
 
@@ -194,7 +195,7 @@ void Segments::Complete() {
     Complain("cannot complete %s; the next start will repair it", mPath.c_str());
     return;
   }
-  mIndex.Add(path);
+  mIndex.Add(path, spans);
   SyncDirectory(DirectoryOf(path));
 
   const double seconds = static_cast<double>(mLastTime - mFirstTime) / kMicros;

@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "PictureSpan.h"
+
 constexpr int IMF_CHANNEL_LIMIT = 32;  // channels 0 to 31: one bit each in a channel mask
 
 constexpr int IMF_STREAM_LIMIT = 16;  // streams of one kind in a channel: numbers 0 to 15
@@ -128,6 +130,8 @@ class ImfWriter {
   uint32_t ChannelMask() const;
   // Channel 0 to 31.
   const ImfChannelSummary& Summary(int channel) const;
+  // When which channel had pictures so far; see ImfCoverage.h.
+  std::vector<PictureSpan> Coverage() const;
   uint64_t Capacity() const;  // bytes of the file
   uint64_t Used() const;      // bytes written, the header included
   uint64_t Generation() const;

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "platform/host/imf/ImfCoverage.h"
 #include "platform/host/imf/ImfExtent.h"
 #include "platform/host/imf/ImfFormat.h"
 #include "platform/host/imf/ImfRecord.h"
@@ -25,6 +26,7 @@ struct ImfWriter::State {
   uint64_t used = 0;
   uint32_t sequence = 0;
   imf::Extent extent;
+  ImfCoverage coverage;
   // What the last block holds so far, if it is not full: it is written again with what follows, so that the
   // kernel never has to read what the old recording left in the rest of it.
   std::array<uint8_t, imf::kBlock> tail;
@@ -197,6 +199,7 @@ ImfWriteResult ImfWriter::State::Append(imf::Chunk chunk, const std::vector<uint
   if (!Put(chunk, payload.data())) return ImfWriteResult::kFailed;
   extent.Add(chunk, payload.data());
   entries.push_back(entry);
+  coverage.Add(entry);
   return CheckpointIfDue();
 }
 
@@ -278,6 +281,8 @@ uint32_t ImfWriter::ChannelMask() const { return mState->extent.ChannelMask(); }
 const ImfChannelSummary& ImfWriter::Summary(int channel) const {
   return mState->extent.Channels()[static_cast<size_t>(channel)];
 }
+
+std::vector<PictureSpan> ImfWriter::Coverage() const { return mState->coverage.Spans(); }
 
 uint64_t ImfWriter::Capacity() const { return mState->capacity; }
 

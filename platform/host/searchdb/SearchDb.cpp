@@ -20,6 +20,8 @@ constexpr std::chrono::seconds kRetry{10};
 constexpr int kReadings = 5;  // of a database that is being changed: a change takes a few milliseconds
 constexpr std::chrono::milliseconds kBetweenReadings{20};
 
+constexpr int64_t kTimeLimit = int64_t{1} << 53;  // microseconds: further off than anybody records
+
 constexpr char kInChange[] = "is being changed, or a change was cut off";
 
 }  // namespace
@@ -126,8 +128,7 @@ bool SearchDb::Refresh() {
 }
 
 bool SearchDb::Add(const TimeSearchRecording& recording) {
-  const int64_t values[] = {recording.startTime, recording.endTime, recording.channelMask};
-  return Change(searchdb::kInsert, values, 3);
+  return Change([&](sqlite3* db) { return searchdb::AddRecording(db, recording); });
 }
 
 bool SearchDb::Remove(int32_t startTime) {
@@ -138,16 +139,20 @@ bool SearchDb::Remove(int32_t startTime) {
     mError.clear();
     return true;
   }
-  const int64_t values[] = {startTime};
-  return Change("DELETE FROM recording WHERE start_time = ?1", values, 1);
+  return Change([&](sqlite3* db) { return searchdb::RemoveRecording(db, startTime); });
 }
 
-bool SearchDb::Change(const char* statement, const int64_t* values, int count) {
+bool SearchDb::Change(const std::function<int(sqlite3*)>& change) {
   if (mMode != SEARCH_DB_WRITE) return Fail("open for reading only");
   searchdb::DirectoryLock lock;
   if (!Lock(&lock) || !Refresh()) return false;
-  if (searchdb::ExecuteWith(mDb, statement, values, count) == SQLITE_OK) return true;
-  return Fail(searchdb::Message(mDb));
+  if (searchdb::Execute(mDb, "BEGIN IMMEDIATE") == SQLITE_OK && change(mDb) == SQLITE_OK &&
+      searchdb::Execute(mDb, "COMMIT") == SQLITE_OK) {
+    return true;
+  }
+  const std::string why = searchdb::Message(mDb);
+  if (sqlite3_get_autocommit(mDb) == 0) searchdb::Execute(mDb, "ROLLBACK");
+  return Fail(why);
 }
 
 // A reader takes no lock, so that it can't hold up a recorder. What it read counts when nothing was changed
@@ -172,19 +177,39 @@ bool SearchDb::CollectData(TimeSearchChart* chart) {
 }
 
 bool SearchDb::Read(const TimeSearchChart& chart, std::vector<TimeSearchRecording>* found) {
-  sqlite3_stmt* query = nullptr;
-  int result = sqlite3_prepare_v2(mDb,
-                                  "SELECT start_time, end_time, channel_mask FROM recording"
-                                  " WHERE start_time <= ?2 AND end_time >= ?1",
-                                  -1, &query, nullptr);
-  if (result == SQLITE_OK) {
-    sqlite3_bind_int64(query, 1, chart.startTime);
-    sqlite3_bind_int64(query, 2, chart.endTime);
-    while ((result = sqlite3_step(query)) == SQLITE_ROW) {
-      found->push_back({sqlite3_column_int(query, 0), sqlite3_column_int(query, 1),
-                        static_cast<uint32_t>(sqlite3_column_int64(query, 2))});
+  const auto read = [this](const char* text, int64_t from, int64_t to,
+                           const std::function<void(sqlite3_stmt*)>& take) {
+    sqlite3_stmt* query = nullptr;
+    int result = sqlite3_prepare_v2(mDb, text, -1, &query, nullptr);
+    if (result == SQLITE_OK) {
+      sqlite3_bind_int64(query, 1, from);
+      sqlite3_bind_int64(query, 2, to);
+      while ((result = sqlite3_step(query)) == SQLITE_ROW) take(query);
     }
+    sqlite3_finalize(query);
+    return result == SQLITE_DONE;
+  };
+  if (!read("SELECT start_time, end_time, channel_mask FROM recording"
+            " WHERE start_time <= ?2 AND end_time >= ?1 ORDER BY start_time",
+            chart.startTime, chart.endTime, [found](sqlite3_stmt* row) {
+              found->push_back({sqlite3_column_int(row, 0), sqlite3_column_int(row, 1),
+                                static_cast<uint32_t>(sqlite3_column_int64(row, 2))});
+            })) {
+    return false;
   }
-  sqlite3_finalize(query);
-  return result == SQLITE_DONE;
+  if (found->empty()) return true;
+  auto owner = found->begin();
+  return read(
+      "SELECT start_time, channel, begin_time, end_time FROM span WHERE start_time BETWEEN ?1 AND ?2"
+      " ORDER BY start_time, channel, begin_time",
+      found->front().startTime, found->back().startTime, [&](sqlite3_stmt* row) {
+        const int64_t start = sqlite3_column_int64(row, 0);
+        const int64_t channel = sqlite3_column_int64(row, 1);
+        const int64_t begin = sqlite3_column_int64(row, 2);
+        const int64_t end = sqlite3_column_int64(row, 3);
+        while (owner != found->end() && owner->startTime < start) ++owner;
+        if (owner == found->end() || owner->startTime != start) return;
+        if (channel < 0 || channel > 31 || begin < 0 || end <= begin || end > kTimeLimit) return;
+        owner->spans.push_back({static_cast<int32_t>(channel), begin, end});
+      });
 }

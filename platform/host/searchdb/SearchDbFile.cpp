@@ -10,6 +10,8 @@
 #include <chrono>
 #include <thread>
 
+#include "SearchDb.h"
+
 namespace searchdb {
 
 int Execute(sqlite3* db, const char* statement) {
@@ -24,16 +26,39 @@ int CreateSchema(sqlite3* db) {
   return Execute(db, statements.c_str());
 }
 
-int ExecuteWith(sqlite3* db, const char* statement, const int64_t* values, int count) {
+int ExecuteWith(sqlite3* db, const char* statement, std::initializer_list<int64_t> values) {
   sqlite3_stmt* prepared = nullptr;
   int result = sqlite3_prepare_v2(db, statement, -1, &prepared, nullptr);
-  for (int i = 0; result == SQLITE_OK && i < count; ++i) {
-    result = sqlite3_bind_int64(prepared, i + 1, values[i]);
+  int number = 0;
+  for (const int64_t value : values) {
+    if (result == SQLITE_OK) result = sqlite3_bind_int64(prepared, ++number, value);
   }
   if (result == SQLITE_OK) result = sqlite3_step(prepared);
   const int finalized = sqlite3_finalize(prepared);
   if (result == SQLITE_DONE || result == SQLITE_ROW) return finalized;
   return result;
+}
+
+int AddRecording(sqlite3* db, const TimeSearchRecording& recording) {
+  const int32_t start = recording.startTime;
+  int result = RemoveRecording(db, start);
+  if (result == SQLITE_OK) {
+    result = ExecuteWith(db, "INSERT INTO recording(start_time, end_time, channel_mask) VALUES(?1, ?2, ?3)",
+                         {start, recording.endTime, recording.channelMask});
+  }
+  for (const PictureSpan& span : recording.spans) {
+    if (result != SQLITE_OK) break;
+    result =
+        ExecuteWith(db, "INSERT INTO span(start_time, channel, begin_time, end_time) VALUES(?1, ?2, ?3, ?4)",
+                    {start, span.channel, span.begin, span.end});
+  }
+  return result;
+}
+
+int RemoveRecording(sqlite3* db, int32_t startTime) {
+  const int result = ExecuteWith(db, "DELETE FROM span WHERE start_time = ?1", {startTime});
+  if (result != SQLITE_OK) return result;
+  return ExecuteWith(db, "DELETE FROM recording WHERE start_time = ?1", {startTime});
 }
 
 int QueryNumber(sqlite3* db, const char* query, int64_t* number) {

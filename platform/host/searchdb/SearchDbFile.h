@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 
+struct TimeSearchRecording;
 struct sqlite3;
 
 namespace searchdb {
@@ -13,7 +15,7 @@ constexpr char kDamageMarker[] = "search.fdb.0.err";
 constexpr const char* kJournals[] = {"-journal", "-wal"};  // behind the name: changes that are not finished
 
 // Version of the schema, as in SQLite's user_version; the application id marks the file as a search database.
-constexpr int kVersion = 1;
+constexpr int kVersion = 2;
 constexpr int kApplicationId = 0x46444231;
 
 // All of the schema, in the order in which it is made and stored. A database with anything else in it is
@@ -28,15 +30,19 @@ constexpr SchemaEntry kSchema[] = {
     {"table", "recording", "recording",
      "CREATE TABLE recording(start_time INTEGER PRIMARY KEY, end_time INTEGER NOT NULL,"
      " channel_mask INTEGER NOT NULL)"},
+    {"table", "span", "span",
+     "CREATE TABLE span(start_time INTEGER NOT NULL, channel INTEGER NOT NULL, begin_time INTEGER NOT NULL,"
+     " end_time INTEGER NOT NULL, PRIMARY KEY(start_time, channel, begin_time)) WITHOUT ROWID"},
 };
-constexpr char kInsert[] =
-    "INSERT OR REPLACE INTO recording(start_time, end_time, channel_mask) VALUES(?1, ?2, ?3)";
 
-// SQLite's result codes. At most three values are bound, in order.
+// SQLite's result codes. The values are bound in order.
 int Execute(sqlite3* db, const char* statement);
 // Makes the schema in an empty database.
 int CreateSchema(sqlite3* db);
-int ExecuteWith(sqlite3* db, const char* statement, const int64_t* values, int count);
+int ExecuteWith(sqlite3* db, const char* statement, std::initializer_list<int64_t> values);
+// Within a transaction of the caller's; one that fails may have done a part.
+int AddRecording(sqlite3* db, const TimeSearchRecording& recording);
+int RemoveRecording(sqlite3* db, int32_t startTime);
 // The single number that a query answers.
 int QueryNumber(sqlite3* db, const char* query, int64_t* number);
 // SQLite's message in one line.

@@ -22,7 +22,7 @@ namespace {
 
 constexpr int kPatience = 2000;            // milliseconds that one operation waits for other processes
 constexpr int kStepsAtATime = 1000;        // of SQLite's machine
-constexpr int kStepLimit = 20000;          // thousands: some two million recordings, or a second
+constexpr int kStepLimit = 40000;          // thousands: some four million spans, or two seconds
 constexpr int64_t kHeapLimit = 256 << 20;  // bytes; a search needs a few MiB
 constexpr int64_t kFreshSeconds = 3;
 constexpr char kMagic[] = "SQLite format 3";  // with the zero at its end

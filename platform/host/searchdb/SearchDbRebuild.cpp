@@ -10,10 +10,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "ImfFile.h"
+#include "SearchDb.h"
+#include "platform/host/imf/ImfCoverage.h"
 #include "platform/host/imf/RecordName.h"
 #include "platform/host/searchdb/SearchDbFile.h"
 
@@ -69,8 +74,10 @@ class Rebuild {
     mReport->error = why;
     return result;
   }
+  void ReadFiles(const std::function<void(size_t, size_t)>& progress);
+  bool IsReplaceable() const;
   bool Empty();
-  bool Fill(const std::function<void(size_t, size_t)>& progress);
+  bool Fill();
   bool AddEntry(const Entry& entry, uint32_t newestStart);
   bool Publish();
   std::string Path(const std::string& name) const { return mDirectory + name; }
@@ -81,8 +88,35 @@ class Rebuild {
   SearchDbRebuildReport* const mReport;
   searchdb::DirectoryLock mLock;
   std::vector<Entry> mEntries;
+  std::map<std::string, std::vector<PictureSpan>> mSpans;  // by name
   sqlite3* mDb = nullptr;
 };
+
+// Before the lock is taken: whoever records adds to the database meanwhile, and waits for two seconds only.
+// What was read stays true of a file that keeps its name.
+void Rebuild::ReadFiles(const std::function<void(size_t, size_t)>& progress) {
+  const int parent = searchdb::OpenDirectory(mDirectory);
+  if (parent < 0) return;
+  std::vector<Entry> entries;
+  ListRecords(parent, &entries);
+  close(parent);
+  size_t done = 0;
+  for (const Entry& entry : entries) {
+    if (entry.isRecord && entry.record.endTime != 0) {
+      ReadCoverage(Path(entry.name), entry.record.startTime, &mSpans[entry.name]);
+    }
+    if (progress) progress(++done, entries.size());
+  }
+}
+
+// False: what lies there is not to be touched.
+bool Rebuild::IsReplaceable() const {
+  struct stat info = {};
+  struct stat parent = {};
+  const std::string path = Path(searchdb::kName);
+  return stat(mDirectory.c_str(), &parent) != 0 || lstat(path.c_str(), &info) != 0 ||
+         (S_ISREG(info.st_mode) && info.st_dev == parent.st_dev);
+}
 
 // By path: a descriptor of the database that is closed here would release the locks that SQLite holds on it
 // elsewhere in this process.
@@ -118,20 +152,25 @@ bool Rebuild::AddEntry(const Entry& entry, uint32_t newestStart) {
     ++mReport->skipped;
     return true;
   }
-  const int64_t values[] = {record.startTime, record.endTime, record.channelMask};
-  return searchdb::ExecuteWith(mDb, searchdb::kInsert, values, 3) == SQLITE_OK;
+  TimeSearchRecording recording = {static_cast<int32_t>(record.startTime), static_cast<int32_t>(record.endTime),
+                                   record.channelMask};
+  const auto known = mSpans.find(entry.name);
+  if (known != mSpans.end()) {
+    recording.spans = std::move(known->second);
+  } else {
+    ReadCoverage(Path(entry.name), record.startTime, &recording.spans);
+  }
+  return searchdb::AddRecording(mDb, recording) == SQLITE_OK;
 }
 
-bool Rebuild::Fill(const std::function<void(size_t, size_t)>& progress) {
+bool Rebuild::Fill() {
   // Only the newest file can be the one that is being recorded; an older one was left unfinished.
   uint32_t newestStart = 0;
   for (const Entry& entry : mEntries) {
     if (entry.record.startTime <= kTimeLimit) newestStart = std::max(newestStart, entry.record.startTime);
   }
-  size_t done = 0;
   for (const Entry& entry : mEntries) {
     if (!AddEntry(entry, newestStart)) return false;
-    if (progress) progress(++done, mEntries.size());
   }
   int64_t count = 0;
   if (searchdb::QueryNumber(mDb, "SELECT count(*) FROM recording", &count) != SQLITE_OK) return false;
@@ -150,14 +189,9 @@ bool Rebuild::Publish() {
 
 SearchDbRebuildResult Rebuild::Run(const std::function<void(size_t, size_t)>& progress) {
   using Result = SearchDbRebuildResult;
+  if (IsReplaceable()) ReadFiles(progress);
   if (!mLock.Acquire(mDirectory, -1)) return Stop(Result::kRefused, std::strerror(errno));
-  struct stat info = {};
-  struct stat parent = {};
-  if (fstat(mLock.Directory(), &parent) == 0 &&
-      fstatat(mLock.Directory(), searchdb::kName, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
-      (!S_ISREG(info.st_mode) || info.st_dev != parent.st_dev)) {
-    return Stop(Result::kRefused, "search.fdb is not a regular file of this file system");
-  }
+  if (!IsReplaceable()) return Stop(Result::kRefused, "search.fdb is not a regular file of this file system");
   if (!ListRecords(mLock.Directory(), &mEntries)) return Stop(Result::kFailed, std::strerror(errno));
   if (!Empty()) return Stop(Result::kFailed, std::strerror(errno));
 
@@ -166,7 +200,7 @@ SearchDbRebuildResult Rebuild::Run(const std::function<void(size_t, size_t)>& pr
   const bool isMade =
       sqlite3_open_v2(Path(kTemporary).c_str(), &mDb, flags, nullptr) == SQLITE_OK &&
       searchdb::Execute(mDb, "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; BEGIN") == SQLITE_OK &&
-      searchdb::CreateSchema(mDb) == SQLITE_OK && Fill(progress);
+      searchdb::CreateSchema(mDb) == SQLITE_OK && Fill();
   if (!isMade) {
     const std::string why = Why();
     Discard(kTemporary);

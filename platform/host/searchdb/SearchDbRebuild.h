@@ -1,4 +1,5 @@
-// Makes the search database of a data directory anew from the names of its record files.
+// Makes the search database of a data directory anew: what is recorded from the names of its record files, and
+// when each channel has pictures from the files themselves.
 #pragma once
 
 #include <cstddef>
@@ -18,11 +19,12 @@ enum class SearchDbRebuildResult {
   kFailed,   // search.fdb is empty or as it was, and the next start rebuilds it
 };
 
-// `directory` with or without a trailing "/". search.fdb is emptied first, so that a rebuild that is cut off is
-// seen and done again; a complete database then takes its place in one step, made durable. Record files are not
-// written to, and only opened where the name lacks the end time or the channels. A second rebuild of the same
-// directory, in any process, waits for the first. `progress` (may be empty) hears how many of how many entries
-// were looked at.
+// `directory` with or without a trailing "/". Of each record file, its index is read, and what that does not list
+// is walked; none is written to. Of one that can't be read, what its name says is in the database. That may take
+// minutes, and nobody is kept waiting meanwhile. Then search.fdb is emptied, so that a rebuild that is cut off is
+// seen and done again; a complete database takes its place in one step, made durable. A second rebuild of the
+// same directory, in any process, waits for the first. `progress` (may be empty) hears how many of how many
+// entries were looked at.
 SearchDbRebuildResult RebuildSearchDb(const std::string& directory,
                                       const std::function<void(size_t done, size_t total)>& progress,
                                       SearchDbRebuildReport* report);

@@ -1,0 +1,106 @@
+// When a channel has pictures: what ends a span, and that file and writer tell the same.
+#include "platform/host/imf/ImfCoverage.h"
+#include "tests/support/TestDisk.h"
+
+namespace {
+
+constexpr int64_t kSecond = 1000000;
+
+ImfEntry PictureAt(int64_t time, int64_t duration) {
+  ImfEntry entry;
+  entry.isPacket = true;
+  entry.time = time;
+  entry.duration = static_cast<uint32_t>(duration);
+  return entry;
+}
+
+// Times and durations in tenths of a second; "0-50/1" is a picture at each tenth from 0 to 49, each lasting
+// one.
+struct Pictures {
+  int64_t first, end, step, duration;
+};
+
+TEST(Coverage, SpansEndWherePicturesStayAway) {
+  const struct {
+    const char* what;
+    std::vector<Pictures> pictures;
+    std::vector<std::pair<int64_t, int64_t>> spans;
+  } cases[] = {
+      {"ends early", {{0, 50, 1, 1}}, {{0, 50}}},
+      {"a gap", {{0, 50, 1, 1}, {130, 200, 1, 1}}, {{0, 50}, {130, 200}}},
+      {"two seconds are none", {{0, 50, 1, 1}, {69, 200, 1, 1}}, {{0, 200}}},
+      {"the last picture claims to last all the gap",
+       {{0, 49, 1, 1}, {49, 50, 1, 80}, {130, 200, 1, 1}},
+       {{0, 49 + 1}, {130, 200}}},
+      {"a picture every five seconds", {{0, 300, 50, 0}}, {{0, 300}}},
+      {"one of these is missing", {{0, 300, 50, 1}, {350, 600, 50, 1}}, {{0, 251}, {350, 551}}},
+      {"few pictures that say how long they last", {{0, 600, 300, 300}}, {{0, 600}}},
+      {"few pictures of a fast camera", {{0, 160, 80, 1}}, {{0, 1}, {80, 81}}},
+      {"shown in another order than written",
+       {{0, 1, 1, 10}, {30, 31, 1, 10}, {10, 30, 10, 10}, {40, 70, 10, 10}},
+       {{0, 70}}},
+      {"backwards", {{130, 200, 1, 1}, {0, 50, 1, 1}}, {{0, 50}, {130, 200}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ImfCoverage coverage;
+    for (const Pictures& each : c.pictures) {
+      for (int64_t at = each.first; at < each.end; at += each.step) {
+        coverage.Add(PictureAt(at * kSecond / 10, each.duration * kSecond / 10));
+      }
+    }
+    const std::vector<PictureSpan> spans = coverage.Spans();
+    ASSERT_EQ(spans.size(), c.spans.size());
+    for (size_t i = 0; i < spans.size(); ++i) {
+      EXPECT_EQ(spans[i].begin, c.spans[i].first * kSecond / 10);
+      EXPECT_NEAR(static_cast<double>(spans[i].end), static_cast<double>(c.spans[i].second * kSecond / 10),
+                  60000);
+    }
+  }
+}
+
+// However many gaps there are, memory is bounded; forged times overflow nothing.
+TEST(Coverage, IsBounded) {
+  ImfCoverage coverage;
+  for (int64_t i = 0; i < 50000; ++i) coverage.Add(PictureAt((i * 7919 % 50000) * 10 * kSecond, i % 3));
+  for (const int64_t time : {INT64_MIN, int64_t{-1}, INT64_MAX}) coverage.Add(PictureAt(time, UINT32_MAX));
+  const std::vector<PictureSpan> spans = coverage.Spans();
+  ASSERT_FALSE(spans.empty());
+  EXPECT_LE(spans.size(), 4096u);
+  EXPECT_EQ(spans.front().begin, 0);
+  EXPECT_GE(spans.back().end, 499990 * kSecond);
+  EXPECT_LE(spans.back().end, 500100 * kSecond);
+}
+
+TEST(Coverage, FileAndWriterTellTheSame) {
+  constexpr int64_t kStart = 1600000000;
+  TestRoot root;
+  const std::string path = MakeTestFile(root.Path() + "/record", 1 << 20);
+  ImfWriter writer;
+  writer.SetCheckpointInterval(3600);
+  ASSERT_TRUE(writer.Open(path, kStart));
+  ImfStreamInfo stream;
+  stream.timeBaseDenominator = 3;
+  ImfPacket packet;
+  packet.duration = 1;
+  for (const int channel : {0, 5}) {
+    stream.channel = packet.channel = channel;
+    ASSERT_EQ(writer.AddStream(stream), ImfWriteResult::kWritten);
+    for (int64_t i = 0; i < 60; ++i) {
+      if (channel == 5 && i > 20 && i < 50) continue;
+      packet.time = kStart * kSecond + i * kSecond / 3;
+      ASSERT_EQ(writer.Write(packet), ImfWriteResult::kWritten);
+    }
+  }
+  std::vector<PictureSpan> spans;
+  ASSERT_TRUE(ReadCoverage(path, kStart, &spans)) << "in progress: not in the index yet";
+  EXPECT_EQ(spans, writer.Coverage());
+  ASSERT_EQ(spans.size(), 3u);
+  EXPECT_EQ(spans[1], (PictureSpan{5, kStart * kSecond, kStart * kSecond + 6666666 + 333333}));
+  ASSERT_TRUE(writer.Close());
+  ASSERT_TRUE(ReadCoverage(path, kStart, &spans));
+  EXPECT_EQ(spans, writer.Coverage());
+  EXPECT_FALSE(ReadCoverage(path, kStart + 1, &spans));
+}
+
+}  // namespace
