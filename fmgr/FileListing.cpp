@@ -11,6 +11,9 @@
 namespace fmgr {
 namespace {
 
+// With fewer bits, readdir(3) breaks off in a large file system.
+static_assert(sizeof(off_t) == 8);
+
 // glob(3) takes a failing readdir(3) for the directory's end, and has no place for a context in its functions.
 thread_local bool tIsBrokenOff = false;
 

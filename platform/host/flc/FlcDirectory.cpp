@@ -167,6 +167,9 @@ unsigned char TypeOf(DIR* directory, const dirent& entry, unsigned char wanted) 
   return errno == ENOENT ? static_cast<unsigned char>(DT_UNKNOWN) : wanted;
 }
 
+// With fewer bits, readdir(3) breaks off in a large file system.
+static_assert(sizeof(off_t) == 8);
+
 // Calls use(name) for each entry of that type. 0, or the errno of a failure to read the directory to its end.
 template <typename Use>
 int ForEachEntry(DIR* directory, unsigned char type, Use use) {
