@@ -24,7 +24,7 @@ constexpr int64_t kSoundBefore =
     1000000;  // microseconds: how much later than its sound a picture may be written
 constexpr int64_t kLongBefore =
     3600 * int64_t{1000000};               // a picture so long before the recording has a wrong time
-constexpr uint64_t kReadAhead = 4u << 20;  // bytes of wanted packets that the device may be asked for at a time
+constexpr uint64_t kReadAhead = 1u << 20;  // bytes of wanted packets that the device may be asked for at a time
 
 // What is wanted of a recording.
 struct Selection {

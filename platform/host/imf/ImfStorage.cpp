@@ -110,7 +110,7 @@ bool Window::Extend(uint64_t end) {
   const size_t size = static_cast<size_t>(end - mBegin);
   if (size > mCapacity) {
     std::unique_ptr<uint8_t[]> larger(new uint8_t[size]);
-    std::memcpy(larger.get(), mBytes.get(), mSize);
+    if (mSize > 0) std::memcpy(larger.get(), mBytes.get(), mSize);
     mBytes = std::move(larger);
     mCapacity = size;
   }
