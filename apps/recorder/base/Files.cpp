@@ -41,6 +41,17 @@ std::string DirectoryOf(const std::string& path) { return path.substr(0, path.rf
 
 std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
+bool RenameToNew(const std::string& from, const std::string& to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+  if (errno != EINVAL && errno != ENOSYS) return false;
+  // A file system that does not know the flag. Nobody else makes names here while the locks are held.
+  if (Exists(to)) {
+    errno = EEXIST;
+    return false;
+  }
+  return rename(from.c_str(), to.c_str()) == 0;
+}
+
 bool SyncDirectory(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return false;

@@ -19,6 +19,8 @@ bool HasSuffix(const std::string& text, const std::string& suffix);
 std::string DirectoryOf(const std::string& path);
 std::string NameOf(const std::string& path);
 
+// rename(2) that never replaces what is there: false with EEXIST then, and with any other errno when it fails.
+bool RenameToNew(const std::string& from, const std::string& to);
 // Makes names that were given, taken or moved in a directory durable. False: errno tells why.
 bool SyncDirectory(const std::string& path);
 

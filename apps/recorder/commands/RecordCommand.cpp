@@ -22,6 +22,9 @@ void AddRecordCommand(CLI::App& app, Context& context) {
                     "Recycle the oldest recordings when every file is in use (default), or stop then");
   command->add_option("--keep", options->keep,
                       "Hours for which recordings are kept at most (default 0: no limit)");
+  command->add_flag("--trust-clock", options->trustClock,
+                    "Let --keep recycle although nothing bears out what the clock says");
+  command->add_option("--retry", options->retry)->group("");  // seconds between two looks at unused disks
   command->add_option(
       "--clock", options->clock,
       "wall: pictures are recorded at the time of day at which they were taken (default); stream: at "

@@ -1,6 +1,8 @@
 #include "apps/recorder/disks/Disks.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 #include "apps/recorder/base/Files.h"
@@ -21,19 +23,6 @@ bool IsOfDisk(const std::string& name) {
   return name == "imf_free" || name == "imf_error" || name == "imf_prealloc" || name.rfind("data_", 0) == 0;
 }
 
-// Any record file on it will do: a disk may have all of them in use, or free, or in quarantine.
-bool HoldsFiles(const std::string& path) {
-  for (const std::string& name : ListDirectory(path)) {
-    if (name != "imf_free" && name != "imf_error" && name.rfind("data_", 0) != 0) continue;
-    std::string directory = path + "/";
-    directory += name;
-    for (const std::string& file : ListDirectory(directory)) {
-      if (HasSuffix(file, ".imf")) return true;
-    }
-  }
-  return false;
-}
-
 // The last component of a data directory's path, which ends with a slash.
 std::string NameOfDirectory(const FmgrDataRepository& repository) {
   const std::string& path = repository.Path();
@@ -45,18 +34,6 @@ bool IsRealDirectory(const std::string& pathWithSlash) {
   std::error_code error;
   return !pathWithSlash.empty() && std::filesystem::is_directory(std::filesystem::symlink_status(
                                        pathWithSlash.substr(0, pathWithSlash.size() - 1), error));
-}
-
-Refusal RefuseDisk(const std::string& root, const std::string& name, const std::vector<std::string>& others) {
-  const std::string path = DiskPath(root, name);
-  if (Refusal refusal = RefuseDiskName(name, others)) return refusal;
-  if (Refusal refusal = RefuseDiskPath(path)) return refusal;
-  if (!IsDirectory(path)) return "disk " + name + ": " + path + " is not a directory";
-  if (!HoldsFiles(path)) {
-    return "disk " + name + " holds no files: it is not mounted at " + path +
-           ", or was never prepared (recorder prepare)";
-  }
-  return std::nullopt;
 }
 
 }  // namespace
@@ -108,6 +85,28 @@ Refusal TakeLocks(const std::string& root, const std::vector<Disk>& disks, LockS
   return locks->TakeAll(directories);
 }
 
+bool HoldsFiles(const std::string& path) {
+  for (const std::string& name : ListDirectory(path)) {
+    if (name != "imf_free" && name != "imf_error" && name.rfind("data_", 0) != 0) continue;
+    std::string directory = path + "/";
+    directory += name;
+    for (const std::string& file : ListDirectory(directory)) {
+      if (HasSuffix(file, ".imf")) return true;
+    }
+  }
+  return false;
+}
+
+std::string WhyMissing(const std::string& root, const Disk& disk) {
+  return IsPreparationCutOff(disk.path) ? "preparing it was cut off; " + HowToFinish(root, disk.path)
+                                        : "nothing prepared at " + disk.path + ", is it mounted?";
+}
+
+Refusal RefuseDisk(const std::string& root, const std::string& name, const std::vector<std::string>& others) {
+  if (Refusal refusal = RefuseDiskName(name, others)) return refusal;
+  return RefuseDiskPath(DiskPath(root, name));
+}
+
 Disks::~Disks() {
   if (mManager != nullptr) FmgrFileManager::ReleaseInstance();
   for (const Disk& disk : mDisks) FlcDetachDisk(disk.name.c_str());
@@ -118,74 +117,100 @@ Refusal Disks::Choose(const std::string& root, const std::vector<std::string>& n
   std::vector<std::string> chosen = names;
   std::vector<std::string> others = names;
   for (const std::string& name : ListDisks(root)) {
-    const bool named = std::find(names.begin(), names.end(), name) != names.end();
-    if (named) continue;
-    if (IsPrepared(DiskPath(root, name))) {
-      others.push_back(name);  // also when it isn't used: its path could be mistaken for another's
-      if (names.empty()) chosen.push_back(name);
-    } else if (names.empty() && IsPreparationCutOff(DiskPath(root, name))) {
-      Complain("disk %s is left out: preparing it was cut off; %s", name.c_str(),
-               HowToFinish(root, DiskPath(root, name)).c_str());
-    } else if (names.empty()) {
-      Complain("disk %s is left out: nothing prepared at %s, is it mounted?", name.c_str(),
-               DiskPath(root, name).c_str());
-    }
+    if (std::find(names.begin(), names.end(), name) != names.end()) continue;
+    // Its path could be mistaken for another's also when it isn't used.
+    if (IsPrepared(DiskPath(root, name))) others.push_back(name);
+    // One that holds nothing is only told apart from what isn't a disk's mount point at all by its name.
+    const bool canBe = IsPrepared(DiskPath(root, name)) || !RefuseDisk(root, name, {});
+    if (names.empty() && canBe) chosen.push_back(name);
   }
-  if (chosen.empty()) return "there is no prepared disk under " + root + "/disk";
+  if (chosen.empty()) return "there is no disk under " + root + "/disk";
   for (const std::string& name : chosen) {
-    if (Refusal refusal = RefuseDisk(root, name, others)) return refusal;
+    const Disk disk = {name, DiskPath(root, name)};
+    const bool missing = !HoldsFiles(disk.path);
+    if (!missing || !names.empty()) {
+      if (Refusal refusal = RefuseDisk(root, name, others)) return refusal;
+    }
+    (missing ? mMissing : mDisks).push_back(disk);
+    mChosen.push_back(disk);
   }
-  for (const std::string& name : chosen) mDisks.push_back({name, DiskPath(root, name)});
   return std::nullopt;
 }
 
-// The cache has to know a disk before the manager asks about it, and the manager where disks are.
-Refusal Disks::Attach(int option) {
-  for (const Disk& disk : mDisks) {
-    if (FlcAttachDisk(disk.name.c_str(), disk.path.c_str()) != 0) {
-      return "disk " + disk.name + ": " + disk.path + " cannot be used as a disk";
-    }
-  }
+// The cache has to know a disk before the manager asks about it.
+Refusal Disks::Attach(const Disk& disk) {
+  if (FlcAttachDisk(disk.name.c_str(), disk.path.c_str()) == 0) return std::nullopt;
+  return disk.path + " cannot be used as a disk: " + std::strerror(errno);
+}
+
+Refusal Disks::MakeManager(int option) {
   mManager = FmgrFileManager::GetInstance(option);
   if (mManager == nullptr) return "out of memory";
-  mManager->SetRootDirOfTemp(mRoot);
+  mManager->SetRootDirOfTemp(mRoot);  // where disks are
   return std::nullopt;
 }
 
 Refusal Disks::OpenForRecording(const Recording& recording) {
-  if (Refusal refusal = Attach(1)) return refusal;
+  if (Refusal refusal = MakeManager(1)) return refusal;
   mManager->mOverwrite = recording.overwrite ? 1 : 0;
   mManager->SetPreserveLimitHour(recording.keep);
   // Before the first disk: it is repaired while it is added, and the application wants to hear of that.
   mManager->mGroupParamA = recording.observer;
   mManager->mGroupParamB = recording.segmentClose;
-  for (const Disk& disk : mDisks) {
-    if (IsPreparationCutOff(disk.path)) {
-      Complain(
-          "disk %s: preparing it was cut off; recorder --root %s check --disk %s --return-orphans finishes it",
-          disk.name.c_str(), mRoot.c_str(), disk.name.c_str());
-    }
-    if (mManager->AddRepositoryGroup(disk.path) != 1) Complain("disk %s cannot be read", disk.name.c_str());
-  }
-  LeaveForeignDirectories();
-  if (mManager->mGroups.empty()) return "none of the disks can be read";
+  mDisks.clear();
   return std::nullopt;
+}
+
+Refusal Disks::Add(const Disk& disk) {
+  if (IsPreparationCutOff(disk.path)) {
+    Complain(
+        "disk %s: preparing it was cut off; recorder --root %s check --disk %s --return-orphans finishes it",
+        disk.name.c_str(), mRoot.c_str(), disk.name.c_str());
+  }
+  if (Refusal refusal = Attach(disk)) return refusal;
+  if (mManager->AddRepositoryGroup(disk.path) != 1) {
+    FlcDetachDisk(disk.name.c_str());
+    return disk.path + " cannot be read";
+  }
+  mDisks.push_back(disk);
+  return std::nullopt;
+}
+
+void Disks::Remove(const Disk& disk) {
+  const FmgrRepositoryGroup* group = Group(disk);
+  if (group == nullptr) return;
+  mManager->RemoveRepositoryGroup(disk.path);
+  delete group;  // off the list it is nobody's
+  FlcDetachDisk(disk.name.c_str());
+  mDisks.erase(std::remove_if(mDisks.begin(), mDisks.end(),
+                              [&disk](const Disk& each) { return each.path == disk.path; }),
+               mDisks.end());
+  mManager->ClearLink();
+  mManager->SetLink();
 }
 
 Refusal Disks::OpenForLooking() {
   HostAllowCommands(false);
-  if (Refusal refusal = Attach(0)) return refusal;
+  if (Refusal refusal = MakeManager(0)) return refusal;
   // While this is not 0 and not 1, disks are read as for recording, but the links in /tmp stay as the recorder
   // set them. All that looks at disks afterwards expects them in the first list.
   mManager->mAltMode = 2;
+  for (const Disk& disk : mMissing) {
+    Complain("disk %s is left out: %s", disk.name.c_str(), WhyMissing(mRoot, disk).c_str());
+  }
   for (const Disk& disk : mDisks) {
-    if (mManager->AddRepositoryGroup(disk.path) != 1) Complain("disk %s cannot be read", disk.name.c_str());
+    if (Refusal refusal = Attach(disk)) {
+      Complain("disk %s: %s", disk.name.c_str(), refusal->c_str());
+    } else if (mManager->AddRepositoryGroup(disk.path) != 1) {
+      Complain("disk %s cannot be read", disk.name.c_str());
+    }
   }
   mManager->mGroups.splice(mManager->mGroups.end(), mManager->mAltGroups);
   mManager->mAltMode = 0;
   LeaveForeignDirectories();
-  if (mManager->mGroups.empty()) return "none of the disks can be read";
-  return std::nullopt;
+  if (!mManager->mGroups.empty()) return std::nullopt;
+  if (!mDisks.empty()) return "none of the disks can be read";
+  return "no disk is there: nothing is prepared under " + mRoot + "/disk, is it mounted?";
 }
 
 void Disks::LeaveForeignDirectories() {

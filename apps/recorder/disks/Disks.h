@@ -33,6 +33,13 @@ std::string DiskPath(const std::string& root, const std::string& name);
 std::vector<std::string> ListDisks(const std::string& root);
 // Whether a disk's directory holds what preparing makes.
 bool IsPrepared(const std::string& path);
+// Whether a disk's directory holds any record file, in use, free, or in quarantine. Without one it is an empty
+// mount point, or was never prepared.
+bool HoldsFiles(const std::string& path);
+// What is to be said of one that doesn't.
+std::string WhyMissing(const std::string& root, const Disk& disk);
+// What keeps a disk's name or path from being used beside `others`.
+Refusal RefuseDisk(const std::string& root, const std::string& name, const std::vector<std::string>& others);
 
 // Who holds the lock of the root directory, or else of one of the disks: a recorder may use them by another
 // root. As HolderOf in DirectoryLock.h.
@@ -56,18 +63,27 @@ class Disks {
   Disks(const Disks&) = delete;
   Disks& operator=(const Disks&) = delete;
 
-  // Chooses the disks called `names`, or every prepared one when there is none, and refuses those that can't be
-  // used. `root` is absolute.
+  // Chooses the disks called `names`, or all under the root directory when there is none, and refuses names
+  // that can't be used. Of those chosen, the ones that hold nothing are missing. `root` is absolute.
   Refusal Choose(const std::string& root, const std::vector<std::string>& names);
 
-  // Adds the chosen disks to the file manager, which repairs what a crash left behind. The caller holds the
-  // lock on the root directory.
+  // Makes the file manager ready to record, without any disk yet; whoever keeps the disks adds them.
   Refusal OpenForRecording(const Recording& recording);
-  // The same beside a recorder at work: repairs nothing, runs no command, leaves the links in /tmp alone.
+  // Adds a disk that isn't missing to the file manager, which repairs what a crash left behind. The caller
+  // holds the locks. Nothing, or a line's end that says what is wrong: then it is not added.
+  Refusal Add(const Disk& disk);
+  // Takes a disk off the file manager and the file list cache. Without effect when it isn't there.
+  void Remove(const Disk& disk);
+  // Manages all disks that aren't missing beside a recorder at work: repairs nothing, runs no command, leaves
+  // the links in /tmp alone.
   Refusal OpenForLooking();
 
   const std::string& Root() const { return mRoot; }
+  // Those that were chosen and aren't missing; while recording, those that are managed.
   const std::vector<Disk>& All() const { return mDisks; }
+  // As found by Choose().
+  const std::vector<Disk>& Chosen() const { return mChosen; }
+  const std::vector<Disk>& Missing() const { return mMissing; }
   FmgrFileManager* Manager() const { return mManager; }
   // The disk's group in the file manager; null when it isn't managed any more.
   FmgrRepositoryGroup* Group(const Disk& disk) const;
@@ -80,10 +96,13 @@ class Disks {
   void ForgetCache() const;
 
  private:
-  Refusal Attach(int option);
+  Refusal MakeManager(int option);
+  static Refusal Attach(const Disk& disk);
 
   std::string mRoot;
   std::vector<Disk> mDisks;
+  std::vector<Disk> mChosen;
+  std::vector<Disk> mMissing;
   std::set<std::string> mForeign;  // directories that were complained of
   FmgrFileManager* mManager = nullptr;
 };

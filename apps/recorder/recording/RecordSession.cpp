@@ -15,7 +15,8 @@
 #include "apps/recorder/capture/WallClockSource.h"
 #include "apps/recorder/disks/DirectoryLock.h"
 #include "apps/recorder/disks/Disks.h"
-#include "apps/recorder/recording/ForeignFiles.h"
+#include "apps/recorder/recording/DiskKeeper.h"
+#include "apps/recorder/recording/Expiry.h"
 #include "apps/recorder/recording/Recovery.h"
 #include "apps/recorder/recording/Segments.h"
 
@@ -70,6 +71,20 @@ Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* pl
   return ResolveRoot(&plan->root, true);
 }
 
+// The locks of the root directory and of all disks. A disk whose lock can't be had although nobody has it, as
+// on a read-only file system, is no reason not to start: it is set aside when it is looked at.
+Refusal TakeFreeLocks(const std::string& root, const std::vector<Disk>& disks, LockSet* locks) {
+  Refusal refusal = locks->Take(root);
+  for (size_t i = 0; !refusal && i < disks.size(); ++i) {
+    refusal = locks->Take(disks[i].path);
+    if (refusal && !HolderOf(disks[i].path)) refusal.reset();
+  }
+  if (!refusal) return refusal;
+  for (const Disk& disk : disks) locks->Release(disk.path);
+  locks->Release(root);
+  return refusal;
+}
+
 // Standing by, waits until whoever has a lock is gone, or a signal comes. A look leaves the locks alone, so
 // that nobody who waits as well is turned away by it.
 Refusal AwaitLocks(const Plan& plan, const std::vector<Disk>& disks, bool standby, LockSet* locks) {
@@ -77,7 +92,7 @@ Refusal AwaitLocks(const Plan& plan, const std::vector<Disk>& disks, bool standb
   while (!gStop) {
     Refusal refusal = standby ? HolderOf(plan.root, disks) : std::nullopt;
     if (refusal) refusal = "in use by " + *refusal;
-    if (!refusal) refusal = TakeLocks(plan.root, disks, locks);
+    if (!refusal) refusal = TakeFreeLocks(plan.root, disks, locks);
     if (!refusal || !standby) return refusal;
     if (*refusal != said) Complain("standing by: %s", refusal->c_str());
     said = *refusal;
@@ -108,6 +123,7 @@ int RecordAll(Source& source, Segments& segments) {
         segments.EndChannel(event.channel);
         break;
       case SourceEvent::kNothing:
+        segments.Idle();
         break;
       case SourceEvent::kFinished:
         segments.Finish();
@@ -133,21 +149,21 @@ int Record(const RecordOptions& options, const std::string& root) {
   if (!refusal && gStop) return kDone;
   if (!refusal) {
     signal(SIGPIPE, SIG_IGN);  // a log that is not read any more must not end the recording
-    recovery.NoteState(disks.All());
     refusal = disks.OpenForRecording({options.overwrite, plan.keep, &recovery, &recovery});
   }
   if (refusal) {
     Complain("%s", refusal->c_str());
     return kRefused;
   }
-  recovery.ReportState();
-  for (const Disk& disk : disks.All()) {
-    if (FmgrRepositoryGroup* group = disks.Group(disk)) RemoveEmptyDirectories(disk, *group);
-    SearchIndex::Mend(disk.path);
-  }
+  DiskKeeper keeper(disks, locks, index, recovery, {options.retry, options.disks.empty(), !plan.streamClock});
 
   av_log_set_level(AV_LOG_QUIET);  // what matters of it is said in lines of our own
-  Segments segments(disks, index, recovery, {options.segment, options.checkpoint, options.overwrite});
+  keeper.Start();
+  if (plan.streamClock && !keeper.HasDisk()) return kRefused;  // each disk has been named
+  Expiry expiry(disks, keeper, recovery, {int64_t{options.keep} * 3600, options.trustClock});
+  // What is read from files can be read again; what a camera sends can't.
+  Segments segments(disks, keeper, expiry, index, recovery,
+                    {options.segment, options.checkpoint, !plan.streamClock});
   std::unique_ptr<Source> source;
   if (plan.streamClock) {
     source = std::make_unique<StreamClockSource>(options.inputs, plan.start, plan.capture.timeout);

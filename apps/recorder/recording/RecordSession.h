@@ -14,6 +14,8 @@ struct RecordOptions {
   int segment = 60;
   int checkpoint = 2;
   int keep = 0;
+  int retry = 60;
+  bool trustClock = false;
   bool overwrite = true;
   std::string clock = "wall";
   std::string start;

@@ -77,14 +77,28 @@ void Recovery::NotifyFileFixed(ImfFile&, const std::string& newName, unsigned vi
 void Recovery::NotifyFileRemoved(const std::string& path, unsigned start, unsigned end, unsigned mask) {
   if (mQuarantining) {
     // Whoever does it knows whether it came to that.
-  } else if (end == 0) {
-    Print("discarded %s: it was never completed\n", path.c_str());
-  } else {
-    mRecycled++;
-    Print("recycled %s: %s to %s, channels %s\n", path.c_str(), FormatTime(start).c_str(),
-          FormatTime(end).c_str(), FormatChannels(mask).c_str());
+    if (end != 0) mIndex.Remove(path, start);
+    return;
   }
-  if (end != 0) mIndex.Remove(path, start);
+  Settle();
+  mLeaving = {path, start, end, mask};
+}
+
+void Recovery::Settle() {
+  const Leaving file = std::exchange(mLeaving, {});
+  if (file.path.empty()) return;
+  if (Exists(file.path)) {
+    mStuck = file.path;
+    return;
+  }
+  if (file.end == 0) {
+    Print("discarded %s: it was never completed\n", file.path.c_str());
+    return;
+  }
+  mRecycled++;
+  Print("recycled %s: %s to %s, channels %s\n", file.path.c_str(), FormatTime(file.start).c_str(),
+        FormatTime(file.end).c_str(), FormatChannels(file.mask).c_str());
+  mIndex.Remove(file.path, file.start);
 }
 
 void Recovery::OnSegmentClosed(ImfFile&) {}  // NotifyFileFixed follows and knows the new name as well

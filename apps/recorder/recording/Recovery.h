@@ -2,8 +2,10 @@
 // in step with it.
 #pragma once
 
+#include <cstdint>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ImfFile.h"
@@ -24,6 +26,12 @@ class Recovery : public RecoveryObserver, public ImfSegmentCloseInterface {
 
   // The files removed until further notice go into quarantine, which the caller reports, or are recycled.
   void SetQuarantining(bool quarantining) { mQuarantining = quarantining; }
+  // To be called after every call of the file manager that may recycle: only then is it known whether the file
+  // that was to leave has left. Until then nothing is said, and its row stays in the search database.
+  void Settle();
+  // Path of the recording that was to be recycled last and stayed, as Settle() found; empty when none did since
+  // the last call.
+  std::string TakeStuck() { return std::exchange(mStuck, {}); }
   int Recycled() const { return mRecycled; }
 
   void NotifyStage(int stage, int active) override;
@@ -33,7 +41,16 @@ class Recovery : public RecoveryObserver, public ImfSegmentCloseInterface {
 
  private:
   SearchIndex& mIndex;
+  struct Leaving {
+    std::string path;
+    uint32_t start = 0;
+    uint32_t end = 0;
+    uint32_t mask = 0;
+  };
+
   bool mQuarantining = false;
+  Leaving mLeaving;  // no path: none
+  std::string mStuck;
   int mRecycled = 0;
   std::vector<std::string> mUnfinished;  // paths of files in progress
   std::vector<std::string> mDamagedDbs;  // directories whose search database is to be rebuilt

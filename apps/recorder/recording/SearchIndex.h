@@ -22,6 +22,8 @@ class SearchIndex {
   void AddRepaired(const std::string& path);
   // Takes the recording at `path` out. Makes nothing: the directory may be about to go with all that is in it.
   void Remove(const std::string& path, uint32_t startTime);
+  // Closes the databases: before a data directory gets another name, or its disk is taken away.
+  void Close() { mOpen.clear(); }
   // Has every database of the disk at `disk` made anew that does not say what the names say, one line each. A
   // process that is killed between the change of a name and that of the database leaves them apart, without a
   // mark.

@@ -8,9 +8,9 @@
 #include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/recording/ForeignFiles.h"
+#include "apps/recorder/recording/Reserve.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
-#include "platform/host/flc/FlcHost.h"
 #include "platform/host/imf/ImfRecord.h"
 
 namespace recorder {
@@ -20,14 +20,21 @@ namespace {
 // Recordings past the time limit that a segment removes: more than it adds, and few enough for
 // SaveForeignFiles.
 constexpr int kPreserveRounds = 2;
-constexpr int kFailureLimit = 3;  // in a row, then the disk is given up
+constexpr int kFailureLimit = 3;  // in a row, then the disk is set aside
 static_assert(kPreserveRounds + 2 <= kSmallDirectory,
               "MakeRecordFile recycles one more, at a second try another");
 
 }  // namespace
 
-Segments::Segments(Disks& disks, SearchIndex& index, Recovery& recovery, Options options)
-    : mDisks(disks), mIndex(index), mRecovery(recovery), mOptions(options) {}
+Segments::Segments(Disks& disks, DiskKeeper& keeper, Expiry& expiry, SearchIndex& index, Recovery& recovery,
+                   Options options)
+    : mDisks(disks),
+      mKeeper(keeper),
+      mExpiry(expiry),
+      mIndex(index),
+      mRecovery(recovery),
+      mAllocation(disks, keeper, recovery),
+      mOptions(options) {}
 
 Segments::~Segments() = default;
 
@@ -42,6 +49,11 @@ bool Segments::Put(const Sample& sample) {
     if (!mWriter) {
       const Opened opened = Begin(sample);
       if (opened == Opened::kNo) return false;
+      if (opened == Opened::kNoDisk) {
+        mTotals.dropped++;
+        mKeeper.SayNoDisk(mTotals.dropped);
+        return mOptions.waitForDisks;
+      }
       if (opened == Opened::kAgain) continue;
       changed = false;  // every channel's parameters were written
     }
@@ -52,7 +64,7 @@ bool Segments::Put(const Sample& sample) {
       return true;
     }
     if (result == ImfWriteResult::kFailed) {
-      if (!Quarantine("cannot write", errno)) return false;
+      Quarantine("cannot write", errno);
     } else if (mPackets > 0 && sample.packet.data.size() < mWriter->Capacity()) {
       Complete();
     } else {
@@ -64,6 +76,10 @@ bool Segments::Put(const Sample& sample) {
       return true;
     }
   }
+}
+
+void Segments::Idle() {
+  if (!mWriter) mKeeper.Look();
 }
 
 void Segments::Finish() {
@@ -97,30 +113,26 @@ void Segments::NoteWritten(const Sample& sample) {
 }
 
 Segments::Opened Segments::Begin(const Sample& sample) {
-  KeepHouse();
   const int64_t wanted = sample.packet.time / kMicros;
   if (Refusal refusal = RefuseClock(wanted)) {
     Complain("%s", refusal->c_str());
     return Opened::kNo;
   }
-  mStart = NextStart(wanted);
+  mKeeper.Look();
+  KeepHouse();
+  for (Allocation::Result made = Allocation::kAgain; made != Allocation::kMade;) {
+    if (!mKeeper.HasDisk()) return Opened::kNoDisk;
+    mStart = NextStart(wanted);
+    made = mAllocation.Make(mStart, &mPath);
+    if (made != Allocation::kFull) continue;
+    if (mKeeper.HasUnused()) return Opened::kNoDisk;  // one that comes back may have room
+    Complain("no space: every file holds a recording, and nothing may be overwritten");
+    return Opened::kNo;
+  }
   if (mStart > wanted + 10 && !mSaidTooFast) {
     Complain(
         "warning: files fill up in less than a second, so their start times run ahead: prepare larger files");
     mSaidTooFast = true;
-  }
-  int result = MakeFile(mStart);
-  if (result != FMGR_DONE && (result != FMGR_NO_SPACE || mOptions.overwrite)) {
-    mDisks.ForgetCache();  // what it says of the disks may be out of step with them
-    result = MakeFile(mStart);
-  }
-  if (result != FMGR_DONE) {
-    Complain("%s", result == FMGR_NO_SPACE && !mOptions.overwrite
-                       ? "no space: every file holds a recording, and nothing may be overwritten"
-                   : result == FMGR_NO_SPACE     ? "no space: no file is free and none can be recycled"
-                   : result == FMGR_CAN_NOT_MAKE ? "no record file or data directory can be made"
-                                                 : "there is no disk to record to");
-    return Opened::kNo;
   }
   SyncDirectory(DirectoryOf(mPath));
 
@@ -131,9 +143,10 @@ Segments::Opened Segments::Begin(const Sample& sample) {
   mGroupBegin = 0;
   mLargestBefore = mLargestGroup;
   mLargestGroup = 0;
-  if (!mWriter->Open(mPath, mStart)) return Quarantine("cannot open", errno) ? Opened::kAgain : Opened::kNo;
-  if (!WriteStreams()) return Quarantine("cannot write", errno) ? Opened::kAgain : Opened::kNo;
-  return Opened::kYes;
+  const bool opened = mWriter->Open(mPath, mStart);
+  if (opened && WriteStreams()) return Opened::kYes;
+  Quarantine(opened ? "cannot write" : "cannot open", errno);
+  return Opened::kAgain;
 }
 
 // What doesn't fit is left out: the channel's packets won't fit either, and are reported.
@@ -150,8 +163,9 @@ void Segments::KeepHouse() {
   mDisks.LeaveForeignDirectories();
   for (const Disk& disk : mDisks.All()) {
     if (FmgrRepositoryGroup* group = mDisks.Group(disk)) SaveForeignFiles(disk, *group);
+    KeepReserve(disk.path);
   }
-  manager->CheckPreserveTime(kPreserveRounds);
+  mExpiry.Run(kPreserveRounds);
 }
 
 // A record file replaces another of the same start in its directory, so starts ascend there. A start that lies
@@ -170,14 +184,6 @@ uint32_t Segments::NextStart(int64_t wanted) const {
   std::string taken;
   while (newest.FindFileNameByStartTime(static_cast<int>(free), taken)) free++;
   return free;
-}
-
-int Segments::MakeFile(uint32_t start) {
-  FmgrFileManager* manager = mDisks.Manager();
-  timeval time{};
-  time.tv_sec = start;
-  manager->CheckRepositoryChangeCondition(static_cast<int>(start));
-  return manager->MakeRecordFile(time, mPath);
 }
 
 void Segments::Complete() {
@@ -216,36 +222,25 @@ void Segments::GiveBack() {
   }
 }
 
-// Takes the file being recorded out of use. False when it was one too many.
-bool Segments::Quarantine(const char* what, int error) {
+// Takes the file being recorded out of use, and its disk when there is no sense in another file of it.
+void Segments::Quarantine(const char* what, int error) {
   Complain("%s %s: %s", what, mPath.c_str(), std::strerror(error));
-  FmgrFileManager* manager = mDisks.Manager();
   mWriter.reset();
   mRecovery.SetQuarantining(true);
   const bool there = Exists(mPath);
-  const bool moved = manager->MoveRecordFileToErrorRepository(mPath, 1) == 1;
+  const bool moved = mDisks.Manager()->MoveRecordFileToErrorRepository(mPath, 1) == 1;
   mRecovery.SetQuarantining(false);
-  if (!there || !moved || Exists(mPath)) {
-    Complain("cannot move %s to quarantine", mPath.c_str());
-  } else {
+  const bool quarantined = there && moved && !Exists(mPath);
+  if (quarantined) {
     Print("quarantined %s\n", mPath.c_str());
     mTotals.quarantined++;
     SyncDirectory(DirectoryOf(mPath));
+  } else {
+    Complain("cannot move %s to quarantine", mPath.c_str());
   }
-  if (++mFailures < kFailureLimit) return true;
-
-  const FmgrRepositoryGroup* broken = manager->CurrentRepositoryGroup();
-  const std::string path = broken != nullptr ? broken->Path() : std::string();
-  if (manager->ForceChangeCurrentDisk() == 1) {
-    Complain("%d files in a row failed: disk %s is given up, recording goes on without it", mFailures,
-             path.c_str());
-    FlcDetachDisk(NameOf(path).c_str());
-    delete broken;  // off the list it is nobody's
-    mFailures = 0;
-    return true;
-  }
-  Complain("%d files in a row failed and there is no other disk: recording stops", mFailures);
-  return false;
+  if (quarantined && ++mFailures < kFailureLimit) return;
+  mFailures = 0;
+  mKeeper.SetAside(mPath, std::string(what) + " " + mPath, error);
 }
 
 }  // namespace recorder

@@ -11,6 +11,9 @@
 
 #include "apps/recorder/capture/Input.h"
 #include "apps/recorder/disks/Disks.h"
+#include "apps/recorder/recording/Allocation.h"
+#include "apps/recorder/recording/DiskKeeper.h"
+#include "apps/recorder/recording/Expiry.h"
 #include "apps/recorder/recording/Recovery.h"
 #include "apps/recorder/recording/SearchIndex.h"
 
@@ -23,7 +26,7 @@ class Segments {
   struct Options {
     int seconds = 60;  // length of a segment; it ends with the next key frame
     int checkpointSeconds = 2;
-    bool overwrite = true;
+    bool waitForDisks = true;  // without a disk, packets are dropped until there is one again
   };
   struct Totals {
     int segments = 0;
@@ -34,12 +37,15 @@ class Segments {
     double seconds = 0;
   };
 
-  Segments(Disks& disks, SearchIndex& index, Recovery& recovery, Options options);
+  Segments(Disks& disks, DiskKeeper& keeper, Expiry& expiry, SearchIndex& index, Recovery& recovery,
+           Options options);
   ~Segments();  // what Finish() was not called for is left to the next start
 
   // Records a packet. False: recording can't go on, a line on standard error has said why; the open segment, if
   // there is one, is still to be finished.
   bool Put(const Sample& sample);
+  // To be called now and then while no packets come.
+  void Idle();
   // The channel's parameters are not written into new files any more.
   void EndChannel(int channel) { mStreams.erase(channel); }
   // Completes the open segment.
@@ -48,22 +54,24 @@ class Segments {
   const Totals& Sum() const { return mTotals; }
 
  private:
-  enum class Opened { kYes, kAgain, kNo };
+  enum class Opened { kYes, kAgain, kNo, kNoDisk };
 
   bool IsDue(const Sample& sample) const;
   Opened Begin(const Sample& sample);
   uint32_t NextStart(int64_t wanted) const;
-  int MakeFile(uint32_t start);
   void KeepHouse();
   bool WriteStreams();
   void NoteWritten(const Sample& sample);
   void Complete();
   void GiveBack();
-  bool Quarantine(const char* what, int error);
+  void Quarantine(const char* what, int error);
 
   Disks& mDisks;
+  DiskKeeper& mKeeper;
+  Expiry& mExpiry;
   SearchIndex& mIndex;
   Recovery& mRecovery;
+  Allocation mAllocation;
   const Options mOptions;
   Totals mTotals;
   std::map<int, std::shared_ptr<const ImfStreamInfo>> mStreams;  // of the channels that are open
