@@ -9,7 +9,9 @@ BUILD_PACKAGES=(build-essential cmake ninja-build pkg-config
   libavformat-dev libavcodec-dev libavutil-dev libcli11-dev nlohmann-json3-dev libcairo2-dev
   libsqlite3-dev libdeflate-dev)
 DEMO_PACKAGES=(ffmpeg jq)
-TEST_PACKAGES=(libgtest-dev ffmpeg sqlite3 e2fsprogs shellcheck)
+TEST_PACKAGES=(libgtest-dev ffmpeg sqlite3 e2fsprogs shellcheck
+  python3-gi gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+  gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly)
 BENCH_PACKAGES=(libbenchmark-dev)
 
 # With the time since the start, so that one sees how long a step is taking.
