@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <random>
@@ -124,7 +125,7 @@ class CameraTest : public testing::Test {
  protected:
   CameraTest() {
     fs::create_directory(mDirectory);
-    EXPECT_EQ(mProgram.Run(mRoot.Path(), "prepare --disk a --size 2M --count 60"), 0) << mProgram.err;
+    EXPECT_EQ(mProgram.Run(mRoot.Path(), "prepare --on-system-disk --disk a --size 2M --count 60"), 0) << mProgram.err;
   }
   ~CameraTest() override { fs::remove_all(mDirectory); }
 
@@ -264,6 +265,73 @@ void CameraTest::LoseCameras(double away, double frozen, int timeout) {
 
 TEST_F(CameraTest, ComesBackWhileOthersGoOn) { LoseCameras(5, 9, 6); }
 TEST_F(CameraTest, DISABLED_ComesBackAfterTwentySeconds) { LoseCameras(5, 20, 10); }
+
+// Two cameras that are killed and frozen at random for SOAK_SECONDS; the same again with the SOAK_SEED it says.
+TEST_F(CameraTest, DISABLED_StaysAlive) {
+  const char* given = std::getenv("SOAK_SEED");
+  const unsigned seed =
+      given != nullptr ? static_cast<unsigned>(std::atoi(given)) : std::random_device()() % 100000;
+  const char* wanted = std::getenv("SOAK_SECONDS");
+  const double seconds = wanted != nullptr ? std::atof(wanted) : 120;
+  std::mt19937 random(seed);
+  const auto between = [&](int from, int to) {
+    return from + static_cast<int>(random() % static_cast<unsigned>(to - from));
+  };
+  const Port ports[2];
+  std::string inputs;
+  std::unique_ptr<Source> cameras[2];
+  const auto start = [&](int camera) {
+    cameras[camera] =
+        std::make_unique<Source>(mDirectory, "rtsp_server.py", "--bframes 2 --port " + ports[camera].number);
+  };
+  for (int camera = 0; camera < 2; camera++) {
+    start(camera);
+    inputs += " --input rtsp://127.0.0.1:" + ports[camera].number + "/cam";
+  }
+  Record("--segment 4 --input-timeout 3" + inputs);
+  const std::string process = "/proc/" + std::to_string(mRecorder->Id());
+  const auto descriptors = [&] {
+    return std::distance(fs::directory_iterator(process + "/fd"), fs::directory_iterator());
+  };
+  const auto memory = [&] {  // KiB
+    const std::string status = ReadText(process + "/status");
+    return std::atoi(status.c_str() + status.find("VmRSS:") + 6);
+  };
+  const double begin = Now();
+  int losses = 0;
+  int memoryBefore = 0;
+  while (Now() - begin < seconds) {
+    Sleep(between(2, 12));
+    const int camera = between(0, 2);
+    losses++;
+    if (between(0, 2) == 0) {
+      (*cameras[camera])->Send(SIGKILL);
+      Sleep(between(0, 8));
+      start(camera);
+    } else {
+      (*cameras[camera])->Send(SIGSTOP);
+      Sleep(between(0, 12));
+      (*cameras[camera])->Send(SIGCONT);
+    }
+    if (memoryBefore == 0 && Now() - begin > seconds / 4) memoryBefore = memory();
+  }
+  Sleep(40);  // the longest time between two attempts, and what an attempt takes
+  const int memoryAfter = memory();
+  const auto descriptorsAfter = descriptors();
+  const double end = Now();
+  Stop();
+  std::printf("seed %u: %d losses in %.0f s, %d KiB, before %d KiB, %td descriptors\n", seed, losses, seconds,
+              memoryAfter, memoryBefore, descriptorsAfter);
+  EXPECT_LT(memoryAfter, memoryBefore + 8 * 1024) << "seed " << seed;
+  EXPECT_LT(descriptorsAfter, 30);
+  for (int channel = 0; channel < 2; channel++) {
+    const std::vector<Taken> taken = PicturesOf(mRoot.Path(), channel);
+    ASSERT_FALSE(taken.empty());
+    EXPECT_GT(taken.back().time, end - 2) << "seed " << seed << ": channel " << channel << " stayed lost";
+    for (size_t i = 1; i < taken.size(); i++)
+      EXPECT_GT(taken[i].decodeTime, taken[i - 1].decodeTime) << channel;
+  }
+}
 
 // Pictures lost, doubled or shuffled on their way, with pictures that are shown later than they are decoded.
 TEST_F(CameraTest, GivesBackEveryPicture) {

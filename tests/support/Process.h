@@ -21,6 +21,7 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
+  pid_t Id() const { return mPid; }
   void Send(int signal) const { kill(mPid, signal); }
   // Exit status, or minus the signal that ended it.
   int Stop(int signal) {

@@ -21,6 +21,7 @@ constexpr int64_t kLongestStep = 1 * kMicros;   // of stream time, as far as cor
 constexpr int64_t kQuick = 32;
 constexpr int64_t kSlow = 1000;
 constexpr int64_t kSqueeze = 1000;
+constexpr int64_t kOverlap = kMicros / 2;  // of a new connection with the one before; more is sent once again
 
 }  // namespace
 
@@ -98,6 +99,10 @@ int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamSta
     if (!tie.placed) {
       tie.placed = true;
       tie.offset = Target(tie);
+      if (mAnyPlaced) {
+        const int64_t early = std::max(mLatest - stamps->pts, mLatestDecoded - stamps->dts) + 1 - tie.offset;
+        if (early > 0 && early <= kOverlap) tie.offset += early;
+      }
       tie.firstPts = stamps->pts;
       tie.squeezeFrom = mAnyPlaced ? mLatest + 1 : stamps->pts + tie.offset - kWindow;
     } else {
@@ -110,6 +115,7 @@ int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamSta
     time = std::max(time, mLatest + 1);
   }
   mLatest = mAnyPlaced ? std::max(mLatest, time) : time;
+  mLatestDecoded = time - (stamps ? stamps->pts - stamps->dts : 0);
   mAnyPlaced = true;
   return time;
 }

@@ -70,7 +70,8 @@ class ChannelClock {
   int64_t mLastArrived = 0;  // dts
   bool mCameraRefused = false;
   bool mAnyPlaced = false;
-  int64_t mLatest = 0;  // recording time placed so far
+  int64_t mLatest = 0;         // recording time placed so far
+  int64_t mLatestDecoded = 0;  // the last packet's time of decoding
 };
 
 // Recording time, which follows the machine's time of day, from its monotonic clock.

@@ -23,6 +23,9 @@ void StreamClockSource::Advance(int number) {
   const Input::Result result = channel.input->Read(&channel.sample);
   channel.pending = result == Input::Result::kPacket;
   if (channel.pending) {
+    const ImfStreamInfo& stream = *channel.sample.stream;
+    if (channel.sample.packet.keyFrame)
+      mHealth.NoteCoding(number, stream.codecName, stream.width, stream.height);
     mHealth.NotePicture(number, channel.sample.packet.data.size(), ChannelHealthBoard::Moment::Now());
   } else {
     End(number, channel.input->Address() +
