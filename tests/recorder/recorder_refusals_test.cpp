@@ -74,6 +74,17 @@ TEST(Units, Sizes) {
   EXPECT_EQ(FormatSize(64 * kMiB), "64.0 MiB");
 }
 
+TEST(Units, Channels) {
+  const std::map<uint32_t, const char*> kMasks = {{1, "0"}, {0x8000000d, "0,2-3,31"}, {UINT32_MAX, "0-31"}};
+  for (const auto& [mask, text] : kMasks) {
+    EXPECT_EQ(ParseChannels(text).value_or(0), mask) << text;
+    EXPECT_EQ(FormatChannels(mask), text);
+  }
+  EXPECT_EQ(ParseChannels("all"), UINT32_MAX);
+  for (const char* text : {"", "32", "3-1", "1-", "-1", "1,,2", "01", "1 ", "a"})
+    EXPECT_FALSE(ParseChannels(text)) << text;
+}
+
 TEST(Units, Times) {
   setenv("TZ", "EST5EDT", 1);
   tzset();
