@@ -41,8 +41,7 @@ TEST(Refusals, SayInOneLineWhatIsWrong) {
       {"whole MiB", {geometry(kMiB + 1, 3), geometry(0, 3)}},
       {"which is before", {RefuseClock(0x0fffffff)}},  // the last second with seven digits
       {"not before", {RefuseClock(0x7fffffff)}},
-      {"672, 720, 1440",
-       {RefuseKeepHours(1, &limit), RefuseKeepHours(504, &limit), RefuseKeepHours(-12, &limit)}},
+      {"an hour at least", {RefuseKeep(1, &limit), RefuseKeep(3599, &limit)}},
   };
   for (const auto& [part, refusals] : kCases) {
     for (const Refusal& refusal : refusals) {
@@ -52,10 +51,15 @@ TEST(Refusals, SayInOneLineWhatIsWrong) {
       EXPECT_EQ(said.find('\n'), std::string::npos) << "one line";
     }
   }
-  EXPECT_FALSE(RefuseKeepHours(0, &limit));
-  EXPECT_EQ(limit, IPC_PRESERVE_UNLIMITED);
-  EXPECT_FALSE(RefuseKeepHours(336, &limit));
-  EXPECT_EQ(limit, IPC_PRESERVE_336_HOURS);
+  const std::pair<const char*, ipc_preserve_limit_e> kKept[] = {
+      {"0", IPC_PRESERVE_UNLIMITED},    {"1", IPC_PRESERVE_12_HOURS},      {"7d", IPC_PRESERVE_168_HOURS},
+      {"169", IPC_PRESERVE_336_HOURS},  {"20d1h", IPC_PRESERVE_672_HOURS}, {"90d", IPC_PRESERVE_2160_HOURS},
+      {"2161h", IPC_PRESERVE_UNLIMITED}};
+  for (const auto& [text, expected] : kKept) {
+    EXPECT_FALSE(RefuseKeep(ParseSpan(text).value_or(-1), &limit)) << text;
+    EXPECT_EQ(expected, limit) << text;
+  }
+  for (const char* text : {"", "-1", "7w", "7 d", "d"}) EXPECT_FALSE(ParseSpan(text)) << text;
 }
 
 constexpr int64_t kRefused = -1;

@@ -21,7 +21,7 @@ void AddRecordCommand(CLI::App& app, Context& context) {
   command->add_flag("--overwrite,!--no-overwrite", options->overwrite,
                     "Recycle the oldest recordings when every file is in use (default), or stop then");
   command->add_option("--keep", options->keep,
-                      "Hours for which recordings are kept at most (default 0: no limit)");
+                      "For how long recordings are kept at most: 7d, 36h, 36 (hours); default 0: no limit");
   command->add_flag("--trust-clock", options->trustClock,
                     "Let --keep recycle although nothing bears out what the clock says");
   command->add_option("--retry", options->retry)->group("");  // seconds between two looks at unused disks

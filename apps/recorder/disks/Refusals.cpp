@@ -114,16 +114,15 @@ Refusal RefuseClock(int64_t seconds) {
   return std::nullopt;
 }
 
-Refusal RefuseKeepHours(int hours, ipc_preserve_limit_e* limit) {
-  std::string list;
+Refusal RefuseKeep(int64_t seconds, ipc_preserve_limit_e* limit) {
+  if (seconds != 0 && seconds < 3600) return "--keep: recordings are kept for an hour at least (0: no limit)";
+  *limit = IPC_PRESERVE_UNLIMITED;
   for (const auto& entry : kKeepHours) {
-    if (entry.hours == hours) {
-      *limit = entry.limit;
-      return std::nullopt;
-    }
-    list += (list.empty() ? "" : ", ") + std::to_string(entry.hours);
+    if (seconds == 0 || int64_t{entry.hours} * 3600 < seconds) continue;
+    *limit = entry.limit;
+    break;
   }
-  return "--keep " + std::to_string(hours) + ": recordings can be kept for " + list + " hours (0: no limit)";
+  return std::nullopt;
 }
 
 }  // namespace recorder

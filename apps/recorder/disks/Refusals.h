@@ -29,7 +29,8 @@ Refusal RefuseDiskName(const std::string& name, const std::vector<std::string>& 
 Refusal RefuseGeometry(uint64_t size, int64_t count);
 // Seconds since the epoch.
 Refusal RefuseClock(int64_t seconds);
-// Hours for which recordings are kept; fills `limit` when they are one of the values that exist.
-Refusal RefuseKeepHours(int hours, ipc_preserve_limit_e* limit);
+// How long recordings are kept, in seconds; 0: no limit. Fills `limit` with the shortest one of the file
+// manager's that is not shorter, or none.
+Refusal RefuseKeep(int64_t seconds, ipc_preserve_limit_e* limit);
 
 }  // namespace recorder

@@ -9,6 +9,7 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
+#include "apps/recorder/recording/KeepLimit.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "platform/host/imf/RecordName.h"
@@ -62,7 +63,7 @@ void Expiry::Run(int rounds) {
     return;
   }
   SayWhatGoes();
-  mDisks.Manager()->CheckPreserveTime(rounds);
+  RecycleOlderThan(*mDisks.Manager(), mOptions.keepSeconds, rounds);
   mRecovery.Settle();
 }
 

@@ -33,7 +33,8 @@ constexpr unsigned kBetweenLooks = 2;  // seconds, standing by
 // What the options mean, once they are found to be sound.
 struct Plan {
   std::string root;
-  ipc_preserve_limit_e keep = IPC_PRESERVE_UNLIMITED;
+  ipc_preserve_limit_e keep = IPC_PRESERVE_UNLIMITED;  // the file manager's, not shorter than
+  int64_t keepSeconds = 0;                             // what was asked for; 0: no limit
   bool streamClock = false;
   int64_t start = 0;  // microseconds since the epoch
   WallClockSource::Options capture;
@@ -46,7 +47,10 @@ Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* pl
   }
   if (options.segment < 1 || options.segment > 24 * 3600) return "--segment takes 1 to 86400 seconds";
   if (options.checkpoint < 1 || options.checkpoint > 3600) return "--checkpoint takes 1 to 3600 seconds";
-  if (Refusal refusal = RefuseKeepHours(options.keep, &plan->keep)) return refusal;
+  const std::optional<int64_t> keep = ParseSpan(options.keep);
+  if (!keep) return "--keep " + options.keep + " is not a time: 36 (hours), 36h and 7d are";
+  if (Refusal refusal = RefuseKeep(*keep, &plan->keep)) return refusal;
+  plan->keepSeconds = *keep;
   if (options.inputTimeout < 1 || options.inputTimeout > 3600) return "--input-timeout takes 1 to 3600 seconds";
   plan->capture.timeout = options.inputTimeout * kMicros;
   if (!options.cameraClock.empty()) {
@@ -160,7 +164,7 @@ int Record(const RecordOptions& options, const std::string& root) {
   av_log_set_level(AV_LOG_QUIET);  // what matters of it is said in lines of our own
   keeper.Start();
   if (plan.streamClock && !keeper.HasDisk()) return kRefused;  // each disk has been named
-  Expiry expiry(disks, keeper, recovery, {int64_t{options.keep} * 3600, options.trustClock});
+  Expiry expiry(disks, keeper, recovery, {plan.keepSeconds, options.trustClock});
   // What is read from files can be read again; what a camera sends can't.
   Segments segments(disks, keeper, expiry, index, recovery,
                     {options.segment, options.checkpoint, !plan.streamClock});

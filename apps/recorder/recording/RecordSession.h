@@ -13,7 +13,7 @@ struct RecordOptions {
   std::vector<std::string> disks;
   int segment = 60;
   int checkpoint = 2;
-  int keep = 0;
+  std::string keep = "0";
   int retry = 60;
   bool trustClock = false;
   bool overwrite = true;

@@ -12,6 +12,7 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
+#include "apps/recorder/disks/Preparation.h"
 
 namespace recorder {
 
@@ -24,7 +25,7 @@ constexpr uint64_t kBlockBytes = 512;            // of st_blocks
 class ReserveFile {
  public:
   explicit ReserveFile(const std::string& disk)
-      : mPath(disk + "/" + kReserveName),
+      : mPath(disk + "/" + kReserveFile),
         mFd(Exists(mPath) ? open(mPath.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC) : -1) {
     if (mFd < 0 || fstat(mFd, &mInfo) != 0 || !S_ISREG(mInfo.st_mode) || mInfo.st_nlink != 1) mInfo = {};
   }

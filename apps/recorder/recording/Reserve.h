@@ -7,9 +7,6 @@
 
 namespace recorder {
 
-// In the disk's directory: a regular file whose blocks are reserved up to its length.
-constexpr char kReserveName[] = "recorder.reserve";
-
 // True when blocks were set free. `disk` is its directory. Says a line when it does.
 bool GiveUpReserve(const std::string& disk);
 // Gives it up when the file system has no block left, and lays it down again when there is room for it and
