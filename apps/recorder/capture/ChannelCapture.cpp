@@ -45,7 +45,7 @@ void ChannelCapture::Run() {
 
 // Returns why there is no connection any more.
 std::string ChannelCapture::Connect() {
-  Input input(mUrl, mChannel, mTimeout);
+  Input input(mUrl, mChannel, mTimeout, mWithAudio);
   if (!input.Open()) {
     mTimedOut = input.IsTimedOut();
     if (!gStop && (!IsNetwork(mUrl) || input.IsHopeless())) {
@@ -74,6 +74,10 @@ std::string ChannelCapture::Connect() {
       mSink.WaitUntil(begin + sample.streamTime);
       if (gStop) return "";
       sample.arrival = MonotonicNow();
+    }
+    if (sample.packet.kind != ImfKind::kVideo) {
+      mSink.Put(std::move(sample));
+      continue;
     }
     if (sample.stream != stream) {
       stream = sample.stream;

@@ -33,8 +33,8 @@ class ChannelCapture {
     virtual ChannelHealthBoard& Board() = 0;
   };
 
-  ChannelCapture(std::string url, int channel, int64_t timeout, Sink& sink)
-      : mUrl(std::move(url)), mChannel(channel), mTimeout(timeout), mSink(sink) {}
+  ChannelCapture(std::string url, int channel, int64_t timeout, bool audio, Sink& sink)
+      : mUrl(std::move(url)), mChannel(channel), mTimeout(timeout), mWithAudio(audio), mSink(sink) {}
 
   // Until the input has ended, which a network input does only when it can't ever work, or gStop. The last
   // thing put is kChannelEnded.
@@ -50,6 +50,7 @@ class ChannelCapture {
   const std::string mUrl;
   const int mChannel;
   const int64_t mTimeout;
+  const bool mWithAudio;
   Sink& mSink;
 
   bool mEnded = false;

@@ -22,6 +22,7 @@ constexpr int64_t kQuick = 32;
 constexpr int64_t kSlow = 1000;
 constexpr int64_t kSqueeze = 1000;
 constexpr int64_t kOverlap = kMicros / 2;  // of a new connection with the one before; more is sent once again
+constexpr int64_t kSoundReach = 10 * kMicros;  // of the picture before
 
 }  // namespace
 
@@ -109,8 +110,7 @@ int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamSta
       Correct(&tie, std::clamp<int64_t>(stamps->dts - tie.lastDts, 0, kLongestStep));
     }
     tie.lastDts = stamps->dts;
-    // What would overlap the tie before is drawn together behind it, in order.
-    time = std::max(stamps->pts + tie.offset, tie.squeezeFrom + (stamps->pts - tie.firstPts) / kSqueeze);
+    time = TimeOf(tie, stamps->pts);
   } else if (mAnyPlaced) {
     time = std::max(time, mLatest + 1);
   }
@@ -118,6 +118,18 @@ int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamSta
   mLatestDecoded = time - (stamps ? stamps->pts - stamps->dts : 0);
   mAnyPlaced = true;
   return time;
+}
+
+// What would overlap the tie before is drawn together behind it, in order.
+int64_t ChannelClock::TimeOf(const State& tie, int64_t pts) {
+  return std::max(pts + tie.offset, tie.squeezeFrom + (pts - tie.firstPts) / kSqueeze);
+}
+
+int64_t ChannelClock::PlaceSound(int64_t arrival, std::optional<StreamStamps> stamps) const {
+  const State* tie = mTies.empty() ? nullptr : &mTies.front();
+  if (!stamps || tie == nullptr || !tie->placed || std::abs(stamps->pts - tie->lastDts) > kSoundReach)
+    return arrival;
+  return TimeOf(*tie, stamps->pts);
 }
 
 int64_t ChannelClock::LearnedAt(Tie number) const {

@@ -35,6 +35,10 @@ class ChannelClock {
   int64_t Place(Tie tie, int64_t arrival, std::optional<StreamStamps> stamps);
   int64_t LearnedAt(Tie tie) const;
 
+  // When sound was heard; to be asked after the pictures before it were placed. It goes by their clock and
+  // teaches it nothing. What is too far from the last one to be by the same clock was heard when it arrived.
+  int64_t PlaceSound(int64_t arrival, std::optional<StreamStamps> stamps) const;
+
   // A `camera` was given that is too far from the arrival to be believed, lately.
   bool IsCameraRefused() const { return mCameraRefused; }
 
@@ -62,6 +66,7 @@ class ChannelClock {
   static int64_t Least(const State& tie);
   static int64_t Target(const State& tie);
   static void Correct(State* tie, int64_t step);
+  static int64_t TimeOf(const State& tie, int64_t pts);
 
   std::deque<State>
       mTies;  // of which packets are still to be placed; the last is the one that packets arrive in

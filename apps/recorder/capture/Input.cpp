@@ -39,6 +39,7 @@ namespace {
 
 constexpr int64_t kBackwardJump = 1 * kMicros;
 constexpr int64_t kForwardJump = 3600 * kMicros;
+constexpr size_t kSoundLimit = 1024;  // packets that wait for the first picture
 constexpr AVRational kMicroBase = {1, static_cast<int>(kMicros)};
 // What is read of a network stream to find out what it is; libavformat's own limits take up to 7 seconds.
 constexpr const char* kAnalysis = "2000000";  // microseconds
@@ -48,7 +49,8 @@ bool SameStream(const ImfStreamInfo& a, const ImfStreamInfo& b) {
   const auto fields = [](const ImfStreamInfo& info) {
     return std::tie(info.codecName, info.codecTag, info.profile, info.level, info.width, info.height,
                     info.timeBaseNumerator, info.timeBaseDenominator, info.frameRateNumerator,
-                    info.frameRateDenominator, info.extraData);
+                    info.frameRateDenominator, info.sampleRate, info.audioChannels, info.audioLayout,
+                    info.sampleFormat, info.extraData);
   };
   return fields(a) == fields(b);
 }
@@ -78,6 +80,24 @@ ImfStreamInfo DescribeStream(const AVStream& stream, int channel) {
   return info;
 }
 
+ImfStreamInfo DescribeSound(const AVStream& stream, int channel, int number) {
+  const AVCodecParameters& parameters = *stream.codecpar;
+  ImfStreamInfo info = DescribeStream(stream, channel);
+  info.kind = ImfKind::kAudio;
+  info.number = number;
+  info.frameRateNumerator = 0;
+  info.frameRateDenominator = 1;
+  info.sampleRate = parameters.sample_rate;
+  info.audioChannels = parameters.ch_layout.nb_channels;
+  if (parameters.ch_layout.order == AV_CHANNEL_ORDER_NATIVE) info.audioLayout = parameters.ch_layout.u.mask;
+  info.sampleFormat = parameters.format;
+  info.frameSize = parameters.frame_size;
+  info.blockAlign = parameters.block_align;
+  info.bitsPerCodedSample = parameters.bits_per_coded_sample;
+  info.initialPadding = parameters.initial_padding;
+  return info;
+}
+
 bool IsIntraOnly(const AVStream& stream) {
   const AVCodecDescriptor* codec = avcodec_descriptor_get(stream.codecpar->codec_id);
   return codec != nullptr && (codec->props & AV_CODEC_PROP_INTRA_ONLY) != 0;
@@ -103,11 +123,12 @@ bool IsFormat(const AVInputFormat& format, std::initializer_list<const char*> na
 
 }  // namespace
 
-Input::Input(std::string url, int channel, int64_t timeout)
+Input::Input(std::string url, int channel, int64_t timeout, bool audio)
     : mUrl(std::move(url)),
       mChannel(channel),
       mIsNetwork(IsNetwork(mUrl)),
       mTimeout(timeout),
+      mWithAudio(audio),
       mPacket(av_packet_alloc()) {}
 
 Input::~Input() {
@@ -171,8 +192,10 @@ bool Input::Open() {
     mError = "there is no video in it";
     return false;
   }
+  if (mWithAudio) FindSound();
   for (unsigned i = 0; i < mContext->nb_streams; i++) {
-    if (static_cast<int>(i) != mIndex) mContext->streams[i]->discard = AVDISCARD_ALL;
+    const int index = static_cast<int>(i);
+    if (index != mIndex && mSounds.count(index) == 0) mContext->streams[i]->discard = AVDISCARD_ALL;
   }
   DescribeStamps();
   ExtendDeadline();
@@ -199,8 +222,24 @@ void Input::DescribeStamps() {
   mFiller.emplace(options);
 }
 
+// Where several programmes share a transport stream, the sound is that of the picture's.
+void Input::FindSound() {
+  const AVProgram* program = av_find_program_from_stream(mContext, nullptr, mIndex);
+  const unsigned count = program != nullptr ? program->nb_stream_indexes : mContext->nb_streams;
+  for (unsigned i = 0; i < count && mSounds.size() < static_cast<size_t>(IMF_STREAM_LIMIT); i++) {
+    const unsigned index = program != nullptr ? program->stream_index[i] : i;
+    const AVStream& stream = *mContext->streams[index];
+    if (stream.codecpar->codec_type != AVMEDIA_TYPE_AUDIO || stream.codecpar->codec_id == AV_CODEC_ID_NONE)
+      continue;
+    const int number = static_cast<int>(mSounds.size());
+    mSounds[static_cast<int>(index)].stream =
+        std::make_shared<const ImfStreamInfo>(DescribeSound(stream, mChannel, number));
+  }
+}
+
 Input::Result Input::Read(Sample* sample) {
   for (;;) {
+    if (TakeSound(sample)) return Result::kPacket;
     std::optional<StampFiller::Stamps> stamps = mFiller->Take(mEnd != Result::kPacket);
     if (stamps) {
       *sample = std::move(mRead.front());
@@ -225,6 +264,10 @@ Input::Result Input::Fetch() {
       return result == AVERROR_EOF && !mTimedOut ? Result::kEnd : Result::kFailed;
     }
     if (mPacket->stream_index == mIndex && mPacket->size > 0) break;
+    if (mPacket->size > 0 && mSounds.count(mPacket->stream_index) != 0) {
+      FetchSound();
+      if (mStarted) return Result::kPacket;
+    }
   }
   ExtendDeadline();
   Sample sample;
@@ -243,6 +286,55 @@ Input::Result Input::Fetch() {
   mRead.push_back(std::move(sample));
   av_packet_unref(mPacket);
   return Result::kPacket;
+}
+
+// Sound is decoded in the order in which it is heard, so one stamp is enough.
+void Input::FetchSound() {
+  Sound& sound = mSounds[mPacket->stream_index];
+  const AVStream& stream = *mContext->streams[mPacket->stream_index];
+  const int number = sound.stream->number;
+  ImfStreamInfo info = DescribeSound(stream, mChannel, number);
+  size_t size = 0;
+  const uint8_t* extraData = av_packet_get_side_data(mPacket, AV_PKT_DATA_NEW_EXTRADATA, &size);
+  if (extraData != nullptr) {
+    info.extraData.assign(extraData, extraData + size);
+  } else if (info.extraData.empty()) {
+    info.extraData = sound.stream->extraData;
+  }
+  if (!SameStream(info, *sound.stream)) sound.stream = std::make_shared<const ImfStreamInfo>(std::move(info));
+
+  Sample sample;
+  sample.arrival = MonotonicNow();
+  sample.stream = sound.stream;
+  ImfPacket& packet = sample.packet;
+  packet.channel = mChannel;
+  packet.kind = ImfKind::kAudio;
+  packet.number = number;
+  packet.keyFrame = (mPacket->flags & AV_PKT_FLAG_KEY) != 0;
+  packet.duration = mPacket->duration;
+  packet.pts = mPacket->pts != AV_NOPTS_VALUE   ? mPacket->pts
+               : mPacket->dts != AV_NOPTS_VALUE ? mPacket->dts
+                                                : sound.next;
+  packet.dts = packet.pts;
+  sound.next = packet.pts + packet.duration;
+  packet.data.assign(mPacket->data, mPacket->data + mPacket->size);
+  av_packet_unref(mPacket);
+  if (mHasStamps) {
+    const int64_t time = av_rescale_q(packet.pts, stream.time_base, kMicroBase);
+    sample.stamps = StreamStamps{time, time};
+  }
+  mSoundRead.push_back(std::move(sample));
+  if (mSoundRead.size() > kSoundLimit) mSoundRead.pop_front();
+}
+
+// Pictures set the pace and the time: sound takes its place among them by its distance from their beginning.
+bool Input::TakeSound(Sample* sample) {
+  if (!mStarted || mSoundRead.empty()) return false;
+  *sample = std::move(mSoundRead.front());
+  mSoundRead.pop_front();
+  sample->streamTime = mLastTime;
+  if (sample->stamps) sample->displayOffset = sample->stamps->pts - mOrigin - mLastTime;
+  return true;
 }
 
 // A picture whose end is only seen by the beginning of the one behind it comes out when that arrives, and with

@@ -1,10 +1,11 @@
-// One video input: a file, a camera or a network stream, as libavformat reads it. Packets are passed on as they
-// are.
+// One input: the video and the sound of a file, a camera or a network stream, as libavformat reads it. Packets
+// are passed on as they are.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,6 +18,7 @@
 
 struct AVFormatContext;
 struct AVPacket;
+struct AVStream;
 
 namespace recorder {
 
@@ -46,16 +48,16 @@ class Input {
   enum class Result { kPacket, kEnd, kStopped, kFailed };
 
   // `timeout` in microseconds: how long a network input may take to connect, to show what it sends, and from
-  // one picture to the next.
-  Input(std::string url, int channel, int64_t timeout);
+  // one picture to the next. With `audio` its sound is read, too.
+  Input(std::string url, int channel, int64_t timeout, bool audio);
   ~Input();
   Input(const Input&) = delete;
   Input& operator=(const Input&) = delete;
 
-  // Finds the best video stream. False: Error() says why in one line. May wait for the network; gStop ends
-  // that.
+  // Finds the best video stream and the sound that belongs to it. False: Error() says why in one line. May wait
+  // for the network; gStop ends that.
   bool Open();
-  // Fills everything of `sample` but its packet's time. kFailed: Error() says why.
+  // Fills everything of `sample` but its packet's time. The first one is a picture. kFailed: Error() says why.
   Result Read(Sample* sample);
 
   const std::string& Error() const { return mError; }
@@ -77,7 +79,10 @@ class Input {
   bool Fail(int error);
   void ExtendDeadline();
   void DescribeStamps();
+  void FindSound();
   Result Fetch();
+  void FetchSound();
+  bool TakeSound(Sample* sample);
   void FillArrival(Sample* sample);
   void UpdateStream(bool keyFrame);
   void FillStamps(StampFiller::Stamps stamps, Sample* sample);
@@ -87,6 +92,7 @@ class Input {
   const int mChannel;
   const bool mIsNetwork;
   const int64_t mTimeout;
+  const bool mWithAudio;
   bool mIsFile = false;
   std::string mError;
   bool mTimedOut = false;
@@ -105,6 +111,13 @@ class Input {
   int64_t mFirstArrival = 0;
   size_t mPicturesHeld = 0;      // by libavformat, complete, until it has seen more
   std::deque<ComeOut> mComeOut;  // packets, the last ones
+
+  struct Sound {
+    std::shared_ptr<const ImfStreamInfo> stream;
+    int64_t next = 0;  // stamp of a packet that has none
+  };
+  std::map<int, Sound> mSounds;   // by index of the stream
+  std::deque<Sample> mSoundRead;  // waits for the first picture
 
   bool mStarted = false;
   int64_t mOrigin = 0;    // stream time that counts as 0, microseconds

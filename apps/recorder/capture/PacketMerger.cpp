@@ -18,7 +18,9 @@ constexpr size_t kLearningLimit = 8 * kMiB;  // a new connection with more than 
 void PacketMerger::PutPacket(Sample sample, std::optional<int64_t> camera) {
   Channel& channel = mChannels[static_cast<size_t>(sample.packet.channel)];
   Item item;
-  item.tie = channel.clock.Arrive(sample.arrival, sample.stamps, camera);
+  if (sample.packet.kind == ImfKind::kVideo) {
+    item.tie = channel.clock.Arrive(sample.arrival, sample.stamps, camera);
+  }
   item.event.kind = SourceEvent::kPacket;
   item.event.channel = sample.packet.channel;
   item.event.sample = std::move(sample);
@@ -42,15 +44,22 @@ bool PacketMerger::IsReady(Channel* channel, int64_t now, bool drain, int64_t* a
   Item& item = channel->items.front();
   if (item.placed || item.event.kind != SourceEvent::kPacket) return true;
   Sample& sample = item.event.sample;
+  item.placed = true;
+  if (sample.packet.kind != ImfKind::kVideo) {  // follows the picture before it, whose turn has come
+    sample.packet.time = channel->clock.PlaceSound(sample.arrival, sample.stamps);
+    item.decodeTime = channel->lastDecodeTime;
+    return true;
+  }
   const int64_t learned = channel->clock.LearnedAt(item.tie);
   const bool complete = drain || !channel->expected || channel->bytes > kLearningLimit;
   if (sample.stamps && learned > now && !complete) {
     *again = std::min(*again, learned);
+    item.placed = false;
     return false;
   }
   sample.packet.time = channel->clock.Place(item.tie, sample.arrival, sample.stamps);
   item.decodeTime = sample.packet.time - sample.displayOffset;
-  item.placed = true;
+  channel->lastDecodeTime = item.decodeTime;
   return true;
 }
 

@@ -45,7 +45,8 @@ class PacketMerger {
     ChannelClock clock;
     std::deque<Item> items;
     size_t bytes = 0;
-    bool expected = false;  // packets come, as far as is known
+    int64_t lastDecodeTime = 0;  // of the picture placed last
+    bool expected = false;       // packets come, as far as is known
   };
 
   bool IsReady(Channel* channel, int64_t now, bool drain, int64_t* again);

@@ -4,11 +4,12 @@
 
 namespace recorder {
 
-StreamClockSource::StreamClockSource(const std::vector<std::string>& urls, int64_t start, int64_t timeout)
+StreamClockSource::StreamClockSource(const std::vector<std::string>& urls, int64_t start, int64_t timeout,
+                                     bool audio)
     : mStart(start), mChannels(urls.size()), mHealth(ShownAddresses(urls)) {
   for (size_t i = 0; i < urls.size(); i++) {
     Channel& channel = mChannels[i];
-    channel.input = std::make_unique<Input>(urls[i], static_cast<int>(i), timeout);
+    channel.input = std::make_unique<Input>(urls[i], static_cast<int>(i), timeout, audio);
     if (channel.input->Open()) {
       mOpened++;
     } else {
@@ -23,6 +24,7 @@ void StreamClockSource::Advance(int number) {
   const Input::Result result = channel.input->Read(&channel.sample);
   channel.pending = result == Input::Result::kPacket;
   if (channel.pending) {
+    if (channel.sample.packet.kind != ImfKind::kVideo) return;
     const ImfStreamInfo& stream = *channel.sample.stream;
     if (channel.sample.packet.keyFrame)
       mHealth.NoteCoding(number, stream.codecName, stream.width, stream.height);

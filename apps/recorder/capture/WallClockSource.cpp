@@ -158,10 +158,9 @@ WallClockSource::WallClockSource(const std::vector<std::string>& urls, Options o
   wake.sa_handler = IgnoreWake;
   sigaction(SIGUSR1, &wake, nullptr);
   for (size_t i = 0; i < urls.size(); i++) {
-    mThreads.emplace_back(
-        [shared = mShared, url = urls[i], channel = static_cast<int>(i), timeout = options.timeout] {
-          ChannelCapture(url, channel, timeout, *shared).Run();
-        });
+    mThreads.emplace_back([shared = mShared, url = urls[i], channel = static_cast<int>(i), options] {
+      ChannelCapture(url, channel, options.timeout, options.audio, *shared).Run();
+    });
   }
 }
 

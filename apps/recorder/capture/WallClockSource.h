@@ -17,6 +17,7 @@ class WallClockSource : public Source {
  public:
   struct Options {
     int64_t timeout = 0;          // of an input, microseconds
+    bool audio = true;            // record the inputs' sound, too
     uint32_t trustedCameras = 0;  // bit n: what channel n says of the time of day is believed
   };
 

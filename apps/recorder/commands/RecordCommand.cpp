@@ -32,6 +32,8 @@ void AddRecordCommand(CLI::App& app, Context& context) {
   command->add_option("--start", options->start,
                       "Time at which --clock stream starts: ISO 8601, or epoch seconds");
   command->add_option("--checkpoint", options->checkpoint, "Seconds that a power cut may cost (default 2)");
+  command->add_flag("--audio,!--no-audio", options->audio,
+                    "Record the inputs' sound beside their pictures (default), or pictures only");
   command->add_flag("--standby", options->standby,
                     "Wait while another recorder has the disks, and take over when it is gone");
   command->add_option("--input-timeout", options->inputTimeout,

@@ -52,6 +52,7 @@ Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* pl
   if (Refusal refusal = RefuseKeep(*keep, &plan->keep)) return refusal;
   plan->keepSeconds = *keep;
   if (options.inputTimeout < 1 || options.inputTimeout > 3600) return "--input-timeout takes 1 to 3600 seconds";
+  plan->capture.audio = options.audio;
   plan->capture.timeout = options.inputTimeout * kMicros;
   if (!options.cameraClock.empty()) {
     const std::optional<uint32_t> trusted = ParseChannels(options.cameraClock);
@@ -170,7 +171,8 @@ int Record(const RecordOptions& options, const std::string& root) {
                     {options.segment, options.checkpoint, !plan.streamClock});
   std::unique_ptr<Source> source;
   if (plan.streamClock) {
-    source = std::make_unique<StreamClockSource>(options.inputs, plan.start, plan.capture.timeout);
+    source =
+        std::make_unique<StreamClockSource>(options.inputs, plan.start, plan.capture.timeout, options.audio);
   } else {
     source = std::make_unique<WallClockSource>(options.inputs, plan.capture);
   }

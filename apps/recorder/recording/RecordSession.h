@@ -19,6 +19,7 @@ struct RecordOptions {
   bool overwrite = true;
   std::string clock = "wall";
   std::string start;
+  bool audio = true;
   bool standby = false;
   int inputTimeout = 10;    // seconds
   std::string cameraClock;  // channels, or "all"

@@ -20,7 +20,8 @@ namespace {
 // Recordings past the time limit that a segment removes: more than it adds, and few enough for
 // SaveForeignFiles.
 constexpr int kPreserveRounds = 2;
-constexpr int kFailureLimit = 3;  // in a row, then the disk is set aside
+constexpr int kFailureLimit = 3;          // in a row, then the disk is set aside
+constexpr size_t kEarlySoundLimit = 256;  // packets
 static_assert(kPreserveRounds + 2 <= kSmallDirectory,
               "MakeRecordFile recycles one more, at a second try another");
 
@@ -38,19 +39,38 @@ Segments::Segments(Disks& disks, DiskKeeper& keeper, Expiry& expiry, SearchIndex
 
 Segments::~Segments() = default;
 
+// A segment begins with a picture, since its name tells of pictures only.
 bool Segments::Put(const Sample& sample) {
+  if (!mWriter && sample.packet.kind != ImfKind::kVideo) {
+    if (mEarlySound.size() < kEarlySoundLimit) {
+      mEarlySound.push_back(sample);
+    } else {
+      mTotals.dropped++;
+    }
+    return true;
+  }
+  if (!PutPacket(sample)) return false;
+  for (const Sample& sound : std::exchange(mEarlySound, {})) {
+    if (!Put(sound)) return false;
+  }
+  return true;
+}
+
+bool Segments::PutPacket(const Sample& sample) {
   const int channel = sample.packet.channel;
-  auto& known = mStreams[channel];
+  auto& known = mStreams[{channel, sample.packet.kind, sample.packet.number}];
   bool changed = known != sample.stream;
   known = sample.stream;
   if (mWriter && (sample.newTimeline || IsDue(sample))) Complete();
 
   for (;;) {
+    if (!mWriter && sample.packet.kind != ImfKind::kVideo) return Put(sample);
     if (!mWriter) {
       const Opened opened = Begin(sample);
       if (opened == Opened::kNo) return false;
       if (opened == Opened::kNoDisk) {
-        mTotals.dropped++;
+        mTotals.dropped += 1 + static_cast<int64_t>(mEarlySound.size());
+        mEarlySound.clear();
         mKeeper.SayNoDisk(mTotals.dropped);
         return mOptions.waitForDisks;
       }
@@ -78,6 +98,11 @@ bool Segments::Put(const Sample& sample) {
   }
 }
 
+void Segments::EndChannel(int channel) {
+  mStreams.erase(mStreams.lower_bound({channel, ImfKind::kVideo, 0}),
+                 mStreams.lower_bound({channel + 1, ImfKind::kVideo, 0}));
+}
+
 void Segments::Idle() {
   if (!mWriter) mKeeper.Look();
 }
@@ -89,15 +114,20 @@ void Segments::Finish() {
 // Segments change on a key frame of the first open channel, so that at least that one can be played from its
 // first packet. A channel that has fallen silent is not waited for for ever.
 bool Segments::IsDue(const Sample& sample) const {
-  if (!sample.packet.keyFrame || mPackets == 0) return false;
+  if (!sample.packet.keyFrame || sample.packet.kind != ImfKind::kVideo || mPackets == 0) return false;
   const int64_t length = sample.packet.time - mFirstTime;
   const int64_t wanted = mOptions.seconds * kMicros;
-  if (sample.packet.channel != mStreams.begin()->first) return length >= 2 * wanted;
+  if (!IsLeading(sample.packet)) return length >= 2 * wanted;
   if (length >= wanted) return true;
   // Nearly full: a group of pictures that has no room here had better begin the next file.
   const uint64_t group = std::max({mLargestGroup, mLargestBefore, mWriter->Used() - mGroupBegin});
   const uint64_t room = mWriter->Capacity() - mWriter->Used();
   return group + group / 8 > room && group <= mWriter->Capacity() / 2;
+}
+
+// Of the first open channel's video.
+bool Segments::IsLeading(const ImfPacket& packet) const {
+  return packet.kind == ImfKind::kVideo && packet.channel == std::get<0>(mStreams.begin()->first);
 }
 
 void Segments::NoteWritten(const Sample& sample) {
@@ -106,7 +136,7 @@ void Segments::NoteWritten(const Sample& sample) {
   mFailures = 0;
   if (mPackets++ == 0) mFirstTime = packet.time;
   mLastTime = std::max(mLastTime, packet.time);
-  if (!packet.keyFrame || packet.channel != mStreams.begin()->first) return;
+  if (!packet.keyFrame || !IsLeading(packet)) return;
   const uint64_t begin = mWriter->Used();  // behind the key frame: the next one counts to the group instead
   if (mGroupBegin != 0) mLargestGroup = std::max(mLargestGroup, begin - mGroupBegin);
   mGroupBegin = begin;

@@ -7,7 +7,9 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "apps/recorder/capture/Input.h"
 #include "apps/recorder/disks/Disks.h"
@@ -47,7 +49,7 @@ class Segments {
   // To be called now and then while no packets come.
   void Idle();
   // The channel's parameters are not written into new files any more.
-  void EndChannel(int channel) { mStreams.erase(channel); }
+  void EndChannel(int channel);
   // Completes the open segment.
   void Finish();
 
@@ -56,10 +58,12 @@ class Segments {
  private:
   enum class Opened { kYes, kAgain, kNo, kNoDisk };
 
+  bool PutPacket(const Sample& sample);
   bool IsDue(const Sample& sample) const;
   Opened Begin(const Sample& sample);
   uint32_t NextStart(int64_t wanted) const;
   void KeepHouse();
+  bool IsLeading(const ImfPacket& packet) const;
   bool WriteStreams();
   void NoteWritten(const Sample& sample);
   void Complete();
@@ -74,7 +78,9 @@ class Segments {
   Allocation mAllocation;
   const Options mOptions;
   Totals mTotals;
-  std::map<int, std::shared_ptr<const ImfStreamInfo>> mStreams;  // of the channels that are open
+  using StreamKey = std::tuple<int, ImfKind, int>;                     // channel, kind, number
+  std::map<StreamKey, std::shared_ptr<const ImfStreamInfo>> mStreams;  // of the channels that are open
+  std::vector<Sample> mEarlySound;  // waits for the picture that begins a segment
 
   // The segment under way.
   std::unique_ptr<ImfWriter> mWriter;
