@@ -215,7 +215,12 @@ class ImfTest : public testing::Test {
     imf::Chunk chunk;
     ASSERT_TRUE(imf::DecodeChunk(bytes, &chunk));
     uint8_t* const payload = bytes + imf::kChunkHeader;
-    if (mRandom() % 2 == 0) {
+    const uint32_t kind = mRandom() % 3;
+    if (kind == 0) {  // the last chunks that it should list are left out
+      const auto left = static_cast<uint8_t>(1 + mRandom() % 15);
+      payload[20] = static_cast<uint8_t>(payload[20] - left);
+      chunk.sequence -= left;
+    } else if (kind == 1) {
       Lie(payload, imf::kIndexHeader);
     } else {
       Lie(payload + imf::kIndexHeader + mRandom() % 16 * imf::kIndexEntry + 8, 8);
