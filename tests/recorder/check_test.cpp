@@ -168,9 +168,10 @@ TEST_F(CheckTest, RebuildsSearchDatabases) {
 
 TEST_F(CheckTest, RefusesWhatLooksMissingOrMostlyWrong) {
   ASSERT_TRUE(Shell("mkdir ../gone"));
-  EXPECT_EQ(2, Check("")) << "one looks missing";
+  EXPECT_EQ(1, Check("")) << "one looks missing";
+  EXPECT_EQ(2, Check("--repair-names")) << "and is not repaired";
   EXPECT_EQ(0, Check("--disk d"));
-  EXPECT_EQ(2, Check("--disk nosuch"));
+  EXPECT_EQ(1, Check("--disk nosuch"));
 
   ASSERT_TRUE(
       Shell("for f in $A $B $C; do mv $f ${f%%_65*}_00000000.imf; done; mv imf_free/00000001.imf other.imf"));

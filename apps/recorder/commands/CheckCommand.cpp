@@ -111,7 +111,8 @@ int Repair(const Options& options, const Disk& disk, DiskReport* report) {
 Refusal ChooseDisks(const Options& options, const std::string& root, std::vector<Disk>* disks) {
   for (const std::string& name : options.disks.empty() ? ListDisks(root) : options.disks) {
     disks->push_back({name, DiskPath(root, name)});
-    const bool isDisk = !name.empty() && name.find('/') == std::string::npos && IsDirectory(disks->back().path);
+    // One that is named and not there is missing, like one that is there and holds nothing.
+    const bool isDisk = !name.empty() && name.find('/') == std::string::npos;
     if (!isDisk) return "there is no disk " + name + " under " + root + "/disk";
   }
   if (disks->empty()) return "there is no disk under " + root + "/disk";
@@ -135,7 +136,8 @@ int Check(const Options& options, std::string root) {
     if (report.missing && !options.force) {
       Complain("disk %s looks missing: there is nothing of a disk at %s, is it mounted?", disks[i].name.c_str(),
                disks[i].path.c_str());
-      status = kRefused;
+      if (options.json) PrintLine({{"disk", disks[i].name}, {"path", disks[i].path}, {"missing", true}});
+      status = std::max<int>(status, options.Repairs() ? kRefused : kFound);
       continue;
     }
     if (options.Repairs()) status = std::max(status, Repair(options, disks[i], &report));

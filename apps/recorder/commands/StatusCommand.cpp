@@ -10,12 +10,32 @@
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/looking/JsonLine.h"
-#include "apps/recorder/looking/Recordings.h"
 #include "apps/recorder/looking/Status.h"
 
 namespace recorder {
 
 namespace {
+
+void PutState(const DiskState& state, nlohmann::ordered_json* line) {
+  (*line)["state"] = UseName(state.use);
+  (*line)["reason"] = state.use != DiskState::kUsed ? nlohmann::ordered_json(state.what) : nullptr;
+  (*line)["since"] = state.since != 0 ? nlohmann::ordered_json(FormatTime(state.since)) : nullptr;
+}
+
+// One of which nothing more can be said.
+void PrintJson(const DiskState& state) {
+  nlohmann::ordered_json line;
+  line["disk"] = state.disk.name;
+  line["path"] = state.disk.path;
+  PutState(state, &line);
+  Print("%s\n", line.dump().c_str());
+}
+
+void PrintText(const DiskState& state) {
+  Print("  %s%s%s: %s\n", state.use == DiskState::kMissing ? "missing" : "set aside",
+        state.since != 0 ? " since " : "", state.since != 0 ? FormatTime(state.since).c_str() : "",
+        state.what.c_str());
+}
 
 void PrintJson(const DiskStatus& status, const Capacity& capacity) {
   nlohmann::ordered_json line;
@@ -31,6 +51,7 @@ void PrintJson(const DiskStatus& status, const Capacity& capacity) {
   line["first"] = status.first != 0 ? nlohmann::ordered_json(FormatTime(status.first)) : nullptr;
   line["last"] = status.last != 0 ? nlohmann::ordered_json(FormatTime(status.last)) : nullptr;
   line["writing"] = status.writing;
+  PutState(status.state, &line);
   line["allDisks"]["remainingMiB"] = capacity.remaining;
   line["allDisks"]["hoursLeft"] = nullptr;
   if (capacity.hoursLeft) line["allDisks"]["hoursLeft"] = *capacity.hoursLeft;
@@ -46,6 +67,7 @@ void PrintText(const DiskStatus& status) {
   line("free", status.free, status.fileSize * static_cast<uint64_t>(status.free));
   line("used", status.used, status.fileSize * static_cast<uint64_t>(status.used));
   line("quarantined", status.quarantined, status.quarantinedBytes);
+  if (status.state.use != DiskState::kUsed) PrintText(status.state);
   if (status.first == 0) {
     Print("  nothing recorded\n");
   } else {
@@ -61,20 +83,35 @@ void PrintText(const Capacity& capacity) {
 
 int Status(std::string root, bool json) {
   Disks disks;
-  if (Refusal refusal = OpenToLook(&root, &disks)) {
+  Refusal refusal = ResolveRoot(&root, true);
+  if (!refusal) refusal = disks.Choose(root, {});
+  const bool hasDisk = !refusal && !disks.All().empty();
+  if (hasDisk) refusal = disks.OpenForLooking();
+  if (refusal) {
     Complain("%s", refusal->c_str());
     return kRefused;
   }
   const std::optional<std::string> holder = HolderOf(root, disks.All());
   const bool recording = holder && holder->rfind("recorder record ", 0) == 0;
   if (holder && !json) Print("in use by %s\n", holder->c_str());
-  const Capacity capacity = MeasureCapacity(disks);
+  std::vector<DiskState> unused = UnusedDisks(disks, recording);
+  const Capacity capacity = hasDisk ? MeasureCapacity(disks) : Capacity();
   for (const Disk& disk : disks.All()) {
     FmgrRepositoryGroup* group = disks.Group(disk);
     if (group == nullptr) continue;
     DiskStatus status = Examine(disk, *group);
-    status.writing = recording && group == BeingWritten(disks);
+    for (auto state = unused.begin(); state != unused.end(); ++state) {
+      if (state->disk.name != disk.name) continue;
+      status.state = *state;
+      unused.erase(state);
+      break;
+    }
+    status.writing = recording && status.state.use == DiskState::kUsed && group == BeingWritten(disks);
     json ? PrintJson(status, capacity) : PrintText(status);
+  }
+  for (const DiskState& state : unused) {
+    if (!json) Print("disk %s at %s\n", state.disk.name.c_str(), state.disk.path.c_str());
+    json ? PrintJson(state) : PrintText(state);
   }
   if (!json) PrintText(capacity);
   return kDone;

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <map>
 
 #include "apps/recorder/base/Files.h"
@@ -43,6 +44,17 @@ Capacity MeasureCapacity(const Disks& disks) {
   for (const Span& span : Merge(spans, 0, kLatestTime)) seconds += static_cast<double>(span.end - span.begin);
   if (bytes > 0) capacity.hoursLeft = capacity.remaining * static_cast<double>(kMiB) / (bytes / seconds) / 3600;
   return capacity;
+}
+
+std::vector<DiskState> UnusedDisks(const Disks& disks, bool recording) {
+  std::vector<DiskState> unused;
+  if (recording) unused = ReadState(disks.Root()).disks;
+  for (const Disk& disk : disks.Missing()) {
+    const bool known = std::any_of(unused.begin(), unused.end(),
+                                   [&disk](const DiskState& each) { return each.disk.name == disk.name; });
+    if (!known) unused.push_back({disk, DiskState::kMissing, WhyMissing(disks.Root(), disk), 0});
+  }
+  return unused;
 }
 
 DiskStatus Examine(const Disk& disk, FmgrRepositoryGroup& group) {

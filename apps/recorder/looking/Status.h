@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "apps/recorder/disks/DiskState.h"
 #include "apps/recorder/disks/Disks.h"
 
 namespace recorder {
@@ -20,6 +22,7 @@ struct DiskStatus {
   int first = 0;  // seconds since the epoch, 0: nothing recorded
   int last = 0;
   bool writing = false;
+  DiskState state;  // by the recorder that is at work; used when there is none
 };
 
 // What all disks together have left.
@@ -31,6 +34,9 @@ struct Capacity {
 // `disks` are open. The present rate is that at which the latest hours of recording used up files: a file
 // counts in full, however much of it is in use.
 Capacity MeasureCapacity(const Disks& disks);
+// The disks that aren't used: those that are missing, and while `recording` those that the recorder has set
+// aside or misses.
+std::vector<DiskState> UnusedDisks(const Disks& disks, bool recording);
 DiskStatus Examine(const Disk& disk, FmgrRepositoryGroup& group);
 // The disk of the newest file in progress. Between two segments there is none, and the disk of the newest data
 // directory is the one that the recorder goes on with, unless it has given that disk up.

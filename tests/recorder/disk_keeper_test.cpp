@@ -1,0 +1,220 @@
+// Disks that come and go while it is recorded, and in what order their recordings are recycled.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "apps/recorder/recording/DirectoryNumbers.h"
+#include "tests/support/RecorderProgram.h"
+#include "tests/support/TestDisk.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using recorder::DirectoryList;
+
+constexpr int64_t kNow = 1000;
+
+// As "a5 b6": what PlanNumbers would rename, disks called by letters, and to which numbers, in order of time.
+std::string PlanOf(const std::vector<DirectoryList>& disks) {
+  std::string text;
+  const auto plan = recorder::PlanNumbers(disks, kNow);
+  for (auto each = plan.rbegin(); each != plan.rend(); ++each) {
+    text += (text.empty() ? "" : " ") + std::string(1, static_cast<char>('a' + each->disk)) +
+            std::to_string(each->from.number) + ">" + std::to_string(each->number);
+  }
+  return text;
+}
+
+TEST(DirectoryNumbers, AscendWithTime) {
+  const struct {
+    const char* what;
+    std::vector<DirectoryList> disks;
+    const char* plan;
+  } kCases[] = {
+      {"nothing", {{}, {}}, ""},
+      {"in order", {{{1, 100, ""}, {3, 300, ""}}, {{2, 200, ""}}}, ""},
+      {"one number twice", {{{3, 200, ""}}, {{2, 100, ""}, {3, 300, ""}}}, "b3>4"},
+      {"numbered from 1 again", {{{1, 100, ""}, {2, 200, ""}}, {{1, 300, ""}, {2, 400, ""}}}, "b1>3 b2>4"},
+      {"newer before older", {{{4, 100, ""}, {5, 400, ""}}, {{2, 200, ""}, {3, 300, ""}}}, "b2>6 b3>7 a5>8"},
+      {"a clock set back keeps its disk's order", {{{1, 500, ""}, {2, 400, ""}}, {{3, 600, ""}}}, ""},
+      {"a clock that was ahead",
+       {{{1, 5000, ""}, {3, 300, ""}}, {{2, 200, ""}, {4, 400, ""}}},
+       "a1>5 a3>6 b4>7"},
+      {"an empty one", {{{1, 0, ""}, {9, 0, ""}}, {{1, 100, ""}, {2, 200, ""}}}, ""},
+      {"no numbers left", {{{99999999, 200, ""}}, {{99999999, 100, ""}}}, ""},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(c.plan, PlanOf(c.disks)) << c.what;
+}
+
+class DiskKeeperTest : public testing::Test {
+ protected:
+  void SetUp() override { mProgram.MakeVideo(mVideo, 25, "200k"); }
+  ~DiskKeeperTest() override {
+    for (const std::string& path : mMounts) mProgram.Shell("umount -l " + path);
+    fs::remove_all(mDirectory);
+  }
+
+  int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
+  int Record(const std::string& start) {
+    return Run("record --clock stream --segment 4 --input " + mVideo + " --start " + start);
+  }
+  std::string DiskPath(const std::string& disk) { return mRoot.Path() + "/disk/" + disk; }
+  void Prepare(const std::string& disk, int count) {
+    ASSERT_EQ(0, Run("prepare --on-system-disk --size 1M --disk " + disk + " --count " + std::to_string(count)))
+        << mProgram.err;
+  }
+  // Names of all recordings, which are in order of time, of one disk or of all.
+  std::set<std::string> Recordings(const std::string& below) {
+    std::set<std::string> names;
+    std::error_code ignored;
+    for (const auto& entry : fs::recursive_directory_iterator(below, ignored)) {
+      const std::string name = entry.path().filename();
+      if (name.find("_cm") != std::string::npos) names.insert(name);
+    }
+    return names;
+  }
+  size_t DataDirectories() {
+    size_t count = 0;
+    for (const char* disk : {"a", "b"}) {
+      for (const std::string& name : NamesIn(DiskPath(disk))) count += name.rfind("data_", 0) == 0 ? 1 : 0;
+    }
+    return count;
+  }
+  // In the order in which they went.
+  static std::vector<std::string> Recycled(const std::string& out) {
+    std::vector<std::string> names;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.rfind("recycled ", 0) != 0) continue;
+      names.push_back(fs::path(line.substr(9, line.find(':') - 9)).filename());
+    }
+    return names;
+  }
+
+  TestRoot mRoot;
+  const std::string mDirectory = "/tmp/disk_keeper." + std::to_string(getpid());
+  const bool mMade = fs::create_directory(mDirectory);
+  const std::string mVideo = mDirectory + "/video.mp4";
+  RecorderProgram mProgram{mDirectory};
+  std::set<std::string> mMounts;
+};
+
+// Numbers that a disk brought back once stood in the way for ever: a data directory for every segment.
+TEST_F(DiskKeeperTest, RecyclesTheOldestFirstAfterADiskWasAway) {
+  for (const char* disk : {"a", "b"}) Prepare(disk, 5);
+  ASSERT_EQ(0, Record("2024-05-01T12:00:00Z")) << mProgram.err;
+  ASSERT_EQ(0, Record("2024-05-01T12:30:00Z")) << mProgram.err;
+  fs::rename(DiskPath("a"), mRoot.Path() + "/away");
+  ASSERT_EQ(0, Record("2024-05-01T13:00:00Z")) << mProgram.err;
+  fs::rename(mRoot.Path() + "/away", DiskPath("a"));
+  for (const char* start : {"2024-05-01T14:00:00Z", "2024-05-01T15:00:00Z", "2024-05-01T16:00:00Z"}) {
+    const std::set<std::string> before = Recordings(mRoot.Path());
+    ASSERT_EQ(0, Record(start)) << mProgram.err;
+    const std::vector<std::string> recycled = Recycled(mProgram.out);
+    ASSERT_EQ(10u, recycled.size());
+    EXPECT_EQ(std::vector<std::string>(before.begin(), before.end()),
+              std::vector<std::string>(recycled.begin(), recycled.begin() + static_cast<long>(before.size())));
+    EXPECT_LE(DataDirectories(), 4u);
+  }
+  EXPECT_EQ(0, Run("check")) << mProgram.out;
+}
+
+// Two small file systems; skipped where none can be mounted.
+TEST_F(DiskKeeperTest, GoesOnWithoutADiskAndTakesItBack) {
+  for (const char* disk : {"a", "b"}) {
+    const std::string image = mDirectory + "/" + disk;
+    fs::create_directories(DiskPath(disk));
+    if (mProgram.Shell("truncate -s 24M " + image + " && mkfs.ext4 -q -F -m 0 " + image +
+                       " && mount -o loop,errors=remount-ro " + image + " " + DiskPath(disk)) != 0) {
+      GTEST_SKIP() << "no file system can be mounted here: " << mProgram.err;
+    }
+    mMounts.insert(DiskPath(disk));
+    Prepare(disk, 12);
+  }
+  ASSERT_EQ(0, mProgram.Shell("findmnt -no SOURCE " + DiskPath("a")));
+  const std::string trigger = "/sys/fs/ext4/" +
+                              fs::path(mProgram.out.substr(0, mProgram.out.find('\n'))).filename().string() +
+                              "/trigger_fs_error";
+  if (!fs::exists(trigger)) GTEST_SKIP() << "this kernel can't make a file system read-only on demand";
+
+  const std::string output = mDirectory + "/record";
+  const std::string record = std::string(RECORDER_PROGRAM) + " --root " + mRoot.Path() +
+                             " record --segment 1 --retry 1 --input " + mVideo + " >" + output +
+                             " 2>&1 & echo $!";
+  ASSERT_EQ(0, mProgram.Shell(record));
+  const std::string pid = mProgram.out.substr(0, mProgram.out.find('\n'));
+  const auto wait = [](double seconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<int>(seconds * 1000)));
+  };
+  const auto told = [&](const std::string& text) {
+    for (int i = 0; i < 150; ++i) {
+      if (ReadText(output).find(text) != std::string::npos) return true;
+      wait(0.1);
+    }
+    return false;
+  };
+  wait(3);
+  ASSERT_EQ(0, mProgram.Shell("echo 1 >" + trigger));
+  EXPECT_TRUE(told("disk a is set aside: ")) << ReadText(output);
+  wait(2);
+  ASSERT_EQ(0, Run("status --json"));
+  EXPECT_EQ("aside", mProgram.JsonLines().at(0)["state"]);
+  EXPECT_EQ("used", mProgram.JsonLines().at(1)["state"]);
+  // As whoever looks after it does: nothing holds it any more.
+  ASSERT_EQ(0, mProgram.Shell("umount " + DiskPath("a"))) << mProgram.err;
+  EXPECT_TRUE(told("disk a is missing: ")) << ReadText(output);
+  EXPECT_TRUE(NamesIn(DiskPath("a")).empty()) << "nothing is written to an empty mount point";
+  EXPECT_EQ(1, Run("check --disk a"));
+  mProgram.Shell("e2fsck -fy " + mDirectory + "/a");
+  ASSERT_EQ(0, mProgram.Shell("mount -o loop " + mDirectory + "/a " + DiskPath("a"))) << mProgram.err;
+  EXPECT_TRUE(told("disk a is used from now on")) << ReadText(output);
+  const std::set<std::string> before = Recordings(DiskPath("a"));
+  for (int i = 0; i < 150 && Recordings(DiskPath("a")) == before; ++i) wait(0.1);
+  EXPECT_NE(Recordings(DiskPath("a")), before) << "both are in use again";
+  ASSERT_EQ(0, mProgram.Shell("kill " + pid + "; while kill -0 " + pid + " 2>/dev/null; do sleep 0.1; done"));
+
+  const std::vector<std::string> recycled = Recycled(ReadText(output));
+  EXPECT_TRUE(std::is_sorted(recycled.begin(), recycled.end())) << "oldest first";
+  // No gap between recordings: each begins before the one before it has ended, by whole seconds. What the disk
+  // held when it failed was completed when it came back.
+  unsigned end = UINT32_MAX;
+  for (const std::string& name : Recordings(mRoot.Path())) {
+    unsigned start = 0;
+    unsigned until = 0;
+    ASSERT_EQ(2, std::sscanf(name.c_str(), "%x_%x", &start, &until));
+    EXPECT_LE(start, end) << name;
+    end = until;
+  }
+  EXPECT_NE(std::string::npos, ReadText(output).find("dropped 0 packets"));
+  EXPECT_EQ(0, Run("check")) << mProgram.out;
+}
+
+// A clock that is ahead makes every recording look old.
+TEST_F(DiskKeeperTest, ExpiresNothingByAClockThatNothingBearsOut) {
+  Prepare("a", 20);
+  ASSERT_EQ(0, Record("2024-05-01T12:00:00Z")) << mProgram.err;
+  const std::set<std::string> before = Recordings(mRoot.Path());
+  ASSERT_EQ(0,
+            Run("record --clock stream --segment 4 --keep 24 --start 2024-05-02T12:00:00Z --input " + mVideo));
+  if (mProgram.err.find("nothing bears out") == std::string::npos) {
+    ASSERT_NE(std::string::npos, mProgram.err.find("are older than")) << "the brake says nothing";
+    GTEST_SKIP() << "the kernel says that the clock is synchronised";
+  }
+  EXPECT_TRUE(Recycled(mProgram.out).empty());
+  ASSERT_EQ(
+      0, Run("record --clock stream --segment 4 --keep 24 --trust-clock --start 2024-05-03T12:00:00Z --input " +
+             mVideo));
+  EXPECT_NE(std::string::npos, mProgram.err.find("are older than")) << "more than half: said";
+  EXPECT_FALSE(Recycled(mProgram.out).empty());
+}
+
+}  // namespace
