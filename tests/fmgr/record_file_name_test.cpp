@@ -24,7 +24,10 @@ TEST(RecordFileName, WhatANameYields) {
   } rows[] = {
       {"5f5e1000_00000000.imf", 1, 1600000000, 0, 0, kSame},
       {"5f5e1000_5f5e1258_cmf.imf", 1, 1600000000, 1600000600, 0xf, kSame},
-      {"ffffffff_fffffffe_cmffffffff.imf", 1, -1, -2, UINT_MAX, kSame},  // after 2038 a time is negative
+      {"7ffffffe_7fffffff_cmffffffff.imf", 1, INT_MAX - 1, INT_MAX, UINT_MAX, kSame},
+      {"ffffffff_fffffffe_cmffffffff.imf", 1, -1, -2, UINT_MAX, kRefused},  // after 2038 a time is negative
+      {"7fffffff_00000000.imf", 1, INT_MAX, 0, 0, kRefused},
+      {"5f5e1000_80000000_cm1.imf", 1, 1600000000, INT_MIN, 1, kRefused},
       {"1_2_cm0.imf", 1, 1, 2, 0, kSame},                                // no fixed widths
       // Foreign and damaged names. Nothing but ".imf", wherever it stands, makes a name valid.
       {"5f5e1000.imf", 1, 1600000000, 0, 0, kSame},

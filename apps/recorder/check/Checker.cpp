@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -15,9 +14,9 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/check/RecordCheck.h"
+#include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/disks/Preparation.h"
 #include "apps/recorder/recording/SearchIndex.h"
-#include "fmgr/FmgrRepository.h"
 #include "platform/host/imf/RecordName.h"
 
 namespace recorder {
@@ -165,13 +164,12 @@ void DiskCheck::WalkData(const std::string& name) {
     Find(Fault::kDirectoryName, path, "is not a data directory and is left alone");
     return WalkElsewhere(path, 0);
   }
-  char proper[32];
-  std::snprintf(proper, sizeof proper, "data_%08d", number);
+  const std::string proper = DataDirectoryName(number);
   const auto [other, isFirst] = mNumbers.emplace(number, name);
   if (!isFirst) {
     Find(Fault::kTwoDirectories, path, "has the same number as " + other->second);
   } else if (name != proper) {
-    Find(Fault::kDirectoryName, path, std::string("should be called ") + proper);
+    Find(Fault::kDirectoryName, path, "should be called " + proper);
   }
 
   std::vector<std::string> names;
@@ -373,13 +371,6 @@ int64_t DiskReport::Wrong() const {
   return std::count_if(findings.begin(), findings.end(), [](const Finding& finding) {
     return finding.isOfFile && finding.fault != Fault::kLeftover;
   });
-}
-
-int64_t PoolNumber(const std::string& name) {
-  const int64_t number = std::strtol(name.c_str(), nullptr, 10);
-  const bool isName =
-      number >= 0 && number < INT32_MAX && name == FmgrRepository::MakeFileName(static_cast<int>(number));
-  return isName ? number : -1;
 }
 
 DiskReport CheckDisk(const std::string& disk) { return DiskCheck(disk).Run(); }

@@ -34,9 +34,6 @@ struct DiskReport {
   bool IsMostlyWrong() const { return Wrong() * 2 > Files(); }
 };
 
-// N of a pool file's name, eight digits and ".imf"; -1 for any other name.
-int64_t PoolNumber(const std::string& name);
-
 // `disk` without a slash at its end.
 DiskReport CheckDisk(const std::string& disk);
 

@@ -1,17 +1,17 @@
 #include "apps/recorder/check/Repairs.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <map>
 
 #include "ImfFile.h"
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/disks/Inspection.h"
+#include "apps/recorder/disks/SetAside.h"
 #include "apps/recorder/recording/SearchIndex.h"
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrErrorRepository.h"
@@ -22,15 +22,10 @@ namespace recorder {
 
 namespace {
 
-// Renames without replacing anything. Empty, or why not.
+// Empty, or why not.
 std::string Move(const std::string& from, const std::string& to) {
-  int result = renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE);
-  // Not every file system can do it in one step; nobody else moves files here while the lock is held.
-  if (result != 0 && errno == EINVAL) {
-    if (Exists(to)) return std::strerror(EEXIST);
-    result = std::rename(from.c_str(), to.c_str());
-  }
-  if (result != 0) return std::strerror(errno);
+  const int error = MoveWithoutReplacing(from, to);
+  if (error != 0) return std::strerror(error);
   SyncDirectory(DirectoryOf(to));
   SyncDirectory(DirectoryOf(from));
   return "";

@@ -1,9 +1,14 @@
 #include "apps/recorder/disks/Disks.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
+#include <list>
+#include <set>
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/disks/DirectoryLock.h"
@@ -29,11 +34,13 @@ std::string NameOfDirectory(const FmgrDataRepository& repository) {
   return path.empty() ? path : NameOf(path.substr(0, path.size() - 1));
 }
 
-// The file list cache follows no symbolic links, so neither does this.
-bool IsRealDirectory(const std::string& pathWithSlash) {
-  std::error_code error;
-  return !pathWithSlash.empty() && std::filesystem::is_directory(std::filesystem::symlink_status(
-                                       pathWithSlash.substr(0, pathWithSlash.size() - 1), error));
+// The file list cache follows no symbolic links, and goes into no other file system, so neither does this.
+bool IsOwnDirectory(const Disk& disk, const std::string& pathWithSlash) {
+  struct stat own;
+  struct stat info;
+  return pathWithSlash.size() > 1 && stat(disk.path.c_str(), &own) == 0 &&
+         lstat(pathWithSlash.substr(0, pathWithSlash.size() - 1).c_str(), &info) == 0 &&
+         S_ISDIR(info.st_mode) && info.st_dev == own.st_dev;
 }
 
 }  // namespace
@@ -157,22 +164,31 @@ Refusal Disks::OpenForRecording(const Recording& recording) {
   // Before the first disk: it is repaired while it is added, and the application wants to hear of that.
   mManager->mGroupParamA = recording.observer;
   mManager->mGroupParamB = recording.segmentClose;
+  mBegin = recording.begin;
   mDisks.clear();
   return std::nullopt;
 }
 
+// The file manager repairs and lists by names while it adds a disk, so what would mislead it has to go before.
 Refusal Disks::Add(const Disk& disk) {
   if (IsPreparationCutOff(disk.path)) {
     Complain(
         "disk %s: preparing it was cut off; recorder --root %s check --disk %s --return-orphans finishes it",
         disk.name.c_str(), mRoot.c_str(), disk.name.c_str());
   }
+  if (Refusal refusal = mVetting.Admit(disk, Now())) return refusal;
   if (Refusal refusal = Attach(disk)) return refusal;
   if (mManager->AddRepositoryGroup(disk.path) != 1) {
     FlcDetachDisk(disk.name.c_str());
     return disk.path + " cannot be read";
   }
   mDisks.push_back(disk);
+  FmgrRepositoryGroup* group = Group(disk);
+  if (Refusal refusal = mVetting.Settle(disk, *group)) {
+    Remove(disk);
+    return refusal;
+  }
+  PutInPlace(group);
   return std::nullopt;
 }
 
@@ -199,52 +215,76 @@ Refusal Disks::OpenForLooking() {
     Complain("disk %s is left out: %s", disk.name.c_str(), WhyMissing(mRoot, disk).c_str());
   }
   for (const Disk& disk : mDisks) {
-    if (Refusal refusal = Attach(disk)) {
-      Complain("disk %s: %s", disk.name.c_str(), refusal->c_str());
-    } else if (mManager->AddRepositoryGroup(disk.path) != 1) {
-      Complain("disk %s cannot be read", disk.name.c_str());
-    }
+    Refusal refusal = mVetting.Look(disk, Now());
+    if (!refusal) refusal = Attach(disk);
+    if (!refusal && mManager->AddRepositoryGroup(disk.path) != 1) refusal = disk.path + " cannot be read";
+    if (refusal) Complain("disk %s: %s", disk.name.c_str(), refusal->c_str());
   }
   mManager->mGroups.splice(mManager->mGroups.end(), mManager->mAltGroups);
   mManager->mAltMode = 0;
-  LeaveForeignDirectories();
+  for (const Disk& disk : mDisks) {
+    FmgrRepositoryGroup* group = Group(disk);
+    if (group == nullptr) continue;
+    mVetting.Settle(disk, *group);
+    PutInPlace(group);
+  }
   if (!mManager->mGroups.empty()) return std::nullopt;
   if (!mDisks.empty()) return "none of the disks can be read";
   return "no disk is there: nothing is prepared under " + mRoot + "/disk, is it mounted?";
 }
 
 void Disks::LeaveForeignDirectories() {
-  bool left = false;
-  for (FmgrRepositoryGroup* group : mManager->mGroups) {
+  for (const Disk& disk : mDisks) {
+    FmgrRepositoryGroup* group = Group(disk);
+    if (group == nullptr) continue;
     std::set<int> numbers;  // whose directory has the name that the file manager gives
     for (const FmgrDataRepository* repository : group->mDataRepositories) {
-      if (NameOfDirectory(*repository) == repository->MakeRepositoryName(repository->Index())) {
+      if (NameOfDirectory(*repository) == DataDirectoryName(repository->Index())) {
         numbers.insert(repository->Index());
       }
     }
-    group->mDataRepositories.remove_if([&](const FmgrDataRepository* repository) {
+    const std::list<FmgrDataRepository*> repositories = group->mDataRepositories;
+    for (const FmgrDataRepository* repository : repositories) {
+      const int index = repository->Index();
       const std::string name = NameOfDirectory(*repository);
-      const bool regular = name == repository->MakeRepositoryName(repository->Index());
-      if (IsRealDirectory(repository->Path()) && ParseDataDirectoryName(name) == repository->Index() &&
-          (regular || numbers.insert(repository->Index()).second)) {
-        return false;
+      const bool isOnlyOne = name == DataDirectoryName(index) || numbers.insert(index).second;
+      if (IsOwnDirectory(disk, repository->Path()) && ParseDataDirectoryName(name) == index &&
+          IsUsualNumber(index) && isOnlyOne) {
+        continue;
       }
-      if (mForeign.insert(repository->Path()).second) {
-        Complain("%s is not a data directory, or a second one of its number: it is left alone",
-                 repository->Path().c_str());
-      }
-      delete repository;
-      left = true;
-      return true;
-    });
-  }
-  // What was left out may have put its disk in the wrong place of the rotation.
-  if (left) {
-    mManager->mGroups.sort([](const FmgrRepositoryGroup* a, const FmgrRepositoryGroup* b) {
-      return a->GetLastIndex() < b->GetLastIndex();
-    });
+      mVetting.LeaveOut(disk, *group, *repository,
+                        "is no data directory of this disk, or a second one of its number");
+    }
   }
 }
+
+void Disks::LeaveOut(const FmgrDataRepository& repository, const std::string& what) {
+  for (const Disk& disk : mDisks) {
+    FmgrRepositoryGroup* group = Group(disk);
+    if (group == nullptr || repository.Path().rfind(disk.path + "/", 0) != 0) continue;
+    mVetting.LeaveOut(disk, *group, repository, what);
+    return;
+  }
+}
+
+void Disks::TryLeftOutAgain() {
+  for (const Disk& disk : mDisks) {
+    if (FmgrRepositoryGroup* group = Group(disk)) mVetting.TryAgain(disk, *group, Now());
+  }
+}
+
+// What was left out may have put its disk in the wrong place of the rotation. As the file manager places it.
+void Disks::PutInPlace(FmgrRepositoryGroup* group) {
+  std::list<FmgrRepositoryGroup*>& groups = mManager->mGroups;
+  groups.remove(group);
+  groups.insert(std::find_if(groups.begin(), groups.end(),
+                             [group](const FmgrRepositoryGroup* each) {
+                               return each->GetLastIndex() >= group->GetLastIndex();
+                             }),
+                group);
+}
+
+int64_t Disks::Now() const { return std::max<int64_t>(std::time(nullptr), mBegin); }
 
 FmgrRepositoryGroup* Disks::Group(const Disk& disk) const {
   for (FmgrRepositoryGroup* group : mManager->mGroups) {

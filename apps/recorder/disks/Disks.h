@@ -2,13 +2,15 @@
 #pragma once
 
 #include <optional>
-#include <set>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "IpcMenu.h"
 #include "apps/recorder/disks/Refusals.h"
+#include "apps/recorder/disks/Vetting.h"
 
+class FmgrDataRepository;
 class FmgrFileManager;
 class FmgrRepositoryGroup;
 class ImfSegmentCloseInterface;
@@ -56,6 +58,7 @@ class Disks {
     ipc_preserve_limit_e keep = IPC_PRESERVE_UNLIMITED;
     RecoveryObserver* observer = nullptr;
     ImfSegmentCloseInterface* segmentClose = nullptr;
+    int64_t begin = 0;  // seconds since the epoch: when recordings may begin although it is ahead of the clock
   };
 
   Disks() = default;
@@ -87,23 +90,30 @@ class Disks {
   FmgrFileManager* Manager() const { return mManager; }
   // The disk's group in the file manager; null when it isn't managed any more.
   FmgrRepositoryGroup* Group(const Disk& disk) const;
-  // Takes out of the file manager's list what only looks like a data directory: "data_old", a file of such a
-  // name, a second directory of one number. It would be counted as number 0 or as the other one, and stand in
-  // the way of recycling. One line each, once; on disk it is left alone. To be called whenever disks were
-  // polled.
+  // Takes out of the file manager's list what came since the disk was added and only looks like a data
+  // directory: "data_old", a link of such a name, a second directory of one number, a number that leaves none
+  // for further ones. It would be counted as number 0 or as the other one, and stand in the way of recycling.
+  // One line each, once; the next start sets it aside. To be called whenever disks were polled.
   void LeaveForeignDirectories();
+  // Takes a data directory out of the list while recording; see Vetting.
+  void LeaveOut(const FmgrDataRepository& repository, const std::string& what);
+  // Takes back what can be used again by now.
+  void TryLeftOutAgain();
   // Drops what the file list cache keeps of all disks: it is read afresh from the file names.
   void ForgetCache() const;
 
  private:
   Refusal MakeManager(int option);
   static Refusal Attach(const Disk& disk);
+  void PutInPlace(FmgrRepositoryGroup* group);
+  int64_t Now() const;
 
   std::string mRoot;
   std::vector<Disk> mDisks;
   std::vector<Disk> mChosen;
   std::vector<Disk> mMissing;
-  std::set<std::string> mForeign;  // directories that were complained of
+  Vetting mVetting;
+  int64_t mBegin = 0;
   FmgrFileManager* mManager = nullptr;
 };
 

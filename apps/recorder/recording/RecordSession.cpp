@@ -154,7 +154,7 @@ int Record(const RecordOptions& options, const std::string& root) {
   if (!refusal && gStop) return kDone;
   if (!refusal) {
     signal(SIGPIPE, SIG_IGN);  // a log that is not read any more must not end the recording
-    refusal = disks.OpenForRecording({options.overwrite, plan.keep, &recovery, &recovery});
+    refusal = disks.OpenForRecording({options.overwrite, plan.keep, &recovery, &recovery, plan.start / kMicros});
   }
   if (refusal) {
     Complain("%s", refusal->c_str());

@@ -212,6 +212,10 @@ int FlcReadDirectory(const std::string& disk, int32_t index, FlcDirectory* out) 
     directory = OpenAt(dirfd(parent.get()), other.c_str(), O_NOFOLLOW);
   }
   if (directory == nullptr) return errno;
+  // What is mounted there is not the disk's: no file could be moved from it to the pool or back.
+  struct stat own, other;
+  if (fstat(dirfd(parent.get()), &own) != 0 || fstat(dirfd(directory.get()), &other) != 0) return errno;
+  if (own.st_dev != other.st_dev) return EXDEV;
   return ReadNames(directory.get(), out);
 }
 

@@ -34,6 +34,8 @@ bool ParseRecordName(const std::string& name, RecordName* out) {
   const size_t separator = name.find('_');
   if (separator != std::string::npos) parsed.endTime = HexAt(name, separator + 1);
   const size_t marker = name.find("cm");
+  // Nobody records at such times, and the library's are signed: to it they lie before everything else.
+  if (parsed.startTime >= INT32_MAX || parsed.endTime > INT32_MAX) return false;
   if (parsed.endTime != 0 && marker != std::string::npos) parsed.channelMask = HexAt(name, marker + 2);
   *out = parsed;
   return true;

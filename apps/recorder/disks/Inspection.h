@@ -1,0 +1,54 @@
+// Looks a disk over before the file manager sees it: finds what would mislead it, since it takes names at their
+// word. Only looks, opens nothing but directories of the disk's own file system (and a record file that claims
+// to lie ahead of the clock), follows no links, and never blocks on a fifo. Every directory is listed once;
+// only pool entries are looked at one by one.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "apps/recorder/disks/DiskManifest.h"
+
+namespace recorder {
+
+struct OddEntry {
+  std::string path;
+  std::string what;  // what is odd about it, as "is a fifo"
+};
+
+struct Inspection {
+  // Why the disk can't be used as it is now: its directory or its pool can't be listed to the end, lies on
+  // another file system, or takes no changes. Empty when it can; what follows is sound only then.
+  std::string unusable;
+  // Means something to the file manager and nothing to anybody: to be set aside.
+  std::vector<OddEntry> odd;
+  // Data directories that can't be read or are not the disk's own: to be left out of the file manager's lists.
+  std::vector<OddEntry> closed;
+  // Pool entries and data directories that can be read and can't be moved or changed: a recorder passes over
+  // them.
+  std::vector<OddEntry> fixed;
+
+  std::vector<std::string> unfinished;  // paths of record files in progress, or never completed
+  int64_t pool = 0;                     // entries of the pool that the file manager would list, odd ones too
+  int64_t setAside = 0;                 // entries set aside before
+  int64_t files = 0;                    // record files in their places, set aside ones among them
+  std::optional<DiskManifest> manifest;
+
+  // Record files that were laid down and are in none of their places; 0 when nobody noted how many there were.
+  int64_t Missing() const;
+};
+
+// `now` in seconds since the epoch: no recording starts more than a day ahead of it, unless its header says the
+// same as its name: then a clock was ahead.
+Inspection Inspect(const std::string& disk, int64_t now);
+
+// N of a pool file's name, at least eight digits and ".imf"; -1 for any other name.
+int64_t PoolNumber(const std::string& name);
+// "data_" and eight digits, or more where the number needs them.
+std::string DataDirectoryName(int index);
+// Whether a data directory's number can be counted on from: new ones get numbers above all others.
+bool IsUsualNumber(int index);
+
+}  // namespace recorder
