@@ -41,15 +41,20 @@ std::string DirectoryOf(const std::string& path) { return path.substr(0, path.rf
 
 std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-bool RenameToNew(const std::string& from, const std::string& to) {
-  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+bool RenameToNew(int fromDirectory, const std::string& from, int toDirectory, const std::string& to) {
+  if (renameat2(fromDirectory, from.c_str(), toDirectory, to.c_str(), RENAME_NOREPLACE) == 0) return true;
   if (errno != EINVAL && errno != ENOSYS) return false;
   // A file system that does not know the flag. Nobody else makes names here while the locks are held.
-  if (Exists(to)) {
+  struct stat st;
+  if (fstatat(toDirectory, to.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
     errno = EEXIST;
     return false;
   }
-  return rename(from.c_str(), to.c_str()) == 0;
+  return renameat(fromDirectory, from.c_str(), toDirectory, to.c_str()) == 0;
+}
+
+bool RenameToNew(const std::string& from, const std::string& to) {
+  return RenameToNew(AT_FDCWD, from, AT_FDCWD, to);
 }
 
 bool SyncDirectory(const std::string& path) {

@@ -21,6 +21,8 @@ std::string NameOf(const std::string& path);
 
 // rename(2) that never replaces what is there: false with EEXIST then, and with any other errno when it fails.
 bool RenameToNew(const std::string& from, const std::string& to);
+// The same for names in open directories.
+bool RenameToNew(int fromDirectory, const std::string& from, int toDirectory, const std::string& to);
 // Makes names that were given, taken or moved in a directory durable. False: errno tells why.
 bool SyncDirectory(const std::string& path);
 

@@ -4,14 +4,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <map>
 
-#include "ImfFile.h"
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/disks/Inspection.h"
-#include "apps/recorder/disks/SetAside.h"
+#include "apps/recorder/recording/Completion.h"
 #include "apps/recorder/recording/SearchIndex.h"
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrErrorRepository.h"
@@ -24,8 +24,7 @@ namespace {
 
 // Empty, or why not.
 std::string Move(const std::string& from, const std::string& to) {
-  const int error = MoveWithoutReplacing(from, to);
-  if (error != 0) return std::strerror(error);
+  if (!RenameToNew(from, to)) return std::strerror(errno);
   SyncDirectory(DirectoryOf(to));
   SyncDirectory(DirectoryOf(from));
   return "";
@@ -90,23 +89,22 @@ std::map<Inode, std::string> ListPlaces(const std::string& disk) {
 }
 
 std::string RepairRecording(const std::string& disk, const std::string& path, Pool* pool, SearchIndex* index) {
-  imf_error_code_e error = IMF_ERROR_NONE;
-  const ImfFile file(error, path, IMF_OPEN_REPAIR, "", "", 0, nullptr);
-  if (error == IMF_ERROR_UNREPAIRABLE) return "holds nothing usable and " + pool->Put(path);
-  if (error == IMF_ERROR_IO) return "can't be read and " + Quarantine(disk, path);
-  RecordName record = {};
-  if (error != IMF_ERROR_REPAIRED || !ParseRecordName(NameOf(path), &record)) return "stays: can't be opened";
-  flc_file_info_param_t info = {};
-  info.startTime = record.startTime;
-  info.endTime = static_cast<uint32_t>(file.GetEndTime());
-  info.channelMask = file.GetStreamCountSummary().GetVideoChannelMask(0);
-  std::string name;
-  FmgrDataRepository::FlcFileInfoToFileName(name, info);
-  const std::string newPath = DirectoryOf(path) + name;
-  const std::string reason = Move(path, newPath);
-  if (!reason.empty()) return "stays: can't become " + newPath + ": " + reason;
-  index->AddRepaired(newPath);
-  return "is repaired as " + newPath;
+  const Completed completed = CompleteRecording(path);
+  switch (completed.outcome) {
+    case Completed::kNothingUsable:
+      return "holds nothing usable and " + pool->Put(path);
+    case Completed::kUnreadable:
+      return "can't be read and " + Quarantine(disk, path);
+    case Completed::kNotNamed:
+      return "stays: can't become " + completed.path + ": " + std::strerror(completed.error);
+    case Completed::kLeft:
+      return "stays: can't be opened";
+    case Completed::kDone:
+      break;
+  }
+  SyncDirectory(DirectoryOf(completed.path));
+  index->AddRepaired(completed.path);
+  return "is repaired as " + completed.path;
 }
 
 }  // namespace

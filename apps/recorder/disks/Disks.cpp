@@ -258,12 +258,24 @@ void Disks::LeaveForeignDirectories() {
   }
 }
 
+bool Disks::MakeDirectory(FmgrRepositoryGroup& group) {
+  int last = 0;
+  for (const FmgrRepositoryGroup* each : mManager->mGroups) last = std::max(last, each->GetLastIndex());
+  return group.MakeDataRepository(last + 1, 1) == 1;
+}
+
 void Disks::LeaveOut(const FmgrDataRepository& repository, const std::string& what) {
   for (const Disk& disk : mDisks) {
     FmgrRepositoryGroup* group = Group(disk);
     if (group == nullptr || repository.Path().rfind(disk.path + "/", 0) != 0) continue;
     mVetting.LeaveOut(disk, *group, repository, what);
     return;
+  }
+}
+
+void Disks::PassOver(const std::string& path, const std::string& what) {
+  for (const Disk& disk : mDisks) {
+    if (path.rfind(disk.path + "/", 0) == 0) mVetting.PassOver(disk, path, what);
   }
 }
 
@@ -294,7 +306,7 @@ FmgrRepositoryGroup* Disks::Group(const Disk& disk) const {
 }
 
 void Disks::ForgetCache() const {
-  for (const Disk& disk : mDisks) FlcForget(disk.name.c_str(), -1);
+  for (const Disk& disk : mDisks) mVetting.ForgetCache(disk, -1);
 }
 
 }  // namespace recorder

@@ -1,8 +1,8 @@
 // The disks under a root directory, and the file manager that manages them: for recording, or only for looking.
 #pragma once
 
-#include <optional>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -95,12 +95,19 @@ class Disks {
   // for further ones. It would be counted as number 0 or as the other one, and stand in the way of recycling.
   // One line each, once; the next start sets it aside. To be called whenever disks were polled.
   void LeaveForeignDirectories();
+  // Makes a data directory behind those of all disks. False when it can't be made.
+  bool MakeDirectory(FmgrRepositoryGroup& group);
   // Takes a data directory out of the list while recording; see Vetting.
   void LeaveOut(const FmgrDataRepository& repository, const std::string& what);
+  // Takes a recording out of the list that can't be moved; see Vetting.
+  void PassOver(const std::string& path, const std::string& what);
+  const Vetting& Vetted() const { return mVetting; }
   // Takes back what can be used again by now.
   void TryLeftOutAgain();
   // Drops what the file list cache keeps of all disks: it is read afresh from the file names.
   void ForgetCache() const;
+  // The same for one data directory.
+  void ForgetCache(const Disk& disk, int index) const { mVetting.ForgetCache(disk, index); }
 
  private:
   Refusal MakeManager(int option);

@@ -271,6 +271,19 @@ Inspection DiskInspection::Run() {
 
 int64_t Inspection::Missing() const { return manifest ? std::max<int64_t>(0, manifest->files - files) : 0; }
 
+std::string WhyFixed(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return "";
+  std::string why = WhyFixed(fd);
+  close(fd);
+  return why;
+}
+
+bool IsImmutable(const std::string& path) {
+  struct statx st = {};
+  return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &st) == 0 && IsImmutable(st);
+}
+
 Inspection Inspect(const std::string& disk, int64_t now) { return DiskInspection(disk, now).Run(); }
 
 int64_t PoolNumber(const std::string& name) {

@@ -44,6 +44,11 @@ struct Inspection {
 // same as its name: then a clock was ahead.
 Inspection Inspect(const std::string& disk, int64_t now);
 
+// Why a directory takes no changes from this process although its file system does, as "is immutable"; empty
+// when it takes them, and when it can't be opened. `path` may end with a slash.
+std::string WhyFixed(const std::string& path);
+bool IsImmutable(const std::string& path);
+
 // N of a pool file's name, at least eight digits and ".imf"; -1 for any other name.
 int64_t PoolNumber(const std::string& name);
 // "data_" and eight digits, or more where the number needs them.

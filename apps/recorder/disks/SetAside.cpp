@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 
 namespace recorder {
 
@@ -62,19 +63,6 @@ bool IsSetAsideName(const std::string& name) {
   return false;
 }
 
-int MoveWithoutReplacing(int fromDirectory, const std::string& from, int toDirectory, const std::string& to) {
-  if (renameat2(fromDirectory, from.c_str(), toDirectory, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-  // Not every file system can do it in one step; nobody else moves files here while the lock is held.
-  if (errno != EINVAL && errno != ENOSYS) return errno;
-  struct stat st;
-  if (fstatat(toDirectory, to.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
-  return renameat(fromDirectory, from.c_str(), toDirectory, to.c_str()) == 0 ? 0 : errno;
-}
-
-int MoveWithoutReplacing(const std::string& from, const std::string& to) {
-  return MoveWithoutReplacing(AT_FDCWD, from, AT_FDCWD, to);
-}
-
 SetAsideResult SetAside(const std::string& disk, const std::string& path) {
   std::string inner = path.substr(disk.size() + 1);
   if (!inner.empty() && inner.back() == '/') inner.pop_back();
@@ -89,7 +77,7 @@ SetAsideResult SetAside(const std::string& disk, const std::string& path) {
   if (to.Get() < 0) return {"", errno};
   for (int n = 1; n <= kMostOfOneName; ++n) {
     const std::string target = n == 1 ? name : name + "." + std::to_string(n);
-    const int error = MoveWithoutReplacing(from.Get(), name, to.Get(), target);
+    const int error = RenameToNew(from.Get(), name, to.Get(), target) ? 0 : errno;
     if (error == EEXIST) continue;
     if (error != 0) return {"", error};
     std::string now = disk + "/" + place + "/";

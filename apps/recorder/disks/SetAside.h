@@ -20,9 +20,4 @@ struct SetAsideResult {
 // keeps its name, with a number behind it when that is taken.
 SetAsideResult SetAside(const std::string& disk, const std::string& path);
 
-// rename(2) that never replaces anything. 0, or errno's error: EEXIST when the name is taken.
-int MoveWithoutReplacing(int fromDirectory, const std::string& from, int toDirectory, const std::string& to);
-// The same for whole paths.
-int MoveWithoutReplacing(const std::string& from, const std::string& to);
-
 }  // namespace recorder

@@ -14,6 +14,7 @@
 
 #include "Flc.h"
 #include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/disks/SetAside.h"
 #include "fmgr/FmgrRepositoryGroup.h"
@@ -40,6 +41,13 @@ std::string WithSlash(const std::string& path) { return path.back() == '/' ? pat
 
 bool IsOfPool(const Disk& disk, const std::string& path) {
   return DirectoryOf(path) == disk.path + "/imf_free/";
+}
+
+void DropFromCache(const Disk& disk, const std::string& path) {
+  RecordName record{};
+  if (ParseRecordName(NameOf(path), &record)) {
+    FlcRemoveFile(disk.name.c_str(), IndexOf(DirectoryOf(path)), record.startTime);
+  }
 }
 
 // Takes the directories called so out of the group's list.
@@ -120,14 +128,14 @@ Refusal Vetting::Settle(const Disk& disk, FmgrRepositoryGroup& group) {
   std::set<std::string> poolNames;
   for (const OddEntry& each : passedOver) {
     const std::string path = WithSlash(each.path);
-    RecordName record{};
     if (IsOfPool(disk, each.path)) {
       poolNames.insert(NameOf(each.path));
     } else if (DirectoryOf(path.substr(0, path.size() - 1)) == disk.path + "/") {
       directories.insert(path);
       vetted.leftOut[path] = each.what;
-    } else if (ParseRecordName(NameOf(each.path), &record)) {
-      FlcRemoveFile(disk.name.c_str(), IndexOf(DirectoryOf(each.path)), record.startTime);
+    } else {
+      vetted.passedOver.insert(each.path);
+      DropFromCache(disk, each.path);
     }
   }
   pool.remove_if([&](const std::string& name) { return poolNames.count(name) != 0; });
@@ -167,11 +175,41 @@ void Vetting::CountOnAbove(const Vetted& vetted, FmgrRepositoryGroup& group) {
   if (highest >= 0 && group.GetLastIndex() <= highest) group.MakeDataRepository(highest + 1, 1);
 }
 
+void Vetting::PassOver(const Disk& disk, const std::string& path, const std::string& what) {
+  Vetted& vetted = mDisks[disk.path];
+  if (vetted.said.insert(path).second) Complain("%s %s: it is passed over", path.c_str(), what.c_str());
+  vetted.passedOver.insert(path);
+  DropFromCache(disk, path);
+}
+
+bool Vetting::IsPassedOver(const Disk& disk, const std::string& path) const {
+  const auto known = mDisks.find(disk.path);
+  return known != mDisks.end() && known->second.passedOver.count(path) != 0;
+}
+
+void Vetting::ForgetCache(const Disk& disk, int index) const {
+  FlcForget(disk.name.c_str(), index);
+  const auto known = mDisks.find(disk.path);
+  if (known == mDisks.end()) return;
+  for (const std::string& path : known->second.passedOver) DropFromCache(disk, path);
+}
+
 void Vetting::TryAgain(const Disk& disk, FmgrRepositoryGroup& group, int64_t now) {
   const auto known = mDisks.find(disk.path);
-  if (known == mDisks.end() || known->second.leftOut.empty() || Monotonic() < known->second.tryAgain) return;
+  if (known == mDisks.end() || Monotonic() < known->second.tryAgain) return;
   Vetted& vetted = known->second;
   vetted.tryAgain = Monotonic() + kBetweenTries;
+  std::set<int> movable;  // data directories with what can be moved by now, as far as it can be told
+  for (auto path = vetted.passedOver.begin(); path != vetted.passedOver.end();) {
+    if (IsImmutable(*path)) {
+      ++path;
+      continue;
+    }
+    movable.insert(IndexOf(DirectoryOf(*path)));
+    path = vetted.passedOver.erase(path);
+  }
+  for (const int index : movable) ForgetCache(disk, index);
+  if (vetted.leftOut.empty()) return;
   const Inspection found = Inspect(disk.path, now);
   if (!found.unusable.empty()) return;
   std::set<std::string> still;
@@ -187,7 +225,7 @@ void Vetting::TryAgain(const Disk& disk, FmgrRepositoryGroup& group, int64_t now
     entry = vetted.leftOut.erase(entry);
     if (!Exists(path) || !IsUsualNumber(IndexOf(path))) continue;
     Adopt(disk, group, path);
-    std::printf("%s can be used again\n", path.c_str());
+    Print("%s can be used again\n", path.c_str());
   }
 }
 

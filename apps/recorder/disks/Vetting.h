@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 
 #include "apps/recorder/disks/Inspection.h"
@@ -34,6 +35,12 @@ class Vetting {
   // recycled, and it is never removed. New data directories get numbers above it. `what` as in OddEntry.
   void LeaveOut(const Disk& disk, FmgrRepositoryGroup& group, const FmgrDataRepository& repository,
                 const std::string& what);
+  // Passes over a recording that can't be moved: it stays where it is, and the file manager does not come upon
+  // it any more. `path` is that of a managed data directory's file.
+  void PassOver(const Disk& disk, const std::string& path, const std::string& what);
+  bool IsPassedOver(const Disk& disk, const std::string& path) const;
+  // Has the cache read a disk's data directory `index` afresh (-1: all of them), but for what is passed over.
+  void ForgetCache(const Disk& disk, int index) const;
   // Takes back what was left out and can be used by now; looks once a minute at most.
   void TryAgain(const Disk& disk, FmgrRepositoryGroup& group, int64_t now);
   // What was found when the disk was vetted; null for a disk that wasn't.
@@ -44,6 +51,8 @@ class Vetting {
     bool recording = false;
     Inspection found;
     std::map<std::string, std::string> leftOut;  // paths of data directories, and what is odd about them
+    std::set<std::string> passedOver;            // paths of recordings
+    std::set<std::string> said;                  // those of them that were named
     int64_t tryAgain = 0;                        // seconds of a clock that is never set
   };
 

@@ -8,10 +8,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "Flc.h"
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
+#include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/recording/Reserve.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
@@ -20,14 +22,15 @@ namespace recorder {
 
 namespace {
 
-// The name that left the pool's list and is still in the pool: the file that was to be moved out. Empty when
-// there is none.
-std::string LostFromPool(const FmgrRepositoryGroup& group) {
-  const auto& known = group.mFreeRepository.files;
+// The names that left the pool's list and are still in the pool: the file that was to be moved out, and those
+// that were passed over before.
+std::vector<std::string> LostFromPool(const FmgrRepositoryGroup& group) {
+  const std::set<std::string> known(group.mFreeRepository.files.begin(), group.mFreeRepository.files.end());
+  std::vector<std::string> lost;
   for (const std::string& name : ListDirectory(group.Path() + "/imf_free")) {
-    if (HasSuffix(name, ".imf") && std::find(known.begin(), known.end(), name) == known.end()) return name;
+    if (HasSuffix(name, ".imf") && known.count(name) == 0) lost.push_back(name);
   }
-  return {};
+  return lost;
 }
 
 FmgrDataRepository* DirectoryOfFile(FmgrRepositoryGroup& group, const std::string& path) {
@@ -68,20 +71,33 @@ int Allocation::Ask(uint32_t start, std::string* path) {
 Allocation::Result Allocation::Give(uint32_t start, const std::string& path) {
   FmgrRepositoryGroup* group = OwnerOf(path);
   if (group == nullptr) return kAgain;
-  const std::string name = LostFromPool(*group);
-  const std::string from = group->Path() + "/imf_free/" + name;
-  if (!name.empty() && RenameToNew(from, path)) return kMade;
-  const int error = name.empty() ? 0 : errno;
-  if (error == ENOSPC && GiveUpReserve(group->Path()) && RenameToNew(from, path)) return kMade;
-
-  if (const FmgrDataRepository* repository = DirectoryOfFile(*group, path)) {
-    FlcRemoveFile(group->mName.c_str(), repository->Index(), start);
+  const std::string pool = group->Path() + "/imf_free/";
+  const std::vector<std::string> lost = LostFromPool(*group);
+  int error = 0;
+  for (const std::string& name : lost) {
+    if (RenameToNew(pool + name, path)) return kMade;
+    error = errno;
+    if (error == ENOSPC && GiveUpReserve(group->Path()) && RenameToNew(pool + name, path)) return kMade;
   }
-  if (IsDiskError(error) || error == ENOSPC || group->GetFreeFileCount() == 0) {
-    mKeeper.SetAside(path, "cannot take " + (name.empty() ? "a file out of its pool" : from + " into use"),
-                     error);
-  } else if (!name.empty()) {
-    Complain("%s cannot be taken into use: %s; it is passed over", from.c_str(), std::strerror(error));
+  const FmgrDataRepository* repository = DirectoryOfFile(*group, path);
+  if (repository != nullptr) FlcRemoveFile(group->mName.c_str(), repository->Index(), start);
+  const std::string why = repository == nullptr ? std::string() : WhyFixed(repository->Path());
+  if (!why.empty()) {
+    // Nothing is wrong with the file then.
+    if (!lost.empty()) group->mFreeRepository.files.push_back(lost.back());
+    mDisks.LeaveOut(*repository, why);
+    return kAgain;
+  }
+  if (IsDiskError(error) || error == ENOSPC || lost.empty()) {
+    mKeeper.SetAside(
+        path, "cannot take " + (lost.empty() ? "a file out of its pool" : pool + lost.back() + " into use"),
+        error);
+    return kAgain;
+  }
+  for (const std::string& name : lost) {
+    if (!mPassedOver.insert(pool + name).second) continue;
+    Complain("%s%s cannot be taken into use: %s: it is passed over", pool.c_str(), name.c_str(),
+             std::strerror(error));
   }
   return kAgain;
 }
@@ -107,7 +123,18 @@ Allocation::Result Allocation::BlameRecycling(const std::string& path) {
   }
   const int error = errno;  // the rename's: nothing but a line of text comes after it
   if (error == ENOSPC && GiveUpReserve(group->Path())) return kAgain;
-  mKeeper.SetAside(path, "cannot recycle " + path, error);
+  if (IsDiskError(error) || !WhyFixed(group->Path() + "/imf_free").empty()) {
+    mKeeper.SetAside(path, "cannot recycle " + path, error);
+    return kAgain;
+  }
+  // One that can't be moved is no reason to give up the others.
+  const std::string why = WhyFixed(repository->Path());
+  if (why.empty()) {
+    mDisks.PassOver(path, std::string("cannot be recycled: ") + std::strerror(error));
+    if (repository->GetFileCount() == 0) mDisks.LeaveOut(*repository, kHoldsForeign);
+  } else {
+    mDisks.LeaveOut(*repository, why);
+  }
   return kAgain;
 }
 

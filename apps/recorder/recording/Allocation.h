@@ -37,6 +37,7 @@ class Allocation {
   Disks& mDisks;
   DiskKeeper& mKeeper;
   Recovery& mRecovery;
+  std::set<std::string> mPassedOver;  // pool files that were named
 };
 
 }  // namespace recorder

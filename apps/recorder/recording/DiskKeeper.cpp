@@ -213,13 +213,13 @@ void DiskKeeper::TakeIn(bool starting) {
     slot->state.what.clear();
     if (isBack) Print("disk %s is used from now on\n", slot->state.disk.name.c_str());
   }
-  mRecovery.ReportState();
+  mRecovery.ReportState(mDisks, disks);
   mRecovery.Settle();
   mDisks.LeaveForeignDirectories();
   for (const Disk& disk : disks) {
     FmgrRepositoryGroup* group = mDisks.Group(disk);
     if (group == nullptr) continue;
-    RemoveEmptyDirectories(disk, *group);
+    RemoveEmptyDirectories(mDisks, disk, *group);
     SearchIndex::Mend(disk.path);
   }
   if (!starting) Publish();

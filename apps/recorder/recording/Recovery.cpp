@@ -25,32 +25,36 @@ std::string KeyOf(const std::string& path) {
 
 }  // namespace
 
-void Recovery::NoteState(const std::vector<Disk>& disks) {
-  for (const Disk& disk : disks) {
+void Recovery::NoteState(const std::vector<Disk>& joining) {
+  for (const Disk& disk : joining) {
     for (const std::string& name : ListDirectory(disk.path)) {
       if (ParseDataDirectoryName(name) < 0) continue;
       const std::string directory = disk.path + "/" + name + "/";
       int files = 0;
       for (const std::string& file : ListDirectory(directory)) {
         RecordName parsed{};
-        if (!ParseRecordName(file, &parsed)) continue;
-        files++;
-        if (parsed.endTime == 0) mUnfinished.push_back(directory + file);
+        if (ParseRecordName(file, &parsed)) files++;
       }
       if (files > 1 && DbIsDamaged(directory)) mDamagedDbs.push_back(directory);
     }
   }
 }
 
-void Recovery::ReportState() {
-  for (const std::string& path : mUnfinished) {
-    if (mFixed.count(KeyOf(path)) != 0) continue;
-    if (Exists(path)) {
-      Print("left unfinished %s\n", path.c_str());
-    } else {
-      Print("discarded %s: nothing usable was in it\n", path.c_str());
+void Recovery::ReportState(Disks& disks, const std::vector<Disk>& joined) {
+  for (const Disk& disk : joined) {
+    const Inspection* found = disks.Vetted().Found(disk);
+    if (found == nullptr || disks.Group(disk) == nullptr) continue;
+    for (const std::string& path : found->unfinished) {
+      if (mFixed.count(KeyOf(path)) != 0) continue;
+      // The file manager looks at the newest one of each data directory only.
+      if (Exists(path)) {
+        mCompletion.AddUnfinished(path);
+      } else {
+        Print("discarded %s: nothing usable was in it\n", path.c_str());
+      }
     }
   }
+  mCompletion.TryAll(disks);
   for (const std::string& directory : mDamagedDbs) {
     if (!DbIsDamaged(directory)) {
       Print("rebuilt search database %ssearch.fdb\n", directory.c_str());
@@ -58,7 +62,6 @@ void Recovery::ReportState() {
       Complain("search database %ssearch.fdb could not be rebuilt", directory.c_str());
     }
   }
-  mUnfinished.clear();
   mDamagedDbs.clear();
 }
 
@@ -66,6 +69,8 @@ void Recovery::NotifyStage(int, int) {}  // what came of a stage is reported whe
 
 void Recovery::NotifyFileFixed(ImfFile&, const std::string& newName, unsigned videoChannelMask) {
   mFixed.insert(KeyOf(newName));
+  // The file manager does not look whether it could rename the file.
+  if (!Exists(newName)) return mCompletion.AddUnnamed(KeyOf(newName) + "_00000000.imf", newName);
   RecordName parsed{};
   ParseRecordName(NameOf(newName), &parsed);
   Print("repaired %s: %s, %s, channels %s\n", newName.c_str(), FormatTime(parsed.startTime).c_str(),

@@ -11,6 +11,7 @@
 #include "ImfFile.h"
 #include "RecoveryObserver.h"
 #include "apps/recorder/disks/Disks.h"
+#include "apps/recorder/recording/Completion.h"
 #include "apps/recorder/recording/SearchIndex.h"
 
 namespace recorder {
@@ -21,8 +22,11 @@ class Recovery : public RecoveryObserver, public ImfSegmentCloseInterface {
 
   // Around the start-up, since the file manager says nothing of a file that it gives back to the pool, nor
   // whether a search database could be rebuilt: notes what needs repair, and reports what became of it.
-  void NoteState(const std::vector<Disk>& disks);
-  void ReportState();
+  void NoteState(const std::vector<Disk>& joining);
+  // The recordings that the file manager left unfinished are completed now, as far as they can be.
+  void ReportState(Disks& disks, const std::vector<Disk>& joined);
+  // Recordings that still have no final name.
+  Completion& Unfinished() { return mCompletion; }
 
   // The files removed until further notice go into quarantine, which the caller reports, or are recycled.
   void SetQuarantining(bool quarantining) { mQuarantining = quarantining; }
@@ -41,6 +45,7 @@ class Recovery : public RecoveryObserver, public ImfSegmentCloseInterface {
 
  private:
   SearchIndex& mIndex;
+  Completion mCompletion{mIndex};
   struct Leaving {
     std::string path;
     uint32_t start = 0;
@@ -52,7 +57,6 @@ class Recovery : public RecoveryObserver, public ImfSegmentCloseInterface {
   Leaving mLeaving;  // no path: none
   std::string mStuck;
   int mRecycled = 0;
-  std::vector<std::string> mUnfinished;  // paths of files in progress
   std::vector<std::string> mDamagedDbs;  // directories whose search database is to be rebuilt
   std::set<std::string> mFixed;          // directory and start time of what was repaired
 };

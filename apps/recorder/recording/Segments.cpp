@@ -22,6 +22,12 @@ namespace {
 constexpr int kPreserveRounds = 2;
 constexpr int kFailureLimit = 3;          // in a row, then the disk is set aside
 constexpr size_t kEarlySoundLimit = 256;  // packets
+
+void Sync(const std::string& directory) {
+  if (SyncDirectory(directory)) return;
+  Complain("cannot write %s back: %s", directory.c_str(), std::strerror(errno));
+}
+
 static_assert(kPreserveRounds + 2 <= kSmallDirectory,
               "MakeRecordFile recycles one more, at a second try another");
 
@@ -133,7 +139,6 @@ bool Segments::IsLeading(const ImfPacket& packet) const {
 void Segments::NoteWritten(const Sample& sample) {
   const ImfPacket& packet = sample.packet;
   mTotals.packets++;
-  mFailures = 0;
   if (mPackets++ == 0) mFirstTime = packet.time;
   mLastTime = std::max(mLastTime, packet.time);
   if (!packet.keyFrame || !IsLeading(packet)) return;
@@ -164,7 +169,7 @@ Segments::Opened Segments::Begin(const Sample& sample) {
         "warning: files fill up in less than a second, so their start times run ahead: prepare larger files");
     mSaidTooFast = true;
   }
-  SyncDirectory(DirectoryOf(mPath));
+  Sync(DirectoryOf(mPath));
 
   mWriter = std::make_unique<ImfWriter>();
   mWriter->SetCheckpointInterval(mOptions.checkpointSeconds);
@@ -191,8 +196,10 @@ void Segments::KeepHouse() {
   FmgrFileManager* manager = mDisks.Manager();
   manager->CheckRepository();
   mDisks.LeaveForeignDirectories();
+  mDisks.TryLeftOutAgain();
+  mRecovery.Unfinished().TryAll(mDisks);
   for (const Disk& disk : mDisks.All()) {
-    if (FmgrRepositoryGroup* group = mDisks.Group(disk)) SaveForeignFiles(disk, *group);
+    if (FmgrRepositoryGroup* group = mDisks.Group(disk)) SaveForeignFiles(mDisks, disk, *group);
     KeepReserve(disk.path);
   }
   mExpiry.Run(kPreserveRounds);
@@ -201,7 +208,7 @@ void Segments::KeepHouse() {
 // A record file replaces another of the same start in its directory, so starts ascend there. A start that lies
 // well before what is recorded gets a data directory of its own from the file manager, unless that can't be
 // made.
-uint32_t Segments::NextStart(int64_t wanted) const {
+uint32_t Segments::NextStart(int64_t wanted) {
   const auto start = static_cast<uint32_t>(wanted);
   FmgrRepositoryGroup* group = mDisks.Manager()->CurrentRepositoryGroup();
   if (group == nullptr || group->mDataRepositories.empty()) return start;
@@ -209,7 +216,11 @@ uint32_t Segments::NextStart(int64_t wanted) const {
   const auto last =
       static_cast<uint32_t>(std::max(0, FmgrDataRepository::FileNameToStartTimeSec(newest.GetNewestFile())));
   if (start > last) return start;
-  if (group->IsNeedChangeRepository(static_cast<int>(start)) != 1) return last + 1;
+  if (group->IsNeedChangeRepository(static_cast<int>(start)) != 1) {
+    // One file that lies ahead must not pull all later ones along: they start over in a directory of their own.
+    const bool isFarAhead = last - start >= static_cast<uint32_t>(mOptions.seconds);
+    return isFarAhead && mDisks.MakeDirectory(*group) ? start : last + 1;
+  }
   uint32_t free = start;
   std::string taken;
   while (newest.FindFileNameByStartTime(static_cast<int>(free), taken)) free++;
@@ -222,17 +233,27 @@ void Segments::Complete() {
   const uint32_t mask = mWriter->ChannelMask();
   const uint64_t bytes = mWriter->Used();
   const std::vector<PictureSpan> spans = mWriter->Coverage();
-  if (!mWriter->Close()) Complain("cannot write %s back: %s", mPath.c_str(), std::strerror(errno));
+  // What the device did not take is not there, whatever its name says.
+  if (!mWriter->Close()) return Quarantine("cannot write back", errno);
   mWriter.reset();
+  mFailures = 0;
 
   std::string path;
-  if (mDisks.Manager()->RenameRecordFile(mPath, static_cast<int>(end), mask, path) != FMGR_DONE ||
-      !Exists(path)) {
-    Complain("cannot complete %s; the next start will repair it", mPath.c_str());
+  if (mDisks.Manager()->RenameRecordFile(mPath, static_cast<int>(end), mask, path) != FMGR_DONE) {
+    Complain("cannot complete %s: its disk is not there; it is repaired when it is", mPath.c_str());
+    return;
+  }
+  // The file manager does not look whether it could rename the file. Once more, for the error.
+  if (!Exists(path) && !RenameToNew(mPath, path)) {
+    const int error = errno;
+    Complain("cannot rename %s to %s: %s; it is tried again", mPath.c_str(), path.c_str(),
+             std::strerror(error));
+    mRecovery.Unfinished().AddUnnamed(mPath, path);
+    if (IsDiskError(error)) mKeeper.SetAside(mPath, "cannot complete " + mPath, error);
     return;
   }
   mIndex.Add(path, spans);
-  SyncDirectory(DirectoryOf(path));
+  Sync(DirectoryOf(path));
 
   const double seconds = static_cast<double>(mLastTime - mFirstTime) / kMicros;
   mTotals.segments++;
@@ -264,7 +285,7 @@ void Segments::Quarantine(const char* what, int error) {
   if (quarantined) {
     Print("quarantined %s\n", mPath.c_str());
     mTotals.quarantined++;
-    SyncDirectory(DirectoryOf(mPath));
+    Sync(DirectoryOf(mPath));
   } else {
     Complain("cannot move %s to quarantine", mPath.c_str());
   }

@@ -61,7 +61,7 @@ class Segments {
   bool PutPacket(const Sample& sample);
   bool IsDue(const Sample& sample) const;
   Opened Begin(const Sample& sample);
-  uint32_t NextStart(int64_t wanted) const;
+  uint32_t NextStart(int64_t wanted);
   void KeepHouse();
   bool IsLeading(const ImfPacket& packet) const;
   bool WriteStreams();
