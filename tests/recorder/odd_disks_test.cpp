@@ -6,12 +6,15 @@
 #include <fstream>
 #include <functional>
 
+#include "apps/recorder/base/Files.h"
 #include "apps/recorder/disks/DiskManifest.h"
 #include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/disks/SetAside.h"
+#include "apps/recorder/recording/Completion.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
+#include "tests/support/RecorderProgram.h"
 #include "tests/support/TestDisk.h"
 
 namespace {
@@ -169,6 +172,120 @@ TEST(Inspection, KnowsOfMissingFiles) {
   EXPECT_EQ(1, Inspect(disk, kStart).Missing());
   fs::remove(disk + "/" + kManifestName);
   EXPECT_EQ(0, Inspect(disk, kStart).Missing()) << "prepared before anybody noted it";
+}
+
+// A real ext4, since only there files can be made immutable; and a mount of its own.
+class MountedDisk : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string image = mRoot.Path() + "/ext4";
+    mDisk = mRoot.Path() + "/disk/d";
+    fs::create_directories(mDisk);
+    mIsMounted = geteuid() == 0 && Shell("truncate -s 64M " + image + " && mkfs.ext4 -q " + image +
+                                         " && mount -o loop " + image + " " + mDisk) == 0;
+    if (!mIsMounted)
+      GTEST_SKIP() << "only root can mount an ext4 from a file, and not everywhere: " << mProgram.err;
+    mProgram.MakeVideo(mRoot.Path() + "/v.mp4", 25, "200k");
+    ASSERT_EQ(0, Run("prepare --disk d --size 1M --count 12")) << mProgram.err;
+    ASSERT_EQ("", WriteManifest(mDisk, {12, 1 << 20}));
+  }
+  void TearDown() override {
+    Shell("chattr -R -i " + mDisk + "; umount " + mDisk + "/data_*/mnt " + mDisk + "/data_*; umount -l " +
+          mDisk);
+  }
+  int Shell(const std::string& command) { return mProgram.Shell(command); }
+  int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
+  // Eight segments, half a minute later than those before.
+  void Record() {
+    mStart += 60;
+    ASSERT_EQ(0, Run("record --input " + mRoot.Path() + "/v.mp4 --clock stream --segment 5 --start " +
+                     std::to_string(mStart)))
+        << mProgram.err;
+    EXPECT_NE(std::string::npos, mProgram.out.find("recorded 8 segments")) << mProgram.out;
+    mLines = mProgram.out + mProgram.err;
+  }
+  std::string Oldest() { return mDisk + "/data_00000001/" + NamesIn(mDisk + "/data_00000001").front(); }
+  bool Said(const std::string& text) const { return mLines.find(text) != std::string::npos; }
+
+  TestRoot mRoot;
+  RecorderProgram mProgram{mRoot.Path()};
+  std::string mDisk;
+  bool mIsMounted = false;
+  unsigned mStart = kStart;
+  std::string mLines;
+};
+
+TEST_F(MountedDisk, PassesOverWhatCannotBeMoved) {
+  Record();
+  const std::string oldest = Oldest();
+  const std::string pool = mDisk + "/imf_free/" + NamesIn(mDisk + "/imf_free").front();
+  ASSERT_EQ(0, Shell("chattr +i " + oldest + " " + pool));
+  Record();
+  EXPECT_TRUE(Said(oldest + " cannot be recycled: Operation not permitted: it is passed over")) << mLines;
+  EXPECT_TRUE(Said(pool + " is immutable: it is passed over")) << mLines;
+  Record();
+  EXPECT_TRUE(fs::exists(oldest));
+  ASSERT_EQ(0, Run("status --json"));
+  EXPECT_EQ(2, mProgram.JsonLines().at(0)["setAside"]);
+  EXPECT_EQ(12, mProgram.JsonLines().at(0)["free"].get<int>() + mProgram.JsonLines().at(0)["used"].get<int>());
+  EXPECT_EQ(1, Run("check"));
+  EXPECT_NE(std::string::npos, mProgram.out.find("immovable: " + oldest));
+  EXPECT_NE(std::string::npos, mProgram.out.find("immovable: " + pool));
+  Shell("chattr -i " + oldest + " " + pool);
+  Record();
+  Record();
+  EXPECT_FALSE(fs::exists(oldest));
+  EXPECT_EQ(0, Run("check")) << mProgram.out;
+}
+
+TEST_F(MountedDisk, NeverRemovesADirectoryWithSomebodyElsesFilesInIt) {
+  Record();
+  const std::string mount = mDisk + "/data_00000001/mnt";
+  ASSERT_EQ(
+      0, Shell("mkdir " + mount + " && mount -t tmpfs none " + mount + " && echo x >" + mount + "/precious"));
+  Write(mDisk + "/imf_error", "");
+  for (int i = 0; i < 3; ++i) Record();
+  EXPECT_TRUE(fs::exists(mount + "/precious"));
+  EXPECT_TRUE(fs::exists(mDisk + "/set_aside/imf_error"));
+  EXPECT_EQ(12u, InodesOf(mDisk).size());
+}
+
+TEST_F(MountedDisk, LeavesADirectoryOutWhileSomethingIsMountedOverIt) {
+  Record();
+  const std::string directory = mDisk + "/data_00000001";
+  ASSERT_EQ(0, Shell("mount -t tmpfs none " + directory));
+  Record();
+  EXPECT_TRUE(Said(directory + "/ is another file system: it is passed over")) << mLines;
+  EXPECT_TRUE(fs::is_empty(directory));
+  ASSERT_EQ(0, Run("status --json"));
+  EXPECT_EQ(1, mProgram.JsonLines().at(0)["setAside"]);
+  EXPECT_EQ(4, mProgram.JsonLines().at(0)["used"]);
+  EXPECT_EQ(8, mProgram.JsonLines().at(0)["missingFiles"]) << "as far as can be seen";
+  ASSERT_EQ(0, Shell("umount " + directory));
+  Record();
+  EXPECT_EQ(0, Run("check")) << mProgram.out;
+}
+
+TEST_F(MountedDisk, CompletesRecordingsWhenTheyCanBeRenamed) {
+  Record();
+  const std::string named = Oldest();
+  const std::string unfinished = named.substr(0, named.find("_", mDisk.size() + 6 + 9)) + "_00000000.imf";
+  fs::rename(named, unfinished);
+  ASSERT_EQ(0, Shell("chattr +i " + unfinished));
+  Disks disks;
+  SearchIndex index;
+  Completion completion(index);
+  ASSERT_FALSE(disks.Choose(mRoot.Path(), {}));
+  const std::vector<Disk> all = disks.All();
+  ASSERT_FALSE(disks.OpenForRecording({}));
+  ASSERT_FALSE(disks.Add(all.at(0)));
+  completion.AddUnfinished(unfinished);
+  completion.TryAll(disks);
+  EXPECT_TRUE(fs::exists(unfinished));
+  Shell("chattr -i " + unfinished);
+  completion.TryAll(disks);
+  EXPECT_TRUE(fs::exists(named));
+  EXPECT_EQ(NameOf(named), disks.Group(all.at(0))->mDataRepositories.front()->GetOldestFile());
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "apps/recorder/base/Files.h"
@@ -16,6 +17,7 @@
 #include "apps/recorder/check/RecordCheck.h"
 #include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/disks/Preparation.h"
+#include "apps/recorder/disks/SetAside.h"
 #include "apps/recorder/recording/SearchIndex.h"
 #include "platform/host/imf/RecordName.h"
 
@@ -27,7 +29,7 @@ constexpr uint32_t kToleratedOverlap =
     5;                        // seconds by which the file manager lets one recording follow another
 constexpr int kDeepest = 16;  // directories that are not the recorder's are looked through this far
 
-enum class Place { kPool, kData, kError, kPrealloc, kForeign, kElsewhere };
+enum class Place { kPool, kData, kError, kPrealloc, kForeign, kSetAside, kElsewhere };
 
 struct FileName {
   std::string path;
@@ -76,12 +78,14 @@ class DiskCheck {
   void WalkPool(const std::string& directory);
   void WalkData(const std::string& name);
   void WalkSimple(const std::string& directory, Place place);
+  void WalkSetAside(const std::string& directory);
   void WalkElsewhere(const std::string& directory, int depth);
   void Add(const std::string& path, const struct stat& info, Place place);
   uint64_t UsualSize() const;
   bool IsLaidDown(const File& file) const;
   void JudgePlace(const File& file);
   void JudgePoolNumbers();
+  void JudgeCount();
   void NoteOverlaps();
   std::string SizeText(uint64_t size) const;
 
@@ -91,6 +95,8 @@ class DiskCheck {
   std::vector<DataDirectory> mDirectories;
   std::map<int, std::string> mNumbers;  // of the data directories
   std::set<int64_t> mPoolNumbers;
+  std::vector<std::string> mSetAside;  // paths
+  std::optional<DiskManifest> mManifest;
   std::vector<CheckedRecording> mCompleted;
   dev_t mDevice = 0;
 };
@@ -118,7 +124,12 @@ bool DiskCheck::Look(const std::string& path, struct stat* info, bool wantDirect
     if (errno != ENOENT) Find(Fault::kUnreadable, path, std::strerror(errno));
     return false;
   }
-  if (wantDirectory ? S_ISDIR(info->st_mode) : S_ISREG(info->st_mode)) return true;
+  if (wantDirectory ? S_ISDIR(info->st_mode) : S_ISREG(info->st_mode)) {
+    const bool isOther = wantDirectory && info->st_dev != mDevice;
+    if (isOther) Find(Fault::kImmovable, path, "is another file system");
+    if (IsImmutable(path)) Find(Fault::kImmovable, path, "is immutable");
+    return !isOther;
+  }
   const char* what = S_ISLNK(info->st_mode)   ? "is a symbolic link"
                      : S_ISDIR(info->st_mode) ? "is a directory in the place of a file"
                      : wantDirectory          ? "is not a directory"
@@ -164,6 +175,10 @@ void DiskCheck::WalkData(const std::string& name) {
     Find(Fault::kDirectoryName, path, "is not a data directory and is left alone");
     return WalkElsewhere(path, 0);
   }
+  if (!IsUsualNumber(number)) {
+    Find(Fault::kDirectoryName, path, "has a number that leaves none for further ones");
+    return WalkElsewhere(path, 0);
+  }
   const std::string proper = DataDirectoryName(number);
   const auto [other, isFirst] = mNumbers.emplace(number, name);
   if (!isFirst) {
@@ -201,6 +216,19 @@ void DiskCheck::WalkSimple(const std::string& directory, Place place) {
   }
 }
 
+void DiskCheck::WalkSetAside(const std::string& directory) {
+  struct stat info = {};
+  std::vector<std::string> names;
+  if (!Look(directory, &info, true) || !List(directory, &names)) return;
+  for (const std::string& name : names) {
+    const std::string path = Join(directory, name);
+    mSetAside.push_back(path);
+    if (lstat(path.c_str(), &info) != 0) continue;
+    if (S_ISREG(info.st_mode)) Add(path, info, Place::kSetAside);
+    if (S_ISDIR(info.st_mode) && info.st_dev == mDevice) WalkElsewhere(path, 0);
+  }
+}
+
 void DiskCheck::WalkElsewhere(const std::string& directory, int depth) {
   std::vector<std::string> names;
   if (access(directory.c_str(), R_OK | X_OK) != 0) {  // as lost+found for anybody but root
@@ -218,6 +246,7 @@ void DiskCheck::WalkElsewhere(const std::string& directory, int depth) {
 }
 
 uint64_t DiskCheck::UsualSize() const {
+  if (mManifest) return mManifest->fileBytes;
   std::map<uint64_t, int64_t> votes;
   for (const auto& [inode, file] : mFiles) {
     const FileName* home = file.Home();
@@ -236,6 +265,7 @@ uint64_t DiskCheck::UsualSize() const {
 // A laid-down file is known by its size as well, so that one that a file system check has put into lost+found,
 // or that somebody has renamed, is found again.
 bool DiskCheck::IsLaidDown(const File& file) const {
+  if (file.IsIn(Place::kSetAside)) return file.size == mReport.fileSize;
   return file.IsCalledImf() || (file.size == mReport.fileSize && file.size > 0);
 }
 
@@ -313,6 +343,17 @@ void DiskCheck::NoteOverlaps() {
                           first + ": the clock was set back");
 }
 
+void DiskCheck::JudgeCount() {
+  if (!mManifest) return;
+  const auto count = std::count_if(mFiles.begin(), mFiles.end(), [this](const auto& file) {
+    return file.second.size == mReport.fileSize && IsLaidDown(file.second);
+  });
+  if (count >= mManifest->files) return;
+  Find(Fault::kMissing, Join(mReport.path, kManifestName),
+       std::to_string(mManifest->files - count) + " of the " + std::to_string(mManifest->files) +
+           " files that were laid down are not there");
+}
+
 DiskReport DiskCheck::Run() {
   std::vector<std::string> names;
   struct stat info = {};
@@ -323,6 +364,7 @@ DiskReport DiskCheck::Run() {
     return name == "imf_free" || name == "imf_prealloc" || name.rfind("data_", 0) == 0;
   });
   if (mReport.missing) return mReport;
+  mManifest = ReadManifest(mReport.path);
   for (const std::string& name : names) {
     const std::string path = Join(mReport.path, name);
     if (name == "imf_free") {
@@ -331,6 +373,8 @@ DiskReport DiskCheck::Run() {
       WalkSimple(path, name == "imf_error" ? Place::kError : Place::kPrealloc);
     } else if (name.rfind("data_", 0) == 0) {
       WalkData(name);
+    } else if (IsSetAsideName(name)) {
+      WalkSetAside(path);
     } else if (lstat(path.c_str(), &info) == 0) {
       // The reserve may have any size, a record file's as well.
       if (S_ISREG(info.st_mode) && name != kReserveFile) Add(path, info, Place::kElsewhere);
@@ -344,6 +388,9 @@ DiskReport DiskCheck::Run() {
   mReport.fileSize = UsualSize();
   for (const auto& [inode, file] : mFiles) JudgePlace(file);
   JudgePoolNumbers();
+  JudgeCount();
+  for (const std::string& path : mSetAside)
+    Find(Fault::kSetAside, path, "was set aside: it is of no use where it was");
   const Blame blame = [this](Fault fault, const std::string& path, const std::string& what) {
     Find(fault, path, what);
   };

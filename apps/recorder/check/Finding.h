@@ -22,6 +22,9 @@ enum class Fault {
   kUnfinished,      // a recording that was never completed, or is being written
   kHeader,          // header and name disagree, or no recording is in the file
   kTwoStarts,       // two recordings of one data directory that begin in the same second
+  kMissing,         // fewer laid-down files than preparing made
+  kSetAside,        // moved out of the way by a recorder, and nothing that could be put back
+  kImmovable,       // can't be renamed, as a recorder would have to
   kSearchDb,        // missing, damaged, marked as damaged, or out of step with the names
 };
 

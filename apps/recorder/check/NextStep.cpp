@@ -47,11 +47,16 @@ std::string NextStep(const std::string& root, const std::string& disk, const Fin
     case Fault::kTwoDirectories:
     case Fault::kDirectoryName:
       return "give it a number of its own: mv -n " + path + " " + ShellWord(disk) + "/data_00000000";
+    case Fault::kMissing:
+      return "find out what took them; rm " + path + " when that is known, and nobody asks for them again";
+    case Fault::kImmovable:
+      return "see what keeps it there: lsattr -d " + path + "; findmnt " + path;
     case Fault::kUnreadable:
       return "look at the rights and the health of the disk: ls -ld " + path + "; dmesg; fsck";
     case Fault::kNoRegularFile:
     case Fault::kForeign:
     case Fault::kName:
+    case Fault::kSetAside:
     case Fault::kTwoStarts:
       break;
   }

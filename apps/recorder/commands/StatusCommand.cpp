@@ -52,6 +52,10 @@ void PrintJson(const DiskStatus& status, const Capacity& capacity) {
   line["last"] = status.last != 0 ? nlohmann::ordered_json(FormatTime(status.last)) : nullptr;
   line["writing"] = status.writing;
   PutState(status.state, &line);
+  line["setAside"] = status.setAside;
+  line["missingFiles"] = status.missing;
+  line["odd"] = nlohmann::ordered_json::array();
+  for (const OddEntry& odd : status.odd) line["odd"].push_back({{"path", odd.path}, {"what", odd.what}});
   line["allDisks"]["remainingMiB"] = capacity.remaining;
   line["allDisks"]["hoursLeft"] = nullptr;
   if (capacity.hoursLeft) line["allDisks"]["hoursLeft"] = *capacity.hoursLeft;
@@ -68,6 +72,9 @@ void PrintText(const DiskStatus& status) {
   line("used", status.used, status.fileSize * static_cast<uint64_t>(status.used));
   line("quarantined", status.quarantined, status.quarantinedBytes);
   if (status.state.use != DiskState::kUsed) PrintText(status.state);
+  if (status.missing > 0) Print("  missing      %8" PRId64 " files\n", status.missing);
+  if (status.setAside > 0) Print("  set aside    %8" PRId64 " entries\n", status.setAside);
+  for (const OddEntry& odd : status.odd) Print("    %s %s\n", odd.path.c_str(), odd.what.c_str());
   if (status.first == 0) {
     Print("  nothing recorded\n");
   } else {
@@ -99,7 +106,7 @@ int Status(std::string root, bool json) {
   for (const Disk& disk : disks.All()) {
     FmgrRepositoryGroup* group = disks.Group(disk);
     if (group == nullptr) continue;
-    DiskStatus status = Examine(disk, *group);
+    DiskStatus status = Examine(disks, disk, *group);
     for (auto state = unused.begin(); state != unused.end(); ++state) {
       if (state->disk.name != disk.name) continue;
       status.state = *state;

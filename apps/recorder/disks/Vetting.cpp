@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <list>
@@ -88,6 +89,11 @@ Refusal Vetting::Admit(const Disk& disk, int64_t now) {
   if (Refusal refusal = Look(disk, now)) return refusal;
   Vetted& vetted = mDisks[disk.path];
   vetted.recording = true;
+  if (const int64_t missing = vetted.found.Missing()) {
+    Complain("disk %s: %" PRId64 " of the %" PRId64
+             " files that were laid down are not there; recorder check may tell more",
+             disk.name.c_str(), missing, vetted.found.manifest->files);
+  }
   std::vector<OddEntry> stays;
   for (const OddEntry& odd : vetted.found.odd) {
     const SetAsideResult result = SetAside(disk.path, odd.path);

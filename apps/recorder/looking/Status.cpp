@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <ctime>
 #include <map>
 
 #include "apps/recorder/base/Files.h"
@@ -17,6 +18,31 @@ namespace recorder {
 namespace {
 
 constexpr int64_t kRateWindow = 6 * 3600;  // seconds
+constexpr int kLooks = 3;                  // what is missing as often is not just on its way
+
+// Recordings that can't be recycled are passed over when it is their turn, so they are the oldest ones.
+void NoteImmovable(const FmgrDataRepository& repository, DiskStatus* status) {
+  std::string path;
+  std::string next;
+  bool isThere = repository.GetFirstFilePath(path);
+  while (isThere && DirectoryOf(path) == repository.Path() && IsImmutable(path)) {
+    status->odd.push_back({path, "is immutable"});
+    isThere = repository.GetNextFilePath(path, next) && next != path;
+    path = next;
+  }
+}
+
+void NoteOdd(const Disk& disk, const Inspection& found, const FmgrRepositoryGroup& group, DiskStatus* status) {
+  for (const auto* list : {&found.odd, &found.closed, &found.fixed}) {
+    status->odd.insert(status->odd.end(), list->begin(), list->end());
+  }
+  for (const FmgrDataRepository* repository : group.mDataRepositories) NoteImmovable(*repository, status);
+  status->setAside = found.setAside + static_cast<int64_t>(status->odd.size());
+  status->missing = found.Missing();
+  for (int look = 1; look < kLooks && status->missing > 0; ++look) {
+    status->missing = std::min(status->missing, Inspect(disk.path, std::time(nullptr)).Missing());
+  }
+}
 
 }  // namespace
 
@@ -57,7 +83,7 @@ std::vector<DiskState> UnusedDisks(const Disks& disks, bool recording) {
   return unused;
 }
 
-DiskStatus Examine(const Disk& disk, FmgrRepositoryGroup& group) {
+DiskStatus Examine(const Disks& disks, const Disk& disk, FmgrRepositoryGroup& group) {
   DiskStatus status;
   status.name = disk.name;
   status.path = disk.path;
@@ -76,6 +102,7 @@ DiskStatus Examine(const Disk& disk, FmgrRepositoryGroup& group) {
     status.quarantinedBytes += static_cast<uint64_t>(st.st_size);
   }
   group.GetTimeRange(status.first, status.last);
+  if (const Inspection* found = disks.Vetted().Found(disk)) NoteOdd(disk, *found, group, &status);
   return status;
 }
 

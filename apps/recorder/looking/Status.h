@@ -23,6 +23,9 @@ struct DiskStatus {
   int last = 0;
   bool writing = false;
   DiskState state;  // by the recorder that is at work; used when there is none
+  int64_t setAside = 0;       // entries set aside, and what a recorder passes over
+  std::vector<OddEntry> odd;  // what it passes over, or sets aside at its next start
+  int64_t missing = 0;        // laid-down files that are not there; 0 also when nobody noted how many there were
 };
 
 // What all disks together have left.
@@ -37,7 +40,7 @@ Capacity MeasureCapacity(const Disks& disks);
 // The disks that aren't used: those that are missing, and while `recording` those that the recorder has set
 // aside or misses.
 std::vector<DiskState> UnusedDisks(const Disks& disks, bool recording);
-DiskStatus Examine(const Disk& disk, FmgrRepositoryGroup& group);
+DiskStatus Examine(const Disks& disks, const Disk& disk, FmgrRepositoryGroup& group);
 // The disk of the newest file in progress. Between two segments there is none, and the disk of the newest data
 // directory is the one that the recorder goes on with, unless it has given that disk up.
 const FmgrRepositoryGroup* BeingWritten(const Disks& disks);
