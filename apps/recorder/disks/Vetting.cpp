@@ -147,7 +147,7 @@ Refusal Vetting::Settle(const Disk& disk, FmgrRepositoryGroup& group) {
   pool.remove_if([&](const std::string& name) { return poolNames.count(name) != 0; });
   Drop(group, directories);
   vetted.tryAgain = Monotonic() + kBetweenTries;
-  if (!vetted.recording) return std::nullopt;
+  // The file list cache reads for itself, and may come across what the inspection did not.
   for (auto entry = group.mDataRepositories.begin(); entry != group.mDataRepositories.end();) {
     const FmgrDataRepository& repository = **entry++;
     if (repository.GetFileCount() < 0) LeaveOut(disk, group, repository, "can't be read");
@@ -174,6 +174,7 @@ const Inspection* Vetting::Found(const Disk& disk) const {
 
 // The file manager would want to make a directory of the number behind its last one, and could not.
 void Vetting::CountOnAbove(const Vetted& vetted, FmgrRepositoryGroup& group) {
+  if (!vetted.recording) return;
   int highest = -1;
   for (const auto& [path, what] : vetted.leftOut) {
     if (IsUsualNumber(IndexOf(path))) highest = std::max(highest, IndexOf(path));

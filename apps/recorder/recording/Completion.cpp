@@ -119,7 +119,7 @@ bool Completion::Finish(const Pending& pending, const Disk& disk, bool wasUnfini
               FormatTime(record.startTime).c_str(),
               FormatDuration(record.endTime - double{0} - record.startTime).c_str(),
               FormatChannels(record.channelMask).c_str());
-  mIndex.Add(path);
+  mIndex.AddRepaired(path);
   return true;
 }
 

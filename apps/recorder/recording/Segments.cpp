@@ -236,7 +236,6 @@ void Segments::Complete() {
   // What the device did not take is not there, whatever its name says.
   if (!mWriter->Close()) return Quarantine("cannot write back", errno);
   mWriter.reset();
-  mFailures = 0;
 
   std::string path;
   if (mDisks.Manager()->RenameRecordFile(mPath, static_cast<int>(end), mask, path) != FMGR_DONE) {
@@ -249,9 +248,11 @@ void Segments::Complete() {
     Complain("cannot rename %s to %s: %s; it is tried again", mPath.c_str(), path.c_str(),
              std::strerror(error));
     mRecovery.Unfinished().AddUnnamed(mPath, path);
-    if (IsDiskError(error)) mKeeper.SetAside(mPath, "cannot complete " + mPath, error);
-    return;
+    if (!IsDiskError(error) || ++mFailures < kFailureLimit) return;
+    mFailures = 0;
+    return mKeeper.SetAside(mPath, "cannot complete " + mPath, error);
   }
+  mFailures = 0;
   mIndex.Add(path, spans);
   Sync(DirectoryOf(path));
 
