@@ -260,7 +260,7 @@ TEST_F(MountedDisk, LeavesADirectoryOutWhileSomethingIsMountedOverIt) {
   ASSERT_EQ(0, Run("status --json"));
   EXPECT_EQ(1, mProgram.JsonLines().at(0)["setAside"]);
   EXPECT_EQ(4, mProgram.JsonLines().at(0)["used"]);
-  EXPECT_EQ(8, mProgram.JsonLines().at(0)["missingFiles"]) << "as far as can be seen";
+  EXPECT_EQ(0, mProgram.JsonLines().at(0)["missingFiles"]) << "nobody can tell";
   ASSERT_EQ(0, Shell("umount " + directory));
   Record();
   EXPECT_EQ(0, Run("check")) << mProgram.out;

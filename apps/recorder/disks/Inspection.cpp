@@ -153,6 +153,7 @@ void DiskInspection::LookAtPool() {
       if (PoolNumber(name) < 0) mFound.odd.push_back({path, "has a name that is not a number of eight digits"});
     }
   });
+  if (error != 0) mFound.isBrokenOff = true;
   if (error != 0) mFound.unusable = pool + " can't be read to its end: " + std::strerror(error);
 }
 
@@ -183,6 +184,7 @@ void DiskInspection::LookInto(const std::string& name) {
     if (record.endTime == 0) unfinished.push_back(path + entry);
   });
   if (error != 0) {
+    mFound.isBrokenOff = true;
     mFound.closed.push_back({path, "can't be read to its end: " + std::string(std::strerror(error))});
     return;
   }
@@ -255,6 +257,7 @@ Inspection DiskInspection::Run() {
       }
     }
   });
+  if (error != 0) mFound.isBrokenOff = true;
   if (error != 0) mFound.unusable = mDisk + " can't be read to its end: " + std::strerror(error);
   if (!mFound.unusable.empty()) return mFound;
   for (auto& entry : numbers) std::sort(entry.second.begin(), entry.second.end());
@@ -269,7 +272,9 @@ Inspection DiskInspection::Run() {
 
 }  // namespace
 
-int64_t Inspection::Missing() const { return manifest ? std::max<int64_t>(0, manifest->files - files) : 0; }
+int64_t Inspection::Missing() const {
+  return manifest && closed.empty() ? std::max<int64_t>(0, manifest->files - files) : 0;
+}
 
 std::string WhyFixed(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -284,7 +289,11 @@ bool IsImmutable(const std::string& path) {
   return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &st) == 0 && IsImmutable(st);
 }
 
-Inspection Inspect(const std::string& disk, int64_t now) { return DiskInspection(disk, now).Run(); }
+Inspection Inspect(const std::string& disk, int64_t now) {
+  Inspection found = DiskInspection(disk, now).Run();
+  // A device that stumbles once is no reason to do without anything.
+  return found.isBrokenOff ? DiskInspection(disk, now).Run() : found;
+}
 
 int64_t PoolNumber(const std::string& name) {
   const int64_t number = std::strtol(name.c_str(), nullptr, 10);

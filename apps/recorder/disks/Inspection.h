@@ -22,6 +22,7 @@ struct Inspection {
   // Why the disk can't be used as it is now: its directory or its pool can't be listed to the end, lies on
   // another file system, or takes no changes. Empty when it can; what follows is sound only then.
   std::string unusable;
+  bool isBrokenOff = false;  // a listing ended with an error
   // Means something to the file manager and nothing to anybody: to be set aside.
   std::vector<OddEntry> odd;
   // Data directories that can't be read or are not the disk's own: to be left out of the file manager's lists.
@@ -36,7 +37,7 @@ struct Inspection {
   int64_t files = 0;                    // record files in their places, set aside ones among them
   std::optional<DiskManifest> manifest;
 
-  // Record files that were laid down and are in none of their places; 0 when nobody noted how many there were.
+  // Record files that were laid down and are in none of their places; 0 when that can't be told.
   int64_t Missing() const;
 };
 

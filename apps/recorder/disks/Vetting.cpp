@@ -119,7 +119,14 @@ Refusal Vetting::Settle(const Disk& disk, FmgrRepositoryGroup& group) {
   Vetted& vetted = mDisks[disk.path];
   std::list<std::string>& pool = group.mFreeRepository.files;
   // The file manager takes a pool that it could not list for an empty one, and would recycle instead.
-  if (vetted.recording && static_cast<int64_t>(pool.size()) < vetted.found.pool) {
+  const auto isShort = [&] {
+    return vetted.recording && static_cast<int64_t>(pool.size()) < vetted.found.pool;
+  };
+  if (isShort()) {
+    pool.clear();
+    group.mFreeRepository.ListUp();
+  }
+  if (isShort()) {
     return disk.path + "/imf_free could not be listed";
   }
   std::vector<OddEntry> passedOver = vetted.found.closed;
