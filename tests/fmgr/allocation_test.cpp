@@ -91,21 +91,6 @@ TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
   EXPECT_EQ(1, mManager->GetFreeFileCount());
 }
 
-// Each disk is filled, then overwritten, in turn; numbers go on across the disks, and emptied directories go.
-TEST_F(AllocationTest, RotationOverTwoDisks) {
-  const std::vector<std::string> disks = Begin({"b 3", "a 3"});
-  mManager->mOverwrite = 1;
-  for (int i = 0; i < 15; ++i) {
-    std::string path;
-    mManager->CheckRepositoryChangeCondition(kT + 10 * i);
-    EXPECT_EQ(0, Make(10 * i, path));
-    EXPECT_EQ(0, mManager->RenameRecordFile(path, kT + 10 * i + 10, 1, path));
-    EXPECT_EQ(PathOf(disks[i / 3 % 2], Text("%d:%d-%d", i / 3 + 1, 10 * i, 10 * i + 10)), path);
-  }
-  EXPECT_EQ((std::vector<std::string>{"data_00000005", "imf_free"}), NamesIn(disks[0]));
-  EXPECT_EQ((std::vector<std::string>{"data_00000004", "imf_free"}), NamesIn(disks[1]));
-}
-
 TEST_F(AllocationTest, WhenANewDataDirectoryIsDue) {
   const struct {
     const char* name;
@@ -170,23 +155,6 @@ TEST_F(AllocationTest, RecordingsBeyondThePreservationLimitGo) {
   const std::string line = ":1100) Timeover file remove failure!!";
   EXPECT_NE(std::string::npos, log.find(line)) << log;
   EXPECT_EQ(log.rfind(line), log.find(line));
-}
-
-TEST_F(AllocationTest, Quarantine) {
-  RecordingObserver observer;
-  mManager->mGroupParamA = &observer;
-  const std::string disk = Add("a 2 2:30-40");
-  const std::set<unsigned long> inodes = InodesOf(disk);
-  std::string path;
-  ASSERT_EQ(0, Make(50, path));
-  EXPECT_EQ(1, mManager->MoveRecordFileToErrorRepository(path, 1));
-  EXPECT_EQ((std::vector<std::string>{"removed " + path + " 5f5e1032 0 0"}), observer.heard);
-  EXPECT_TRUE(fs::exists(disk + "/imf_error" + path.substr(path.rfind('/'))));
-  const std::string other = PathOf(disk, "2:30-40");
-  EXPECT_EQ(1, mManager->MoveRecordFileToErrorRepository(other, 0));
-  EXPECT_EQ(1u, observer.heard.size());                               // told only when asked to
-  EXPECT_EQ(0, mManager->MoveRecordFileToErrorRepository(other, 0));  // the directory is empty
-  ExpectEachInOnePlace(disk, inodes);
 }
 
 // Days of recording with everything that happens to a recorder, in the order that `kSeed` gives.

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # What the built library shows and needs. usage: exports_test.sh LIBRARY
-# Catches an internal helper or a standard-library template that leaves the library, a class that does not, a
-# missing version in the soname, and a new dependency.
+# Catches an internal helper or a standard-library template that leaves the library, a missing version in the
+# soname, and a new dependency. A class that does not leave it would keep the tests from linking.
 set -u
 library=$1
 failures=0
@@ -19,13 +19,6 @@ table="(vtable|typeinfo|typeinfo name) for ($classes)"
 strangers=$(grep -vxE "$member|$table|FmgrFileManager::mpFileManager|FILEMANAGER_1" <<<"$symbols")
 strangers+=$(grep -E '::operator|\{lambda|fmgr::' <<<"$symbols")
 [ -z "$strangers" ] || fault "exported: $strangers"
-
-for class in ${classes//|/ }; do
-  for wanted in "vtable for $class" "typeinfo for $class" "typeinfo name for $class" "$class::~$class()"; do
-    grep -qxF "$wanted" <<<"$symbols" || fault "not exported: $wanted"
-  done
-  grep -qF "$class::$class(" <<<"$symbols" || [ "$class" = FmgrRepository ] || fault "no constructor of $class"
-done
 
 dynamic=$(readelf -d "$library")
 soname=$(sed -nE 's/.*SONAME.*\[(.*)\]/\1/p' <<<"$dynamic")

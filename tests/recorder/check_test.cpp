@@ -160,12 +160,6 @@ TEST_F(CheckTest, RepairsNames) {
   EXPECT_TRUE(Shell("test -e $C && test -e imf_free/00000002.imf"));
 }
 
-TEST_F(CheckTest, RebuildsSearchDatabases) {
-  ASSERT_TRUE(Shell("rm $D/search.fdb; : >data_00000002/search.fdb.0.err"));
-  EXPECT_EQ(1, Check("--repair-names")) << "one flag a kind of repair";
-  EXPECT_EQ(0, Check("--rebuild-index"));
-}
-
 TEST_F(CheckTest, RefusesWhatLooksMissingOrMostlyWrong) {
   ASSERT_TRUE(Shell("mkdir ../gone"));
   EXPECT_EQ(1, Check("")) << "one looks missing";

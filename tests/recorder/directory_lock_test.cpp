@@ -106,27 +106,6 @@ TEST_F(Locks, NothingInThisProcessDropsOne) {
   EXPECT_TRUE(IsLocked(mRoot.Path()));
 }
 
-TEST_F(Locks, OnlyAPlainFileIsOpened) {
-  const std::string victim = mRoot.Path() + "/victim";
-  std::ofstream(victim) << "precious";
-  const std::pair<const char*, std::function<void()>> kCases[] = {
-      {"link", [&] { fs::create_symlink(victim, mFile); }},
-      {"dangling", [&] { fs::create_symlink(victim + "2", mFile); }},
-      {"hard link", [&] { fs::create_hard_link(victim, mFile); }},
-      {"fifo", [&] { mkfifo(mFile.c_str(), 0644); }},
-      {"directory", [&] { fs::create_directory(mFile); }},
-  };
-  for (const auto& [what, make] : kCases) {
-    fs::remove(mFile);
-    make();
-    DirectoryLock lock;
-    EXPECT_NE(std::string::npos, lock.Take(mDisk, "record").value_or("").find("cannot use " + mFile)) << what;
-    EXPECT_FALSE(HolderOf(mDisk)) << what;
-    EXPECT_FALSE(fs::exists(victim + "2")) << what;
-  }
-  EXPECT_EQ("precious", ReadText(victim));
-}
-
 TEST_F(Locks, ADiskByTwoRootsIsRefusedAndAStandbyTakesOver) {
   TestRoot other;
   fs::remove(other.Path() + "/disk");

@@ -210,15 +210,6 @@ TEST_F(RecorderQuery, DrawsTimelines) {
        {"\nchannel 0 \u2588\u2588", "\nchannel 1 ", "\ndisk a ", "\ndisk b ", "\u2588 recorded"}) {
     EXPECT_NE(sProgram->out.find(row), std::string::npos) << row << sProgram->out;
   }
-  // The font library keeps what it has loaded.
-  const std::string draw =
-      "LSAN_OPTIONS=detect_leaks=0 " RECORDER_PROGRAM " --root " + sRoot->Path() + " timeline -o ";
-  EXPECT_EQ(sProgram->Shell(draw + sWork + "/t.png; " + draw + sWork + "/t.svg"), 0) << sProgram->err;
-  EXPECT_EQ(
-      sProgram->Shell("ffprobe -v error -show_entries stream=codec_name,width -of csv=p=0 " + sWork + "/t.png"),
-      0);
-  EXPECT_EQ(sProgram->out, "png,1200\n");
-  EXPECT_NE(ReadText(sWork + "/t.svg").find("width=\"1200px\""), std::string::npos);
 }
 
 TEST_F(RecorderQuery, RefusesInOneLine) {

@@ -108,6 +108,7 @@ TEST_F(StrangersDisk, DoesNoHarm) {
       {"a linked mark", replaced(kDirectory + "search.fdb.0.err", "search.fdb.0.err")},
       {"a linked new database", replaced(kDirectory + ".search.fdb.rebuild", "search.fdb")},
       {"a linked lock", replaced(".recorder.lock", "search.fdb")},
+      {"a lock linked to nothing", replaced(".recorder.lock", "not there")},
       {"a linked lock of the root",
        [this] { fs::create_symlink(mOutside + "search.fdb", mRoot.Path() + "/.recorder.lock"); }},
       {"a database with a second name", second(kDirectory + "search.fdb", "search.fdb")},
