@@ -74,6 +74,7 @@ Clip::Result Clip::Write(const std::string& path, const Progress& progress) {
       case ChannelReader::Item::kEnd:
         return Finish(true);
       case ChannelReader::Item::kPacket:
+        NotePicture(reader);
         if (reader.DecodeTime() >= End() || !TakePacket(reader, begin)) return Finish(false);
         const int64_t from = mFrom != 0 ? mFrom : mRange.since;
         const double done = static_cast<double>(reader.DecodeTime() - from);
@@ -157,6 +158,32 @@ void Clip::EndSection(const std::string& reason) {
   mRunning = false;
 }
 
+// Pictures that were read, in the clip or not, tell where there are any.
+void Clip::NotePicture(const ChannelReader& reader) {
+  ImfEntry picture;
+  picture.isPacket = true;
+  picture.channel = mChannel;
+  picture.time = reader.Packet().time;
+  picture.duration = static_cast<uint32_t>(std::clamp<int64_t>(reader.EndTime() - picture.time, 0, UINT32_MAX));
+  mCoverage.Add(picture);
+}
+
+// Where pictures stay away for a while and then go on as if nothing had been, the clip shows the last one
+// meanwhile.
+void Clip::NoteGaps() {
+  int64_t end = mRange.until;  // of the span before
+  for (const PictureSpan& span : mCoverage.Spans()) {
+    const int64_t from = std::max(end, mRange.since);
+    const int64_t to = std::min(span.begin, mRange.until);
+    const bool isKnown = std::any_of(mMissing.begin(), mMissing.end(),
+                                     [&](const Missing& each) { return each.from < to && each.to > from; });
+    if (from < to && !isKnown) mMissing.push_back({from, to, "no pictures came"});
+    end = span.end;
+  }
+  std::sort(mMissing.begin(), mMissing.end(),
+            [](const Missing& x, const Missing& y) { return x.from < y.from; });
+}
+
 // `atEnd`: nothing more is recorded.
 Clip::Result Clip::Finish(bool atEnd) {
   if (!mError.empty()) return Result::kFailed;
@@ -167,6 +194,7 @@ Clip::Result Clip::Finish(bool atEnd) {
     mMissing.push_back({mTo, mRange.until, growing ? "not recorded yet" : "nothing is recorded"});
   }
   if (!mMissing.empty() && mRange.until - mMissing.back().from <= kShortTail) mMissing.pop_back();
+  NoteGaps();
   if (mWriter.Close()) return Result::kDone;
   mError = mWriter.Error();
   return Result::kFailed;

@@ -11,6 +11,7 @@
 #include "apps/recorder/clip/ClipWriter.h"
 #include "apps/recorder/looking/Range.h"
 #include "apps/recorder/looking/Recordings.h"
+#include "platform/host/imf/ImfCoverage.h"
 
 namespace recorder {
 
@@ -61,6 +62,8 @@ class Clip {
   bool WriteHeld();
   void EndSection(const std::string& reason);
   Result Finish(bool atEnd);
+  void NotePicture(const ChannelReader& reader);
+  void NoteGaps();
 
   const Disks& mDisks;
   const Recordings& mRecordings;
@@ -77,6 +80,7 @@ class Clip {
   int64_t mFrom = 0;
   int64_t mTo = 0;
   int64_t mLastShown = 0;  // when the last picture that was written is shown
+  ImfCoverage mCoverage;
   std::vector<Missing> mMissing;
   std::string mError;
 };

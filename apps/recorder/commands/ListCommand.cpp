@@ -4,6 +4,7 @@
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/commands/Command.h"
+#include "apps/recorder/looking/Coverage.h"
 #include "apps/recorder/looking/Recordings.h"
 
 namespace recorder {
@@ -26,9 +27,17 @@ int List(const RangeOptions& options, std::string root) {
       return kRefused;
     }
   }
-  const std::vector<Recording> found = recordings.Find(range, options.channel);
-  for (const Recording& recording : found) PrintRecording(recording, options.json);
-  if (!found.empty()) return kDone;
+  const Coverage coverage(disks, range);
+  bool isAny = false;
+  for (Recording& recording : recordings.Find(range, options.channel)) {
+    const std::vector<PictureSpan> spans = coverage.Of(recording);
+    const bool isWanted = options.channel == kAnyChannel || HasPictures(spans, options.channel, range);
+    if (!isWanted) continue;
+    isAny = true;
+    recording.partly = PartlyCovered(recording, spans);
+    PrintRecording(recording, options.json);
+  }
+  if (isAny) return kDone;
   recordings.ComplainOfNothing(range, options.channel);
   return kFound;
 }

@@ -8,6 +8,7 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
+#include "apps/recorder/looking/Coverage.h"
 #include "apps/recorder/looking/JsonLine.h"
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrFileManager.h"
@@ -156,10 +157,12 @@ void Recordings::ComplainOfNothing(const Range& range, int channel) const {
   std::string line = "nothing is recorded";
   if (channel != kAnyChannel) line += " of channel " + std::to_string(channel);
   line += " from " + FormatExactTime(range.since) + " to " + FormatExactTime(range.until);
-  const std::optional<Recording> before = LastBefore(range.since, channel);
-  const std::optional<Recording> after = FirstAfter(range.until, channel);
-  const std::string end = before ? "ends at " + FormatTime(before->end) + " (" + before->path + ")" : "";
-  const std::string start = after ? "starts at " + FormatTime(after->start) + " (" + after->path + ")" : "";
+  const std::optional<Moment> before = LastPictureBefore(mDisks, *this, range.since, channel);
+  const std::optional<Moment> after = FirstPictureAfter(mDisks, *this, range.until, channel);
+  const std::string end =
+      before ? "ends at " + FormatTime(RoundedUp(before->time)) + " (" + before->path + ")" : "";
+  const std::string start =
+      after ? "starts at " + FormatTime(after->time / kMicros) + " (" + after->path + ")" : "";
   if (before && after) line += "; the last recording before it " + end + ", the next " + start;
   if (before && !after) line += "; the last recording before it " + end;
   if (!before && after) line += "; the next recording " + start;
@@ -178,6 +181,25 @@ const char* NameOfState(Recording::State state) {
   return "complete";
 }
 
+namespace {
+
+// As seconds of the recording.
+void PrintPart(const Recording& recording, int channel, const std::vector<PictureSpan>& spans) {
+  constexpr size_t kMost = 8;
+  std::string text;
+  for (size_t i = 0; i < std::min(spans.size(), kMost); i++) {
+    char span[64];
+    std::snprintf(span, sizeof span, "%s%.1f to %.1f s", i > 0 ? ", " : "",
+                  static_cast<double>(spans[i].begin - recording.start * kMicros) / kMicros,
+                  static_cast<double>(spans[i].end - recording.start * kMicros) / kMicros);
+    text += span;
+  }
+  if (spans.size() > kMost) text += " and " + std::to_string(spans.size() - kMost) + " more";
+  Print("  channel %d only %s\n", channel, text.empty() ? "without pictures" : text.c_str());
+}
+
+}  // namespace
+
 void PrintRecording(const Recording& recording, bool json, const char* note) {
   if (!json) {
     Print("%s  %s  %8s  channels %-7s %s%s%s%s%s\n", FormatTime(recording.start).c_str(),
@@ -187,6 +209,7 @@ void PrintRecording(const Recording& recording, bool json, const char* note) {
           recording.state == Recording::State::kComplete ? "" : "  ",
           recording.state == Recording::State::kComplete ? "" : NameOfState(recording.state),
           *note != '\0' ? "  " : "", note);
+    for (const auto& [channel, spans] : recording.partly) PrintPart(recording, channel, spans);
     return;
   }
   nlohmann::ordered_json line;
@@ -198,6 +221,13 @@ void PrintRecording(const Recording& recording, bool json, const char* note) {
   line["channels"] = nlohmann::ordered_json::array();
   for (int channel = 0; channel < IMF_CHANNEL_LIMIT; channel++) {
     if (recording.HasChannel(channel)) line["channels"].push_back(channel);
+  }
+  for (const auto& [channel, spans] : recording.partly) {
+    nlohmann::ordered_json part = {{"channel", channel}, {"recorded", nlohmann::ordered_json::array()}};
+    for (const PictureSpan& span : spans) {
+      part["recorded"].push_back({{"start", FormatExactTime(span.begin)}, {"end", FormatExactTime(span.end)}});
+    }
+    line["partly"].push_back(part);
   }
   line["state"] = NameOfState(recording.state);
   if (*note != '\0') line["note"] = note;

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "PictureSpan.h"
 #include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/looking/Range.h"
 
@@ -24,6 +26,8 @@ struct Recording {
   int64_t end = 0;    // of one that is not complete: as far as its file tells
   uint32_t mask = 0;  // bit n: channel n is in it
   State state = State::kComplete;
+  // Channels that do not have pictures all through it, and when they have; filled by whoever asks Coverage.
+  std::map<int, std::vector<PictureSpan>> partly = {};
 
   bool HasChannel(int channel) const { return channel == kAnyChannel || (mask >> channel & 1) != 0; }
   bool Overlaps(const Range& range) const;
@@ -57,7 +61,7 @@ class Recordings {
   std::optional<Recording> Previous(const Recording& recording) const;
   std::optional<Recording> Next(const Recording& recording) const;
 
-  // One line on standard error: there is nothing in the range, and what is nearest to it.
+  // One line on standard error: there are no pictures in the range, and what is nearest to it.
   void ComplainOfNothing(const Range& range, int channel) const;
 
  private:
@@ -67,7 +71,7 @@ class Recordings {
   std::vector<Recording> mOpen;
 };
 
-// One line, or one JSON object, on standard output. `note` is put behind the line, or into its "note".
+// One line, or one JSON object, on standard output, with the channels that are only partly in it. `note` is put behind the line, or into its "note".
 void PrintRecording(const Recording& recording, bool json, const char* note = "");
 const char* NameOfState(Recording::State state);
 

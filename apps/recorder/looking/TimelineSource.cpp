@@ -1,46 +1,36 @@
 #include "apps/recorder/looking/TimelineSource.h"
 
 #include <algorithm>
-#include <set>
-#include <tuple>
+#include <iterator>
+#include <map>
 
-#include "SearchDb.h"
-#include "apps/recorder/base/Files.h"
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
-#include "fmgr/FmgrFileManager.h"
+#include "apps/recorder/looking/Coverage.h"
 #include "platform/host/imf/ImfRecord.h"
 
 namespace recorder {
 
 namespace {
 
-// A search database knows completed recordings only, and it may lag behind the file names, which are the truth.
-// Returns how many recordings are in one and not in the other.
-size_t CountDifferences(const TimeSearchChart& chart, const std::vector<Recording>& recordings,
-                        const Range& range) {
-  using Key = std::tuple<int64_t, int64_t, uint32_t>;
-  // A recorder at work completes a recording in one step and adds it to the database in the next.
-  const auto open = std::find_if(recordings.begin(), recordings.end(), [](const Recording& each) {
-    return each.state != Recording::State::kComplete;
-  });
-  const int64_t settled = open != recordings.end() ? open->start : kLatestTime;
-  std::set<Key> named;
-  std::set<Key> known;
-  for (const Recording& each : recordings) {
-    if (each.start < settled) named.emplace(each.start, each.end, each.mask);
-  }
-  for (const TimeSearchRecording& each : chart.recordings) {
-    Recording recording;
-    recording.start = each.startTime;
-    recording.end = each.endTime;
-    if (each.startTime < settled && recording.Overlaps(range)) {
-      known.emplace(each.startTime, each.endTime, each.channelMask);
+constexpr int64_t kPresent = 5 * kMicros;  // so long before a growing recording's end counts as now
+
+// Spans in ascending order, as whole seconds: what is covered in part counts as covered, and a gap of more than
+// two seconds leaves a second open at least.
+void AddSpans(const Recording& recording, std::vector<PictureSpan> spans, int64_t* lastEnd, TimelineRow* row) {
+  std::sort(spans.begin(), spans.end(),
+            [](const PictureSpan& a, const PictureSpan& b) { return a.begin < b.begin; });
+  int64_t latest = 0;
+  for (const PictureSpan& span : spans) latest = std::max(latest, span.end);
+  for (const PictureSpan& span : spans) {
+    Span seconds = {span.begin / kMicros, RoundedUp(span.end), false};
+    if (span.begin - *lastEnd <= kShortGap && !row->spans.empty()) {
+      seconds.begin = std::min(seconds.begin, RoundedUp(*lastEnd));
     }
+    seconds.growing = recording.state == Recording::State::kGrowing && latest - span.end <= kPresent;
+    *lastEnd = std::max(*lastEnd, span.end);
+    row->spans.push_back(seconds);
   }
-  std::vector<Key> differences;
-  std::set_symmetric_difference(named.begin(), named.end(), known.begin(), known.end(),
-                                std::back_inserter(differences));
-  return differences.size();
 }
 
 }  // namespace
@@ -60,46 +50,43 @@ Timeline CollectTimeline(const Disks& disks, const Recordings& recordings, const
   timeline.until = std::max((range.until + kMicros - 1) / kMicros, timeline.since + 1);
   const Range whole = {timeline.since * kMicros, timeline.until * kMicros};
 
-  TimeSearchChart chart;
-  chart.startTime = static_cast<int32_t>(timeline.since);
-  chart.endTime = static_cast<int32_t>(timeline.until);
-  disks.Manager()->CollectSearchData(&chart);
+  const Coverage coverage(disks, whole);
   const std::vector<Recording> found = recordings.Find(whole, kAnyChannel);
-  if (const size_t differences = CountDifferences(chart, found, whole)) {
-    Complain("the search databases and the file names differ in %zu recordings; shown is what the names say",
-             differences);
+  if (const size_t differences = coverage.CountDifferences(found)) {
+    Complain(
+        "the search databases and the file names differ in %zu recordings; shown is what names and files say",
+        differences);
   }
 
   const uint32_t channels = recordings.Channels();
+  std::map<int, TimelineRow> rows;
+  std::map<int, int64_t> ends;
   for (int number = 0; number < IMF_CHANNEL_LIMIT; number++) {
     if ((channels >> number & 1) == 0 || (channel != kAnyChannel && channel != number)) continue;
-    TimelineRow row{"channel " + std::to_string(number), {}};
-    for (const Recording& each : found) {
-      const bool growing = each.state == Recording::State::kGrowing;
-      if (each.HasChannel(number))
-        row.spans.push_back({each.start, std::max(each.end, each.start + 1), growing});
-    }
-    timeline.channels.push_back(row);
+    rows[number].label = "channel " + std::to_string(number);
   }
-  for (const Disk& disk : disks.All()) {
-    TimelineRow row{"disk " + disk.name, {}};
-    for (const Recording& each : found) {
-      const bool growing = each.state == Recording::State::kGrowing;
-      if (each.disk == disk.name)
-        row.spans.push_back({each.start, std::max(each.end, each.start + 1), growing});
+  std::map<std::string, TimelineRow> disksRows;
+  std::map<std::string, int64_t> disksEnds;
+  for (const Recording& each : found) {
+    const std::vector<PictureSpan> spans = coverage.Of(each);
+    AddSpans(each, spans, &disksEnds[each.disk], &disksRows[each.disk]);
+    for (auto& [number, row] : rows) {
+      std::vector<PictureSpan> own;
+      std::copy_if(spans.begin(), spans.end(), std::back_inserter(own),
+                   [number = number](const PictureSpan& span) { return span.channel == number; });
+      AddSpans(each, own, &ends[number], &row);
     }
-    timeline.disks.push_back(row);
+  }
+  for (const auto& [number, row] : rows) timeline.channels.push_back(row);
+  for (const Disk& disk : disks.All()) {
+    timeline.disks.push_back({"disk " + disk.name, disksRows[disk.name].spans});
   }
 
-  // The chart's hints know of data directories that lie wholly outside.
-  timeline.before = chart.latestEndBefore;
-  timeline.after = chart.earliestStartAfter;
-  if (const std::optional<Recording> before = recordings.LastBefore(whole.since, channel)) {
-    timeline.before = std::max(timeline.before, std::min(before->end, timeline.since));
+  if (const std::optional<Moment> end = LastPictureBefore(disks, recordings, whole.since, channel)) {
+    timeline.before = std::min(RoundedUp(end->time), timeline.since);
   }
-  if (const std::optional<Recording> after = recordings.FirstAfter(whole.until, channel)) {
-    const int64_t start = std::max(after->start, timeline.until);
-    timeline.after = timeline.after == 0 ? start : std::min(timeline.after, start);
+  if (const std::optional<Moment> begin = FirstPictureAfter(disks, recordings, whole.until, channel)) {
+    timeline.after = std::max(begin->time / kMicros, timeline.until);
   }
   return timeline;
 }

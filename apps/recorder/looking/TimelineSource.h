@@ -8,7 +8,8 @@ namespace recorder {
 
 // Whatever is recorded, where the options leave an end open.
 Refusal ChooseRange(const RangeOptions& options, const Recordings& recordings, Range* range);
-// What the names say; one line on standard error when the search databases say something else.
+// When there are pictures, by search databases and files; one line on standard error when the databases know of
+// other recordings than the names, which count.
 Timeline CollectTimeline(const Disks& disks, const Recordings& recordings, const Range& range, int channel);
 
 }  // namespace recorder

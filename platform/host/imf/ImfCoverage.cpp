@@ -92,7 +92,7 @@ std::vector<PictureSpan> ImfCoverage::Spans() const {
     if (channel.runs.empty()) continue;
     const int64_t interval = IntervalOf(channel);
     for (const Run& run : Join(channel.runs, LimitOf(interval))) {
-      const int64_t length = run.duration > 0 ? std::min(run.duration, interval + interval / 2) : interval;
+      const int64_t length = run.duration > 0 ? std::min(run.duration, interval) : interval;
       spans.push_back({static_cast<int32_t>(number), run.first, run.last + std::max<int64_t>(length, 1)});
     }
   }

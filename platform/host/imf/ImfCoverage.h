@@ -13,7 +13,7 @@
 // A span goes on until no picture came for more than 2 seconds or one and a half times the channel's usual
 // distance from picture to picture, whichever is longer. That distance is the median of those seen, or how long
 // the pictures claim to last as long as there are fewer than four of them. The last picture of a span lasts as
-// long as it says, but not longer than one and a half times that distance.
+// long as it says, but not longer than that distance.
 //
 // Takes pictures in any order and a bounded amount of memory: some 3 MiB at most. Of a channel with more gaps
 // than that holds, the shortest are given up.

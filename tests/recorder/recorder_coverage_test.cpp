@@ -1,0 +1,118 @@
+// What is told of cameras that end early or pause: one that lives for 30 seconds, one that ends after 5, and
+// one without pictures from second 10 to 18.
+#include <cstdlib>
+
+#include "SearchDb.h"
+#include "platform/host/searchdb/SearchDbRebuild.h"
+#include "tests/support/RecorderProgram.h"
+#include "tests/support/TestDisk.h"
+
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr int64_t kStart = 1717200000;  // 2024-06-01T00:00:00Z
+using Seconds = std::vector<std::pair<double, double>>;
+
+class RecorderCoverage : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { setenv("TZ", "UTC", 1); }
+  static void TearDownTestSuite() { unsetenv("TZ"); }
+
+  void SetUp() override {
+    fs::create_directories(mRoot.Path() + "/made");
+    std::string inputs;
+    for (const char* what :
+         {"-t 30", "-t 5", "-t 30 -vf \"select='not(between(t,10,17.97))'\" -fps_mode passthrough"}) {
+      const std::string video = mRoot.Path() + "/made/" + std::to_string(inputs.size()) + ".mp4";
+      const std::string source = "ffmpeg -v error -f lavfi -i testsrc2=size=160x120:rate=25 ";
+      ASSERT_EQ(mProgram.Shell(source + what + " -c:v libx264 -preset ultrafast -g 25 " + video), 0)
+          << mProgram.err;
+      inputs += " --input " + video;
+    }
+    ASSERT_EQ(Run("prepare --on-system-disk --size 4M --count 4 --disk a"), 0) << mProgram.err;
+    ASSERT_EQ(Run("record --segment 60 --clock stream --start " + std::to_string(kStart) + inputs), 0)
+        << mProgram.err;
+  }
+  int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
+  static double Second(const std::string& time) {  // of this minute
+    return time.substr(0, 17) == "2024-06-01T00:00:" ? std::stod(time.substr(17)) : -1;
+  }
+  static Seconds SecondsOf(const Json& spans) {
+    Seconds seconds;
+    for (const Json& span : spans) seconds.emplace_back(Second(span["start"]), Second(span["end"]));
+    return seconds;
+  }
+  std::vector<PictureSpan> Charted() const {
+    TimeSearchChart chart;
+    chart.endTime = INT32_MAX;
+    EXPECT_TRUE(SearchDb(mDirectory, SEARCH_DB_READ).CollectData(&chart));
+    return chart.recordings.size() == 1 ? chart.recordings[0].spans : std::vector<PictureSpan>();
+  }
+
+  TestRoot mRoot;
+  RecorderProgram mProgram{mRoot.Path()};
+  const std::string mDirectory = mRoot.Path() + "/disk/a/data_00000001/";
+};
+
+TEST_F(RecorderCoverage, IsWhatTheCamerasSent) {
+  const auto at = [](double second) { return (kStart * 1000 + static_cast<int64_t>(second * 1000)) * 1000; };
+  const std::vector<PictureSpan> spans = {
+      {0, at(0), at(30)}, {1, at(0), at(5)}, {2, at(0), at(10)}, {2, at(18), at(30)}};
+  const std::vector<PictureSpan> charted = Charted();
+  ASSERT_EQ(charted.size(), spans.size());
+  for (size_t i = 0; i < spans.size(); ++i) {
+    EXPECT_EQ(charted[i].channel, spans[i].channel);
+    EXPECT_NEAR(static_cast<double>(charted[i].begin - spans[i].begin), 0, 50000) << i;
+    EXPECT_NEAR(static_cast<double>(charted[i].end - spans[i].end), 0, 50000) << i;
+  }
+
+  // By the database, and without one by the file.
+  for (const bool hasDb : {true, false}) {
+    SCOPED_TRACE(hasDb);
+    if (!hasDb) fs::remove(mDirectory + "search.fdb");
+    EXPECT_EQ(Run("list --json"), 0);
+    const Json listed = mProgram.JsonLines().at(0)["partly"];
+    ASSERT_EQ(listed.size(), 2u) << listed;
+    EXPECT_NEAR(SecondsOf(listed[0]["recorded"]).at(0).second, 5, 0.05);
+    EXPECT_NEAR(SecondsOf(listed[1]["recorded"]).at(0).second, 10, 0.05);
+    EXPECT_NEAR(SecondsOf(listed[1]["recorded"]).at(1).first, 18, 0.05);
+
+    EXPECT_EQ(Run("timeline --json"), 0);
+    const std::vector<Json> rows = mProgram.JsonLines();
+    EXPECT_EQ(SecondsOf(rows.at(0)["recorded"]), (Seconds{{0, 30}}));
+    EXPECT_EQ(SecondsOf(rows.at(1)["recorded"]), (Seconds{{0, 5}}));
+    EXPECT_EQ(SecondsOf(rows.at(2)["recorded"]), (Seconds{{0, 10}, {18, 30}}));
+    EXPECT_EQ(SecondsOf(rows.at(2)["gaps"]), (Seconds{{10, 18}}));
+    EXPECT_EQ(mProgram.err.find("differ in 1 recordings") == std::string::npos, hasDb) << mProgram.err;
+
+    EXPECT_EQ(Run(Text("list --channel 1 --since %.0f --until %.0f", kStart + 8.0, kStart + 20.0)), 1);
+    EXPECT_NE(mProgram.err.find("the last recording before it ends at 2024-06-01T00:00:05"), std::string::npos)
+        << mProgram.err;
+  }
+
+  const struct {
+    int channel;
+    double since, until;
+    Seconds missing;
+  } clips[] = {{2, 5, 25, {{10, 18}}}, {2, 12, 15, {{12, 15}}}, {2, 5, 9, {}}, {1, 2, 20, {{5, 20}}}};
+  for (const auto& clip : clips) {
+    const std::string range = Text(" --since %.3f --until %.3f", kStart + clip.since, kStart + clip.until);
+    SCOPED_TRACE(range);
+    Run("export --json --force -o " + mRoot.Path() + "/made/clip.mp4 --channel " +
+        std::to_string(clip.channel) + range);
+    ASSERT_EQ(mProgram.JsonLines().size(), 1u) << mProgram.err;
+    const Seconds missing = SecondsOf(mProgram.JsonLines()[0]["missing"]);
+    ASSERT_EQ(missing.size(), clip.missing.size()) << mProgram.out;
+    for (size_t i = 0; i < missing.size(); ++i) {
+      EXPECT_NEAR(missing[i].first, clip.missing[i].first, 0.05);
+      EXPECT_NEAR(missing[i].second, clip.missing[i].second, 0.05);
+    }
+  }
+
+  SearchDbRebuildReport report;
+  ASSERT_EQ(RebuildSearchDb(mDirectory, nullptr, &report), SearchDbRebuildResult::kDone) << report.error;
+  EXPECT_EQ(Charted(), charted) << "made anew, it is what recording had made";
+}
+
+}  // namespace
