@@ -3,6 +3,7 @@
 #include "SearchDb.h"
 #include "apps/recorder/check/Checker.h"
 #include "apps/recorder/disks/DirectoryLock.h"
+#include "platform/host/imf/ImfRecord.h"
 #include "platform/host/searchdb/SearchDbRebuild.h"
 #include "tests/support/RecorderProgram.h"
 #include "tests/support/TestDisk.h"
@@ -46,7 +47,8 @@ class CheckTest : public testing::Test {
   int Check(const std::string& options) { return mProgram.Run(mRoot.Path(), "check " + options); }
   // Everything that a check could touch.
   std::string Snapshot(const std::string& directory) {
-    const std::string find = "find " + directory + " -mindepth 1 ! -name out ! -name err ! -name .recorder.lock";
+    const std::string find =
+        "find " + directory + " -mindepth 1 ! -name out ! -name err ! -name .recorder.lock";
     EXPECT_EQ(0, mProgram.Shell(find + " -printf '%p %y %i %m %n %s %T@\\n' | sort"));
     return mProgram.out;
   }
@@ -127,6 +129,28 @@ TEST_F(CheckTest, HealthyDisk) {
   EXPECT_EQ(4, line["recorded"]);
   EXPECT_EQ(1, line["quarantined"]);
   EXPECT_EQ(0, line["findings"]);
+}
+
+// The packet of each recording is of channel 0 and stands behind its stream's parameters.
+TEST_F(CheckTest, OnlyReadingEveryPacketFindsADamagedOne) {
+  EXPECT_EQ(0, Check("--packets"));
+  EXPECT_NE(mProgram.out.find("read 4 packets of 4 of 4 recordings"), std::string::npos) << mProgram.out;
+  ImfReader reader;
+  ASSERT_TRUE(reader.Open(mDisk + kData + kFirst));
+  uint64_t offset = 0;
+  reader.List([&](const ImfEntry& entry) { offset = entry.offset; });
+  const std::string at = std::to_string(offset);
+  for (const int where : {64, 0}) {  // payload, header
+    ASSERT_TRUE(
+        Shell("printf x | dd of=$A bs=1 conv=notrunc status=none seek=" + std::to_string(offset + where)));
+    EXPECT_EQ(0, Check("")) << "a quick look";
+    EXPECT_EQ(1, Check("--packets --json"));
+    const auto finding = mProgram.JsonLines().at(0);
+    EXPECT_EQ("damaged", finding["finding"]);
+    EXPECT_EQ(mDisk + kData + kFirst, finding["path"]);
+    const std::string what = finding["what"];
+    EXPECT_NE(what.find(" at " + at + " (channel 0, 2023-09-12T"), std::string::npos) << what;
+  }
 }
 
 TEST_F(CheckTest, FindingsAreLinesOfJsonWhateverTheNames) {

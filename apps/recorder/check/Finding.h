@@ -25,6 +25,7 @@ enum class Fault {
   kMissing,         // fewer laid-down files than preparing made
   kSetAside,        // moved out of the way by a recorder, and nothing that could be put back
   kImmovable,       // can't be renamed, as a recorder would have to
+  kDamaged,         // packets that can't be read or are not as they were written
   kSearchDb,        // missing, damaged, marked as damaged, or out of step with the names
 };
 

@@ -27,6 +27,8 @@ std::string NextStep(const std::string& root, const std::string& disk, const Fin
   const std::string check = "recorder --root " + root + " check --disk " + ShellWord(NameOf(disk));
   const std::string path = ShellWord(finding.path);
   switch (finding.fault) {
+    case Fault::kDamaged:
+      return "look at the health of the disk: dmesg; smartctl. Whatever is read of the file passes over the damage";
     case Fault::kUnfinished:
       return check + " --repair-names";
     case Fault::kSearchDb:

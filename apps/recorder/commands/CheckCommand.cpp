@@ -1,15 +1,21 @@
 // recorder check: holds the disks against what every disk keeps to, and repairs on request.
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cinttypes>
+#include <cstdio>
 #include <memory>
 #include <set>
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
+#include "apps/recorder/capture/Input.h"
 #include "apps/recorder/check/ConcurrentCheck.h"
 #include "apps/recorder/check/NextStep.h"
+#include "apps/recorder/check/PacketCheck.h"
 #include "apps/recorder/check/Repairs.h"
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/disks/DirectoryLock.h"
@@ -27,6 +33,7 @@ struct Options {
   bool rebuildIndex = false;
   bool returnOrphans = false;
   bool force = false;
+  bool packets = false;
 
   bool Repairs() const { return repairNames || rebuildIndex || returnOrphans; }
 };
@@ -119,6 +126,44 @@ Refusal ChooseDisks(const Options& options, const std::string& root, std::vector
   return std::nullopt;
 }
 
+// One line on a terminal, nothing elsewhere.
+class ReadingProgress {
+ public:
+  void Show(const std::string& disk, const PacketTotals& totals) {
+    const Clock::time_point now = Clock::now();
+    if (!mTerminal || now - mDrawn < std::chrono::milliseconds(200)) return;
+    mDrawn = now;
+    const double seconds = std::chrono::duration<double>(now - mBegin).count();
+    const std::string left =
+        totals.recordings > 0
+            ? "  " + FormatDuration(seconds / totals.recordings * (totals.of - totals.recordings)) + " left"
+            : "";
+    std::fprintf(stderr, "\rreading disk %s: %" PRId64 " of %" PRId64 " recordings  %s  %.0f MiB/s%s\033[K",
+                 Printable(disk).c_str(), totals.recordings, totals.of, FormatSize(totals.bytes).c_str(),
+                 static_cast<double>(totals.bytes) / static_cast<double>(kMiB) / seconds, left.c_str());
+    std::fflush(stderr);
+  }
+  ~ReadingProgress() {
+    if (mDrawn != mBegin) std::fprintf(stderr, "\r\033[K");
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  const bool mTerminal = isatty(STDERR_FILENO) != 0;
+  const Clock::time_point mBegin = Clock::now();
+  Clock::time_point mDrawn = mBegin;
+};
+
+// False: it was interrupted.
+bool ReadPackets(const Disk& disk, DiskReport* report) {
+  ReadingProgress progress;
+  const PacketTotals totals = CheckPackets(report, [&](const PacketTotals& soFar) {
+    progress.Show(disk.name, soFar);
+    return !gStop;
+  });
+  return totals.recordings == totals.of;
+}
+
 int Check(const Options& options, std::string root) {
   std::vector<Disk> disks;
   LockSet locks("check");
@@ -129,6 +174,7 @@ int Check(const Options& options, std::string root) {
     Complain("%s", refusal->c_str());
     return kRefused;
   }
+  if (options.packets) StopOnSignals();
   Reports reports = options.Repairs() ? CheckAll(disks) : CheckBeside(root, disks);
   int status = kDone;
   for (size_t i = 0; i < reports.size(); ++i) {
@@ -141,8 +187,13 @@ int Check(const Options& options, std::string root) {
       continue;
     }
     if (options.Repairs()) status = std::max(status, Repair(options, disks[i], &report));
+    const bool isInterrupted = options.packets && !ReadPackets(disks[i], &report);
     options.json ? PrintJson(root, report) : PrintText(root, report);
     if (!report.findings.empty()) status = std::max<int>(status, kFound);
+    if (isInterrupted) {
+      Complain("interrupted: not every packet of disk %s was read", disks[i].name.c_str());
+      return kRefused;
+    }
   }
   return status;
 }
@@ -156,6 +207,7 @@ void AddCheckCommand(CLI::App& app, Context& context) {
                                          "on; changes nothing without a repair");
   command->add_option("--disk", options->disks, "Names of the disks, all by default");
   command->add_flag("--json", options->json, "One JSON object a finding and a disk, one a line");
+  command->add_flag("--packets", options->packets, "Read every packet of every completed recording as well");
   command->add_flag("--repair-names", options->repairNames, "Complete recordings that were cut off");
   command->add_flag("--rebuild-index", options->rebuildIndex, "Make search databases anew that aren't right");
   command->add_flag("--return-orphans", options->returnOrphans, "Put laid-down files back that lie outside");
