@@ -91,15 +91,15 @@ std::map<Inode, std::string> ListPlaces(const std::string& disk) {
 std::string RepairRecording(const std::string& disk, const std::string& path, Pool* pool, SearchIndex* index) {
   const Completed completed = CompleteRecording(path);
   switch (completed.outcome) {
-    case Completed::kNothingUsable:
+    case Completed::Outcome::kNothingUsable:
       return "holds nothing usable and " + pool->Put(path);
-    case Completed::kUnreadable:
+    case Completed::Outcome::kUnreadable:
       return "can't be read and " + Quarantine(disk, path);
-    case Completed::kNotNamed:
+    case Completed::Outcome::kNotNamed:
       return "stays: can't become " + completed.path + ": " + std::strerror(completed.error);
-    case Completed::kLeft:
+    case Completed::Outcome::kLeft:
       return "stays: can't be opened";
-    case Completed::kDone:
+    case Completed::Outcome::kDone:
       break;
   }
   SyncDirectory(DirectoryOf(completed.path));

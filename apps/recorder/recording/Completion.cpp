@@ -28,8 +28,8 @@ Completed CompleteRecording(const std::string& path) {
   imf_error_code_e error = IMF_ERROR_NONE;
   if (!ParseRecordName(NameOf(path), &record)) return {};
   const ImfFile file(error, path, IMF_OPEN_REPAIR, "", "", 0, nullptr);
-  if (error == IMF_ERROR_UNREPAIRABLE) return {Completed::kNothingUsable, path, 0};
-  if (error == IMF_ERROR_IO) return {Completed::kUnreadable, path, 0};
+  if (error == IMF_ERROR_UNREPAIRABLE) return {Completed::Outcome::kNothingUsable, path, 0};
+  if (error == IMF_ERROR_IO) return {Completed::Outcome::kUnreadable, path, 0};
   if (error != IMF_ERROR_REPAIRED) return {};
   flc_file_info_param_t info = {};
   info.startTime = record.startTime;
@@ -39,7 +39,7 @@ Completed CompleteRecording(const std::string& path) {
   FmgrDataRepository::FlcFileInfoToFileName(name, info);
   const std::string target = DirectoryOf(path) + name;
   const int moved = RenameToNew(path, target) ? 0 : errno;
-  return {moved == 0 ? Completed::kDone : Completed::kNotNamed, target, moved};
+  return {moved == 0 ? Completed::Outcome::kDone : Completed::Outcome::kNotNamed, target, moved};
 }
 
 void Completion::TryAll(Disks& disks) {
@@ -67,17 +67,18 @@ bool Completion::Try(Pending* pending, const Disk& disk, FmgrRepositoryGroup& gr
     completed = CompleteRecording(pending->path);
   } else {
     const int error = RenameToNew(pending->path, pending->target) ? 0 : errno;
-    completed = {error == 0 ? Completed::kDone : Completed::kNotNamed, pending->target, error};
+    completed = {error == 0 ? Completed::Outcome::kDone : Completed::Outcome::kNotNamed, pending->target,
+                 error};
   }
   std::string path = pending->path;
   RecordName record{};
   switch (completed.outcome) {
-    case Completed::kDone:
+    case Completed::Outcome::kDone:
       pending->target = completed.path;
       return Finish(*pending, disk, wasUnfinished);
-    case Completed::kNothingUsable:
-    case Completed::kUnreadable:
-      if (completed.outcome == Completed::kUnreadable) {
+    case Completed::Outcome::kNothingUsable:
+    case Completed::Outcome::kUnreadable:
+      if (completed.outcome == Completed::Outcome::kUnreadable) {
         group.mErrorRepository.Push(path);  // whether the file moved has to be looked up
       } else {
         group.mFreeRepository.Push(path);
@@ -86,18 +87,18 @@ bool Completion::Try(Pending* pending, const Disk& disk, FmgrRepositoryGroup& gr
       if (ParseRecordName(NameOf(path), &record)) {
         FlcRemoveFile(disk.name.c_str(), IndexOf(path), record.startTime);
       }
-      Print(completed.outcome == Completed::kUnreadable ? "quarantined %s: it can't be read\n"
-                                                              : "discarded %s: nothing usable was in it\n",
-                  path.c_str());
+      Print(completed.outcome == Completed::Outcome::kUnreadable ? "quarantined %s: it can't be read\n"
+                                                                 : "discarded %s: nothing usable was in it\n",
+            path.c_str());
       return true;
-    case Completed::kNotNamed:
+    case Completed::Outcome::kNotNamed:
       if (!pending->isSaid) {
         Complain("cannot rename %s to %s: %s; it is tried again", path.c_str(), completed.path.c_str(),
                  std::strerror(completed.error));
       }
       pending->isSaid = true;
       return false;
-    case Completed::kLeft:
+    case Completed::Outcome::kLeft:
       break;
   }
   if (!pending->isSaid) Complain("left unfinished %s; it is tried again", path.c_str());
@@ -116,9 +117,9 @@ bool Completion::Finish(const Pending& pending, const Disk& disk, bool wasUnfini
     FlcAddFile(disk.name.c_str(), IndexOf(path), record.startTime, record.endTime, record.channelMask);
   }
   Print("%s %s: %s, %s, channels %s\n", wasUnfinished ? "repaired" : "completed", path.c_str(),
-              FormatTime(record.startTime).c_str(),
-              FormatDuration(record.endTime - double{0} - record.startTime).c_str(),
-              FormatChannels(record.channelMask).c_str());
+        FormatTime(record.startTime).c_str(),
+        FormatDuration(record.endTime - double{0} - record.startTime).c_str(),
+        FormatChannels(record.channelMask).c_str());
   mIndex.AddRepaired(path);
   return true;
 }

@@ -11,14 +11,14 @@
 namespace recorder {
 
 struct Completed {
-  enum Outcome {
+  enum class Outcome {
     kDone,           // `path` is its new name
     kNothingUsable,  // nothing was recorded into it
     kUnreadable,     // the device can't read it
     kNotNamed,       // repaired, `path` would be its name; `error` kept it from that
     kLeft,           // nothing is known of it
   };
-  Outcome outcome = kLeft;
+  Outcome outcome = Outcome::kLeft;
   std::string path;
   int error = 0;
 };
