@@ -61,5 +61,6 @@ std::set<unsigned long> InodesOf(const Stage& stage);
 // Expects each of the files in its one place, and a check that finds nothing.
 void ExpectHealthy(const Stage& stage, const std::set<unsigned long>& inodes);
 // Expects every recording that was `expected` before, or begun by the runs, to be there, unless a line has told
-// where it went, and that only the oldest were recycled.
-void ExpectNothingLost(const Stage& stage, std::set<uint32_t> expected, const std::vector<CrashRun>& runs);
+// where it went, and that only the oldest were recycled (`oldestFirst`).
+void ExpectNothingLost(const Stage& stage, std::set<uint32_t> expected, const std::vector<CrashRun>& runs,
+                       bool oldestFirst = true);
