@@ -179,15 +179,6 @@ TEST_F(Pools, APushReplacesNothing) {
   EXPECT_TRUE(fs::is_symlink(mDisk + "/imf_free/00000004.imf"));
 }
 
-// Patterns are cut at 63 characters: at the bound a directory is listed, one character more matches nothing.
-TEST_F(Pools, ListingPatternIsBounded) {
-  for (const size_t length : {47, 48}) {
-    const std::string disk = mRoot.Path() + "/" + std::string(length - mRoot.Path().size() - 1, 'x');
-    MakeTestFile(disk + "/imf_free/00000000.imf");
-    EXPECT_EQ(length == 47 ? 1 : 0, FmgrFreeRepository(disk).GetFileCount());
-  }
-}
-
 // A listing that breaks off must not pass for an empty or a short one: recordings would be recycled for want of
 // free files.
 TEST_F(Pools, AListingThatBreaksOffHasFailed) {
