@@ -167,6 +167,95 @@ TEST_F(RecorderTest, StopsAndComesBack) {
   ExpectSound();
 }
 
+struct SoundCase {
+  const char* input;  // ending
+  const char* options;
+  const char* output;   // ending
+  const char* leftOut;  // what the export says of sound that does not fit; nullptr: it is there
+  bool isSame = true;   // packets are as they were
+};
+
+// Sound that is lost, doubled or shifted against its pictures: where segments meet, behind a hole in it, by a
+// file whose sound is stored elsewhere than its pictures, by headers that a container does not want.
+TEST_F(RecorderTest, SoundStaysWithItsPictures) {
+  const SoundCase rows[] = {
+      {"mp4", "-c:a aac", "mp4", nullptr},
+      {"mp4", "-c:a aac -frag_duration 700000", "mkv", nullptr},
+      {"ts", "-c:a aac", "mp4", nullptr, false},
+      {"mkv", "-c:a libopus -af aselect='not(between(t\\,5\\,7))'", "mp4", nullptr},
+      {"mkv", "-c:a pcm_mulaw -ar 8000", "mp4", "'pcm_mulaw' cannot be put into an MP4 file; .mov can hold it"},
+      {"mkv", "-c:a pcm_mulaw -ar 8000", "mov", nullptr, false},
+  };
+  Prepare("a", 9);
+  int64_t start = 1717199980;
+  for (const SoundCase& row : rows) {
+    SCOPED_TRACE(std::string(row.input) + " " + row.options + " " + row.output);
+    const std::string input = mRoot.Path() + "/in." + row.input, clip = mRoot.Path() + "/clip." + row.output;
+    ASSERT_EQ(
+        mProgram.Shell("ffmpeg -v error -y -f lavfi -i testsrc2=s=320x240:r=25 -f lavfi -i sine=r=48000 -t 12 "
+                       "-c:v libx264 -preset ultrafast -bf 2 -g 25 -b:v 200k " +
+                       std::string(row.options) + " " + input),
+        0)
+        << mProgram.err;
+    ASSERT_EQ(Run("record --segment 3 --clock stream --start " + std::to_string(start) + " --input " + input),
+              0);
+    ASSERT_EQ(Run(Text("export --force --since %ld.3 --until %ld -o ", start + 2, start + 10) + clip), 0);
+    const bool isLeftOut = row.leftOut != nullptr;
+    EXPECT_EQ(mProgram.err.find(isLeftOut ? row.leftOut : "not in the clip") != std::string::npos, isLeftOut)
+        << mProgram.err;
+    EXPECT_EQ(mProgram.PicturesOf(clip).size(), 8u * 25);
+    double first[2] = {1e9, 1e9};
+    double shift = 0;
+    for (const char* kind : {"v", "a"}) {
+      std::map<std::string, double> source;
+      for (const Picture& packet : mProgram.PicturesOf(input, kind)) source[packet.hash] = packet.time;
+      const std::vector<Picture> packets = mProgram.PicturesOf(clip, kind);
+      EXPECT_EQ(packets.empty(), isLeftOut && *kind == 'a');
+      for (const Picture& packet : packets) {
+        first[*kind == 'a'] = std::min(first[*kind == 'a'], packet.time);
+        if (*kind == 'v') shift = source[packet.hash] - packet.time;
+        if (!row.isSame || *kind == 'v') continue;
+        ASSERT_NEAR(source.at(packet.hash) - packet.time, shift, 0.002);
+      }
+    }
+    EXPECT_TRUE(isLeftOut || std::abs(first[0] - first[1]) < 0.024) << first[0] << " " << first[1];
+    start += 100;
+  }
+  ASSERT_EQ(Run("record --no-audio --clock stream --start " + std::to_string(start) + " --input " +
+                mRoot.Path() + "/in.mp4"),
+            0);
+  EXPECT_NE(mProgram.out.find(" 300 packets"), std::string::npos) << mProgram.out;
+}
+
+// A header that does not fit what comes later; standard output that holds anything else than the clip.
+TEST_F(RecorderTest, NewParametersBeginANewPart) {
+  Prepare("a", 9);
+  const std::string in = mRoot.Path() + "/in.ts", clip = mRoot.Path() + "/x.mp4";
+  std::string make;
+  for (const char* size : {"320x240", "640x480"}) {
+    make += Text(
+        "ffmpeg -v error -f lavfi -i testsrc2=s=%s:r=25 -t 4 -c:v libx264 -preset ultrafast -g 25 -f mpegts - "
+        ">>%s; ",
+        size, in.c_str());
+  }
+  ASSERT_EQ(mProgram.Shell(make + "true"), 0);
+  ASSERT_EQ(Run("record --segment 3 --clock stream --start 1717199980 --input " + in), 0);
+  const std::string range = " --since 1717199980 --until 1717199988 -o ";
+  ASSERT_EQ(Run("export" + range + clip), 0) << mProgram.err;
+  EXPECT_NE(mProgram.out.find("/x-2.mp4: channel 0"), std::string::npos) << mProgram.out;
+  const std::string probe =
+      "ffprobe -v error -count_packets -show_entries stream=width,nb_read_packets -of csv=p=0 ";
+  EXPECT_EQ(mProgram.Shell(probe + clip + "; " + probe + mRoot.Path() + "/x-2.mp4"), 0);
+  EXPECT_EQ(mProgram.out, "320,100\n640,100\n");
+  for (const char* format : {"mp4", "mkv"}) {
+    const std::string piped = mRoot.Path() + "/piped";
+    EXPECT_EQ(Run("export --format " + std::string(format) + range + "- | cat >" + piped), 0);
+    EXPECT_NE(mProgram.err.find("parameters of pictures or sound change"), std::string::npos) << mProgram.err;
+    EXPECT_EQ(mProgram.Shell(probe + piped), 0);
+    EXPECT_EQ(mProgram.out, "320,100\n");
+  }
+}
+
 // The last file of a directory takes the directory with it, and whatever somebody has put there.
 TEST_F(RecorderTest, SavesWhatOthersLeft) {
   Prepare("a", 3);

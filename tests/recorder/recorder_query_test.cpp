@@ -278,7 +278,7 @@ class ChangingRecordings : public testing::Test {
     const Recordings recordings(disks);
     Clip clip(disks, recordings, 0, {kStart * kMicros, (kStart + 10) * kMicros});
     const std::string path = mRoot.Path() + "/clip.mp4";
-    mResult = clip.Write(path, [&](double) {
+    mResult = clip.Write({path, ClipFormat::kMp4}, [&](double) {
       if (clip.Writer().Packets() == when) change();
       return true;
     });

@@ -51,10 +51,11 @@ class RecorderProgram {
         "ffmpeg -v error -f lavfi -i testsrc2=size=320x240:rate=25 -t 40 -c:v libx264 -preset veryfast -bf 2";
     ASSERT_EQ(Shell(command + " -b:v " + rate + " -g " + std::to_string(group) + " " + path), 0) << err;
   }
-  // Of a video file, in the order in which they are decoded, as a program that is not ours sees them.
-  std::vector<Picture> PicturesOf(const std::string& path) {
+  // Of a video file, in the order in which they are decoded, as a program that is not ours sees them; or, as
+  // "a", packets of sound.
+  std::vector<Picture> PicturesOf(const std::string& path, const std::string& kind = "v") {
     const std::string probe =
-        "ffprobe -v error -select_streams v -show_packets -show_data_hash crc32 -of json ";
+        "ffprobe -v error -select_streams " + kind + " -show_packets -show_data_hash crc32 -of json ";
     EXPECT_EQ(Shell(probe + path), 0) << err;
     std::vector<Picture> pictures;
     const auto probed = nlohmann::json::parse(out);

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <tuple>
 
+#include "apps/recorder/base/ParameterSets.h"
 #include "apps/recorder/base/Units.h"
 
 extern "C" {
@@ -97,6 +98,9 @@ ImfStreamInfo DescribeSound(const AVStream& stream, int channel, int number) {
   info.initialPadding = parameters.initial_padding;
   return info;
 }
+
+// As H.264 and H.265 have them where no container says how long they are.
+bool HasStartCodes(const std::vector<uint8_t>& sets) { return sets.size() > 3 && sets[0] == 0 && sets[1] == 0; }
 
 bool IsIntraOnly(const AVStream& stream) {
   const AVCodecDescriptor* codec = avcodec_descriptor_get(stream.codecpar->codec_id);
@@ -365,6 +369,21 @@ void Input::UpdateStream(bool keyFrame) {
     info.extraData = mStream->extraData;
   }
   if (!mStream) mFirstExtraData = info.extraData;
+  // A container that is a stream says nothing any more when the coder is set up anew; its key frames do.
+  const AVCodecParameters& parameters = *mContext->streams[mIndex]->codecpar;
+  const auto length = static_cast<size_t>(mPacket->size);
+  if (keyFrame && extraData == nullptr && HasStartCodes(info.extraData)) {
+    std::vector<uint8_t> sets = ParameterSetsIn(parameters, mPacket->data, length);
+    if (!sets.empty()) info.extraData = std::move(sets);
+  }
+  if (info.extraData != mFirstExtraData) {
+    if (mStream && info.extraData == mStream->extraData) {
+      info.width = mStream->width;
+      info.height = mStream->height;
+    } else {
+      PictureSize(parameters, info.extraData, mPacket->data, length, &info.width, &info.height);
+    }
+  }
   if (!mStream || !SameStream(*mStream, info)) mStream = std::make_shared<const ImfStreamInfo>(std::move(info));
 }
 

@@ -45,6 +45,7 @@ void ChannelReader::Start(const std::string& path, Place full, int64_t since) {
   mSince = since;
   mIsOpen = false;
   mStreamKnown = false;
+  mSounds.clear();
   mLast = Times();
   mHeld = false;
   mDamaged = 0;
@@ -61,6 +62,7 @@ ChannelReader::Item ChannelReader::Next() {
     if (!mIsOpen && !OpenFile()) {
       NextFile();
     } else if (ReadPacket()) {
+      if (mReader->Packet().kind == ImfKind::kAudio) return Item::kSound;
       if (!IsBroken()) return Item::kPacket;
       mHeld = true;
       return Break();
@@ -72,12 +74,15 @@ ChannelReader::Item ChannelReader::Next() {
 bool ChannelReader::ReadPacket() {
   switch (mReader->Next()) {
     case ImfReader::Item::kStream:
-      if (mReader->Stream().kind != ImfKind::kVideo) return false;
+      if (mReader->Stream().kind != ImfKind::kVideo) {
+        mSounds[mReader->Stream().number] = mReader->Stream();
+        return false;
+      }
       mStream = mReader->Stream();
       mStreamKnown = true;
       return false;
     case ImfReader::Item::kPacket:
-      return mReader->Packet().kind == ImfKind::kVideo && TakePacket();
+      return mReader->Packet().kind == ImfKind::kVideo ? TakePacket() : TakeSound();
     case ImfReader::Item::kDamage:
       mDamaged += mReader->DamagedBytes();
       mDamagedPath = mPath;
@@ -114,6 +119,7 @@ bool ChannelReader::TakePacket() {
     Note("a picture in " + mPath + " has a time that can't be");
     return false;
   }
+  next.shift = packet.time - pts;
   next.decodeTime = packet.time - (pts - next.dts);
   next.duration = av_rescale_q(packet.duration, timeBase, micros);
   if (next.duration < 0 || next.duration > kLongestPicture) next.duration = 0;
@@ -128,6 +134,11 @@ bool ChannelReader::TakePacket() {
   }
   mLast = next;
   return true;
+}
+
+bool ChannelReader::TakeSound() const {
+  const ImfPacket& packet = mReader->Packet();
+  return mLast.valid && mSounds.count(packet.number) != 0 && CanBe(packet.time);
 }
 
 // Whether the packet follows the one before without anything missing.

@@ -1,8 +1,9 @@
-// Reads the pictures of one channel from record file to record file, over all disks, also while they are being
-// recorded, and tells where pictures are missing.
+// Reads the pictures and the sound of one channel from record file to record file, over all disks, also while
+// they are being recorded, and tells where pictures are missing.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -14,9 +15,10 @@ namespace recorder {
 class ChannelReader {
  public:
   enum class Item {
-    kPacket,
-    kBreak,  // pictures are missing between the packet before and the next; Reason() says why
-    kEnd,    // nothing more is recorded before the limit
+    kPacket,  // of pictures
+    kSound,   // a packet of it; breaks are between pictures only
+    kBreak,   // pictures are missing between the packet before and the next; Reason() says why
+    kEnd,     // nothing more is recorded before the limit
   };
   // A packet's place, good as long as its record file holds the same recording.
   struct Place {
@@ -36,11 +38,16 @@ class ChannelReader {
   Item Next();
 
   const ImfPacket& Packet() const { return mReader->Packet(); }
-  const ImfStreamInfo& Stream() const { return mStream; }
+  const ImfStreamInfo& Stream() const { return mStream; }  // of the pictures
+  // Of the sound as far as it is known, by number.
+  const std::map<int, ImfStreamInfo>& Sounds() const { return mSounds; }
+  // When the sound is heard, microseconds by the clock of the pictures' stamps.
+  int64_t SoundTime() const { return mReader->Packet().time - mLast.shift; }
   // Microseconds since the epoch: when the packet is decoded, which never falls in a recording; when its
   // picture is over.
   int64_t DecodeTime() const { return mLast.decodeTime; }
   int64_t EndTime() const { return mLast.endTime; }
+  const std::string& Path() const { return mPath; }
   Place Where() const { return {mFileStart, mReader->Offset()}; }
   const std::string& Reason() const { return mReported; }
 
@@ -52,11 +59,13 @@ class ChannelReader {
     int64_t decodeTime = 0;  // since the epoch
     int64_t endTime = 0;     // since the epoch
     int64_t duration = 0;
+    int64_t shift = 0;  // since the epoch minus by the stream's own clock
   };
 
   bool OpenFile();
   bool ReadPacket();
   bool TakePacket();
+  bool TakeSound() const;
   bool Joins(const Times& next) const;
   void NoteLostEnd();
   void NextFile();
@@ -76,6 +85,7 @@ class ChannelReader {
   int64_t mFileStart = 0;
   bool mStreamKnown = false;
   ImfStreamInfo mStream;
+  std::map<int, ImfStreamInfo> mSounds;
   Times mLast;
 
   bool mHeld = false;        // a packet is to be delivered after the break before it

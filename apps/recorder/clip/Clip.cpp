@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <tuple>
+#include <utility>
 
 #include "apps/recorder/base/Units.h"
 
@@ -12,11 +13,12 @@ namespace {
 
 constexpr ChannelReader::Place kHeadersOnly = {std::numeric_limits<int64_t>::max(), 0};
 constexpr int64_t kReordering = 5 * kMicros;  // the most that lies between a picture's decoding and its display
+constexpr int64_t kSoundReach = 1 * kMicros;  // the most by which sound is stored beside its pictures
 constexpr int64_t kShortTail = kMicros / 10;  // what a last picture without a known length may leave open
 
 bool SameCoding(const ImfStreamInfo& a, const ImfStreamInfo& b) {
-  return std::tie(a.codecName, a.width, a.height, a.extraData) ==
-         std::tie(b.codecName, b.width, b.height, b.extraData);
+  return std::tie(a.codecName, a.width, a.height, a.sampleRate, a.audioChannels, a.extraData) ==
+         std::tie(b.codecName, b.width, b.height, b.sampleRate, b.audioChannels, b.extraData);
 }
 
 bool IsBefore(const ChannelReader::Place& a, const ChannelReader::Place& b) {
@@ -41,31 +43,42 @@ bool Clip::FindBegin(Begin* begin) const {
     ChannelReader reader(mDisks, mChannel, mRange.until);
     reader.Start(first->path, kHeadersOnly, mRange.since);
     ChannelReader::Place key;
+    std::deque<std::pair<int64_t, ChannelReader::Place>> sounds;  // that may belong to the next key frame
+    ChannelReader::Place full;
     bool reached = false;
     bool broken = false;
     for (ChannelReader::Item item = reader.Next(); item != ChannelReader::Item::kEnd; item = reader.Next()) {
+      if (item == ChannelReader::Item::kSound) {
+        sounds.emplace_back(reader.Packet().time, reader.Where());
+        continue;
+      }
       if (item == ChannelReader::Item::kBreak) {
         broken = true;
         key = {};
+        sounds.clear();
         continue;
       }
       reached = reached || reader.EndTime() > mRange.since;
       if (reader.DecodeTime() > mRange.since) break;
-      if (reader.Packet().keyFrame && reader.Packet().time <= mRange.since) key = reader.Where();
+      if (!reader.Packet().keyFrame || reader.Packet().time > mRange.since) continue;
+      key = reader.Where();
+      while (!sounds.empty() && sounds.front().first < reader.Packet().time) sounds.pop_front();
+      full = sounds.empty() ? key : sounds.front().second;
     }
     if (!reached) return false;
-    if (key.offset > 0) *begin = {first->path, key};
+    if (key.offset > 0) *begin = {first->path, key, full};
     if (key.offset > 0 || broken) return true;
   }
   return true;
 }
 
-Clip::Result Clip::Write(const std::string& path, const Progress& progress) {
-  mPath = path;
+Clip::Result Clip::Write(const ClipWriter::Target& target, const Progress& progress, const NextPath& next) {
+  mTarget = target;
+  mNext = next;
   Begin begin;
   if (!FindBegin(&begin)) return Result::kNothing;
   ChannelReader reader(mDisks, mChannel, mRange.until + kReordering);
-  reader.Start(begin.path, begin.place, mRange.since);
+  reader.Start(begin.path, begin.full, mRange.since);
   for (;;) {
     switch (reader.Next()) {
       case ChannelReader::Item::kBreak:
@@ -73,9 +86,16 @@ Clip::Result Clip::Write(const std::string& path, const Progress& progress) {
         break;
       case ChannelReader::Item::kEnd:
         return Finish(true);
+      case ChannelReader::Item::kSound:
+        TakeSound(reader);
+        break;
       case ChannelReader::Item::kPacket:
         NotePicture(reader);
-        if (reader.DecodeTime() >= End() || !TakePacket(reader, begin)) return Finish(false);
+        if (reader.DecodeTime() >= End()) {
+          TakeLastSound(&reader);
+          return Finish(false);
+        }
+        if (!TakePacket(reader, begin)) return Finish(false);
         const int64_t from = mFrom != 0 ? mFrom : mRange.since;
         const double done = static_cast<double>(reader.DecodeTime() - from);
         if (!progress(std::clamp(done / static_cast<double>(mRange.until - from), 0.0, 1.0))) {
@@ -95,9 +115,11 @@ bool Clip::TakePacket(const ChannelReader& reader, const Begin& begin) {
     // Without a place to begin at, only what lies in the range.
     if (mFrom == 0 && begin.place.offset == 0 && packet.time < mRange.since) return true;
     if (!BeginSection(reader)) return false;
-  } else if (packet.keyFrame && !SameCoding(reader.Stream(), mStream)) {
-    EndSection("the pictures' parameters change, which one clip can't hold");
-    return false;
+  } else if (packet.keyFrame && !IsSame(reader)) {
+    mHeld.clear();
+    if (packet.time >= End()) return false;
+    mRunning = false;
+    if (!BeginSection(reader)) return false;
   }
   // Pictures that are shown before the first key frame need the ones before it.
   if (packet.time < mSectionTime) return true;
@@ -109,31 +131,148 @@ bool Clip::TakePacket(const ChannelReader& reader, const Begin& begin) {
 
 bool Clip::BeginSection(const ChannelReader& reader) {
   const ImfPacket& key = reader.Packet();
-  if (!mWriter.IsOpen()) {
-    mStream = reader.Stream();
-    if (!mWriter.Open(mPath, mStream, key)) {
-      mError = mWriter.Error();
-      return false;
-    }
+  if (mFrom == 0) {
+    if (!OpenPart(reader)) return false;
     mFrom = key.time;
     if (key.time > mRange.since) {
       const std::string why = mSkipped ? "no key frame is recorded before" : "nothing is recorded";
       mMissing.push_back({mRange.since, key.time, mBreak.empty() ? why : mBreak});
     }
   } else {
-    mMissing.back().to = key.time;
-    if (!SameCoding(reader.Stream(), mStream)) {
-      mMissing.back().to = mRange.until;
-      mMissing.back().reason +=
-          "; from " + FormatExactTime(key.time) + " on the pictures have other parameters";
-      return false;
-    }
+    if (mIsBroken) mMissing.back().to = std::max(key.time, mMissing.back().from);
+    if (!IsSame(reader) && !OpenPart(reader)) return false;
   }
+  mIsBroken = false;
   mWriter.BeginSection(reader.Stream(), key);
   mSectionTime = key.time;
   mRunning = true;
+  WriteSound();
   return true;
 }
+
+// The parameters that the present part was begun with still hold. Sound may be missing meanwhile.
+bool Clip::IsSame(const ChannelReader& reader) const {
+  if (mIsSoundLate || !SameCoding(reader.Stream(), mStreams.video)) return false;
+  return std::all_of(mStreams.sounds.begin(), mStreams.sounds.end(), [&](const auto& sound) {
+    const auto now = reader.Sounds().find(sound.first);
+    return now == reader.Sounds().end() || SameCoding(now->second, sound.second.info);
+  });
+}
+
+// Begins the first part or the next one, with the reader's key frame.
+bool Clip::OpenPart(const ChannelReader& reader) {
+  mStreams.video = reader.Stream();
+  FindSounds(reader);
+  mIsSoundLate = false;
+  if (!mParts.empty()) {
+    std::string line = "the parameters of pictures or sound change, which one clip can't hold";
+    const std::optional<std::string> path =
+        mNext ? mNext(static_cast<int>(mParts.size()) + 1, &line) : std::nullopt;
+    if (!path && mNext) mError = line;
+    if (!path && !mIsBroken) mMissing.push_back({mTo, mRange.until, line});
+    if (!path && mIsBroken) {
+      mMissing.back().to = mRange.until;
+      mMissing.back().reason += "; then " + line;
+    }
+    if (!path) return false;
+    ClosePart();
+    if (!mError.empty()) return false;
+    mTarget.path = *path;
+  }
+  if (!mWriter.Open(mTarget, mStreams, reader.Packet())) {
+    mError = mWriter.Error();
+    return false;
+  }
+  Part part;
+  part.path = mTarget.path;
+  part.from = part.to = reader.Packet().time;
+  mParts.push_back(part);
+  return true;
+}
+
+void Clip::ClosePart() {
+  Part& part = mParts.back();
+  part.seconds = mWriter.Seconds();
+  part.pictures = mWriter.Packets();
+  part.bytes = mWriter.Bytes();
+  if (!mWriter.Close()) mError = mWriter.Error();
+}
+
+// --- Sound ---
+
+// A file's header names all streams, so a look ahead finds out what sound there is.
+void Clip::FindSounds(const ChannelReader& reader) {
+  mStreams.sounds.clear();
+  for (const Sound& sound : mSound) {
+    const auto info = reader.Sounds().find(sound.packet.number);
+    if (sound.packet.time >= reader.Packet().time && info != reader.Sounds().end()) {
+      mStreams.sounds.emplace(sound.packet.number, ClipStreams::Sound{info->second, sound.packet});
+    }
+  }
+  const int64_t begin = reader.Packet().time;
+  ChannelReader ahead(mDisks, mChannel, begin + kSoundReach);
+  ahead.Start(reader.Path(), reader.Where(), begin);
+  for (;;) {
+    const ChannelReader::Item item = ahead.Next();
+    if (item == ChannelReader::Item::kEnd || (item == ChannelReader::Item::kBreak && !mStreams.sounds.empty()))
+      return;
+    if (item == ChannelReader::Item::kPacket && ahead.DecodeTime() > begin + kSoundReach) return;
+    if (item != ChannelReader::Item::kSound || ahead.Packet().time < begin || ahead.Packet().data.empty())
+      continue;
+    const int number = ahead.Packet().number;
+    mStreams.sounds.emplace(number, ClipStreams::Sound{ahead.Sounds().at(number), ahead.Packet()});
+  }
+}
+
+std::vector<std::string> Clip::LeftOut() const {
+  std::vector<std::string> lines = mWriter.LeftOut();
+  if (!mNext && !mLateSounds.empty())
+    lines.emplace_back("sound that begins later than the clip cannot be added to it");
+  return lines;
+}
+
+void Clip::TakeSound(const ChannelReader& reader) {
+  const ImfPacket& packet = reader.Packet();
+  if (packet.data.empty()) return;  // before what is needed
+  while (!mSound.empty() && mSound.front().packet.time < packet.time - 2 * kSoundReach) mSound.pop_front();
+  mSound.push_back({packet, reader.SoundTime()});
+  if (!mRunning) return;
+  const bool isHeard = packet.time >= mSectionTime && packet.time < mTo;
+  if (isHeard && mStreams.sounds.count(packet.number) == 0 && mLateSounds.insert(packet.number).second) {
+    mIsSoundLate = mNext != nullptr;
+  }
+  WriteSound();
+}
+
+// What is heard with the pictures that were written.
+void Clip::WriteSound() {
+  std::deque<Sound> later;
+  for (Sound& sound : mSound) {
+    if (sound.packet.time >= mTo) {
+      later.push_back(std::move(sound));
+    } else if (mError.empty() && !mWriter.WriteSound(sound.packet, sound.streamTime)) {
+      mError = mWriter.Error();
+    }
+  }
+  mSound.swap(later);
+}
+
+// Sound may be stored behind pictures that are shown after it.
+void Clip::TakeLastSound(ChannelReader* reader) {
+  if (!mRunning || mStreams.sounds.empty()) return;
+  const int64_t limit = mTo + kSoundReach;
+  for (;;) {
+    const ChannelReader::Item item = reader->Next();
+    if (item == ChannelReader::Item::kSound) {
+      TakeSound(*reader);
+      if (mStreams.sounds.size() == 1 && reader->Packet().time >= mTo) return;
+    } else if (item != ChannelReader::Item::kPacket || reader->DecodeTime() > limit) {
+      return;
+    }
+  }
+}
+
+// --- Pictures ---
 
 bool Clip::WriteHeld() {
   for (const Picture& picture : mHeld) {
@@ -145,16 +284,20 @@ bool Clip::WriteHeld() {
     mTo = std::max(mTo, picture.endTime);
   }
   mHeld.clear();
-  return true;
+  mParts.back().to = std::max(mParts.back().to, mTo);
+  WriteSound();
+  return mError.empty();
 }
 
 void Clip::EndSection(const std::string& reason) {
   mHeld.clear();
   if (mRunning) {
     mMissing.push_back({mTo, mRange.until, reason});
+    mIsBroken = true;
   } else if (mFrom == 0) {
     mBreak = reason;
   }
+  mSound.clear();
   mRunning = false;
 }
 
@@ -195,9 +338,8 @@ Clip::Result Clip::Finish(bool atEnd) {
   }
   if (!mMissing.empty() && mRange.until - mMissing.back().from <= kShortTail) mMissing.pop_back();
   NoteGaps();
-  if (mWriter.Close()) return Result::kDone;
-  mError = mWriter.Error();
-  return Result::kFailed;
+  ClosePart();
+  return mError.empty() ? Result::kDone : Result::kFailed;
 }
 
 }  // namespace recorder

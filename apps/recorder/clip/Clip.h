@@ -1,9 +1,12 @@
-// A span of time of one channel, put together from the record files that hold it.
+// A span of time of one channel, its pictures and its sound, put together from the record files that hold it.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,6 +26,15 @@ class Clip {
     int64_t to = 0;
     std::string reason;
   };
+  // One file of the clip: it is in several where the coding changes.
+  struct Part {
+    std::string path;
+    int64_t from = 0;  // of the first picture, microseconds since the epoch
+    int64_t to = 0;    // the end of the last
+    double seconds = 0;
+    int64_t pictures = 0;
+    uint64_t bytes = 0;
+  };
   enum class Result {
     kDone,
     kNothing,  // nothing of the range is recorded; what is in the file is of no use
@@ -34,13 +46,18 @@ class Clip {
 
   Clip(const Disks& disks, const Recordings& recordings, int channel, Range range);
 
-  // Writes the clip to the file at `path`. It begins with the last key frame at or before the range, and ends
-  // with the last picture that is needed to show the range.
-  Result Write(const std::string& path, const Progress& progress);
+  // Where part `number` (2, 3, ...) is to be written. Nothing: nowhere, and the line says why.
+  using NextPath = std::function<std::optional<std::string>(int number, std::string* line)>;
 
-  int64_t From() const { return mFrom; }  // of the first picture, microseconds since the epoch
-  int64_t To() const { return mTo; }      // the end of the last
+  // Writes the clip. It begins with the last key frame at or before the range, and ends with the last picture
+  // that is needed to show the range. Pictures or sound with other parameters begin another part; without
+  // `next` the clip ends there.
+  Result Write(const ClipWriter::Target& target, const Progress& progress, const NextPath& next = nullptr);
+
+  const std::vector<Part>& Parts() const { return mParts; }
   const std::vector<Missing>& AllMissing() const { return mMissing; }
+  // A line for each sound that is not in the clip.
+  std::vector<std::string> LeftOut() const;
   const ClipWriter& Writer() const { return mWriter; }
   const std::string& Error() const { return mError; }
 
@@ -48,6 +65,7 @@ class Clip {
   struct Begin {
     std::string path;
     ChannelReader::Place place;  // of the key frame; without one, the first key frame in the range will do
+    ChannelReader::Place full;   // from where on data are needed: sound may be stored before its pictures
   };
   struct Picture {
     ImfPacket packet;
@@ -55,10 +73,22 @@ class Clip {
     int64_t endTime;
   };
 
+  struct Sound {
+    ImfPacket packet;
+    int64_t streamTime;
+  };
+
   int64_t End() const { return std::max(mRange.until, mLastShown); }
   bool FindBegin(Begin* begin) const;
   bool TakePacket(const ChannelReader& reader, const Begin& begin);
   bool BeginSection(const ChannelReader& reader);
+  bool OpenPart(const ChannelReader& reader);
+  void ClosePart();
+  bool IsSame(const ChannelReader& reader) const;
+  void FindSounds(const ChannelReader& reader);
+  void TakeSound(const ChannelReader& reader);
+  void WriteSound();
+  void TakeLastSound(ChannelReader* reader);
   bool WriteHeld();
   void EndSection(const std::string& reason);
   Result Finish(bool atEnd);
@@ -69,12 +99,18 @@ class Clip {
   const Recordings& mRecordings;
   const int mChannel;
   const Range mRange;
-  std::string mPath;
+  ClipWriter::Target mTarget;
+  NextPath mNext;
   ClipWriter mWriter;
-  ImfStreamInfo mStream;
+  std::vector<Part> mParts;
+  ClipStreams mStreams;        // of the present part
+  std::set<int> mLateSounds;   // that began behind their part's beginning, by number
+  bool mIsSoundLate = false;   // one of them has to begin a part yet
+  std::deque<Sound> mSound;    // read, but perhaps not needed
   bool mRunning = false;       // a section is under way
   int64_t mSectionTime = 0;    // of its key frame
   std::vector<Picture> mHeld;  // read, but perhaps not needed
+  bool mIsBroken = false;      // the last of mMissing ends with the next section
   std::string mBreak;          // why nothing is written at the moment
   bool mSkipped = false;       // pictures of the range lie before the first key frame
   int64_t mFrom = 0;
