@@ -154,6 +154,12 @@ TEST_F(SearchDbTest, LockedOrReadOnlyIsAFailureAndNoLoss) {
   EXPECT_TRUE(IsMarked()) << "a change that could not be made: the next start rebuilds";
   sqlite3_close(holder);
 
+  SearchDb db(mDirectory, SEARCH_DB_WRITE);
+  EXPECT_TRUE(db.Add({100, 199, 1}));
+  Write("search.fdb-journal", "");
+  EXPECT_FALSE(db.Remove(100)) << "a journal that came meanwhile may be a stranger's";
+  EXPECT_TRUE(fs::remove(mPath + "-journal"));
+
   fs::permissions(mPath, fs::perms::owner_read | fs::perms::others_read);
   if (geteuid() == 0) {
     fs::permissions(mRoot.Path(), fs::perms::owner_all | fs::perms::others_exec);
