@@ -137,6 +137,13 @@ bool FailCall(pid_t pid, int error) {
 #endif
 }
 
+// "a" of "/disk/a/imf_free"; empty outside the disks.
+std::string DiskOf(const std::string& path) {
+  const std::string disks = "/disk/";
+  if (path.compare(0, disks.size(), disks) != 0) return "";
+  return path.substr(disks.size(), path.find('/', disks.size()) - disks.size());
+}
+
 class Tracer {
  public:
   Tracer(const CrashPlan& plan, CrashRun* run)
@@ -197,8 +204,9 @@ class Tracer {
     if (mPlan.countAll) mRun->calls.push_back(what);
     const size_t count = mRun->calls.size();
     const bool isDue = mPlan.failAt != 0 && count >= mPlan.failAt && mFailed < mPlan.failCalls;
+    if (count == mPlan.failAt) mSick = DiskOf(path.substr(mRoot.size()));
     const bool isMeant =
-        count == mPlan.failAt || path.compare(mRoot.size(), mPlan.failBelow.size(), mPlan.failBelow) == 0;
+        count == mPlan.failAt || (!mSick.empty() && DiskOf(path.substr(mRoot.size())) == mSick);
     if (isDue && isMeant) {
       ++mFailed;
       FailCall(pid, mPlan.error);
@@ -221,6 +229,7 @@ class Tracer {
   std::set<pid_t> mAlive;
   size_t mPackets = 0;
   size_t mFailed = 0;
+  std::string mSick;  // disk whose calls fail
 };
 
 std::string ReadAll(FILE* file) {

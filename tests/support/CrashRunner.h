@@ -14,9 +14,8 @@ struct CrashPlan {
 
   // Calls that read count here as well as those that change something; a call that is made to fail is not made.
   bool countAll = false;
-  size_t failAt = 0;           // 1: the first call gets `error`; 0: none
-  size_t failCalls = 1;        // how many from there on; those behind the first only below `failBelow`
-  std::string failBelow = {};  // a path relative to the root, as "/disk/a"
+  size_t failAt = 0;     // 1: the first call gets `error`; 0: none
+  size_t failCalls = 1;  // how many from there on; those behind the first only on the same disk
   int error = EIO;
   unsigned seconds = 120;  // the program is killed after this time
 };
