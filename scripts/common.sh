@@ -7,7 +7,7 @@ JOBS=$(nproc 2>/dev/null || echo 2)
 # What a build of everything needs, and what the demo and the tests run.
 BUILD_PACKAGES=(build-essential cmake ninja-build pkg-config
   libavformat-dev libavcodec-dev libavutil-dev libcli11-dev nlohmann-json3-dev libcairo2-dev
-  libsqlite3-dev libdeflate-dev)
+  libsqlite3-dev libsystemd-dev libdeflate-dev)
 DEMO_PACKAGES=(ffmpeg jq)
 TEST_PACKAGES=(libgtest-dev ffmpeg sqlite3 e2fsprogs shellcheck
   python3-gi gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base gstreamer1.0-plugins-good

@@ -6,18 +6,23 @@
 
 #include "apps/recorder/base/Lines.h"
 #include "apps/recorder/commands/Command.h"
+#include "apps/recorder/commands/ConfigFile.h"
 
 int main(int argc, char** argv) {
   std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);  // a line is seen when it happens, in a log file too
 
   CLI::App app{"A loop recorder for cameras and video files", "recorder"};
   recorder::Context context;
-  app.add_option("--root", context.root, "Directory that holds disk/NAME for every disk")->required();
+  app.add_option("--root", context.root, "Directory that holds disk/NAME for every disk");
+  app.add_option("--config", context.config,
+                 "File of settings, the options of record (default /etc/recorder.conf, when it is there)")
+      ->configurable(false);
   app.set_version_flag("--version", std::string("recorder ") + RECORDER_VERSION);
   app.require_subcommand(1);
   app.fallthrough();  // --root may also stand behind the command
   recorder::AddPrepareCommand(app, context);
   recorder::AddRecordCommand(app, context);
+  recorder::AddConfigCommand(app, context);
   recorder::AddStatusCommand(app, context);
   recorder::AddCheckCommand(app, context);
   recorder::AddListCommand(app, context);
@@ -39,5 +44,18 @@ int main(int argc, char** argv) {
     recorder::Complain("%s (recorder --help shows the options)", what.c_str());
     return recorder::kRefused;
   }
-  return context.run();
+  context.problems = recorder::ApplyConfig(app, context);
+  if (!context.looksAtConfig) {
+    for (const std::string& problem : context.problems) recorder::Complain("%s", problem.c_str());
+    if (!context.problems.empty()) return recorder::kRefused;
+    if (context.root.empty()) {
+      recorder::Complain("--root is required (recorder --help shows the options)");
+      return recorder::kRefused;
+    }
+  }
+  const int status = context.run();
+  // A list that is cut short because the disk that it goes to is full must not look complete.
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
+  recorder::Complain("cannot write all of the output");
+  return recorder::kRefused;
 }

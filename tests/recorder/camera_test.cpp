@@ -159,8 +159,8 @@ class CameraTest : public testing::Test {
     const std::string path = mDirectory + "/clip" + std::to_string(channel) + ".mp4";
     EXPECT_EQ(mProgram.Run(mRoot.Path(), "export --since now-1h --until now --force --channel " +
                                              std::to_string(channel) + " -o " + path),
-              0)
-        << mProgram.err;
+              1)
+        << "most of an hour is missing: " << mProgram.err;
     return path;
   }
   // A checksum of each decoded picture, in the order in which they are shown.

@@ -64,9 +64,11 @@ class RecorderTest : public testing::Test {
   // Per disk, status agrees with the directories, and no file was made or lost.
   void ExpectSound(bool writing = false) {
     ASSERT_EQ(Run("status --json"), 0) << mProgram.err;
-    EXPECT_EQ(mProgram.JsonLines().size(), mInodes.size());
+    std::vector<nlohmann::json> lines = mProgram.JsonLines();
+    if (!lines.empty() && lines.back().contains("recorder")) lines.pop_back();
+    EXPECT_EQ(lines.size(), mInodes.size());
     int writers = 0;
-    for (const auto& status : mProgram.JsonLines()) {
+    for (const auto& status : lines) {
       const std::string disk = status["disk"];
       std::map<std::string, int> counts;
       for (const auto& file : PlacesOf(DiskPath(disk))) counts[file.second.begin()->substr(0, 5)]++;

@@ -62,11 +62,13 @@ class RecorderQuery : public testing::Test {
   // The report of an export that has to work.
   static Json Export(const std::string& clip, double since, double until, int channel,
                      const std::string& root = sRoot->Path()) {
-    EXPECT_EQ(
+    const int status =
         Run("export --json --force -o " + clip + Since(since, until) + "--channel " + std::to_string(channel),
-            root),
-        0);
-    return sProgram->JsonLines().at(0);
+            root);
+    const Json report = sProgram->JsonLines().at(0);
+    EXPECT_EQ(status, sProgram->JsonLines().back()["missingShare"] > 0.5 ? 1 : 0)
+        << "most of the range is missing";
+    return report;
   }
   // Names of the completed recordings on the disks, which ascend with time.
   static std::set<std::string> AllNames() {
@@ -132,6 +134,16 @@ TEST_F(RecorderQuery, ExportsExactlyTheRange) {
     for (size_t i = 0; i < times.size(); i++) ASSERT_NEAR(times[i], static_cast<double>(i) / kRate, 0.001) << i;
     ExpectDecodable(clip);
   }
+}
+
+// What is of little use must not look like success: neither an almost empty clip nor a list that is cut short.
+TEST_F(RecorderQuery, FailsWhenMostIsMissing) {
+  const std::string clip = sWork + "/most.mp4";
+  EXPECT_EQ(Run("export --force -o " + clip + Since(38, 50)), 1);
+  EXPECT_NE(sProgram->out.find("; 83.3 % of the range is missing\n"), std::string::npos) << sProgram->out;
+  EXPECT_NE(sProgram->err.find("(nothing is recorded)"), std::string::npos) << sProgram->err;
+  EXPECT_EQ(Run("export --force -o " + clip + Since(33, 46)), 0);
+  EXPECT_EQ(Run("list >/dev/full"), 2);
 }
 
 // Where the source has start codes, the MP4 needs lengths: the packets differ, the pictures must not.

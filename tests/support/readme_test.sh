@@ -38,12 +38,12 @@ export PKG_CONFIG_PATH=$scratch/local/lib/pkgconfig LD_LIBRARY_PATH=$scratch/cac
 ldconfig() { ln -sfn "$scratch/local/lib" "$scratch/cache"; }
 g++() { "$compiler" -Wall -Wextra -Werror "${flags[@]}" "$@"; }
 
-# Until pictures of it are on the disk.
+# Until the disk has more pictures than would be missing in a clip of the last ten seconds.
 wait_for_recording() {
   local i
   for ((i = 0; i < 200; i++)); do
     kill -0 "$recording" 2>/dev/null || fail "the recorder has ended"
-    [ -n "$(find "$scratch/srv" -path '*/data_*/*_00000000.imf' 2>/dev/null)" ] && sleep 2.5 && return
+    [ -n "$(find "$scratch/srv" -path '*/data_*/*_00000000.imf' 2>/dev/null)" ] && sleep 8 && return
     sleep 0.1
   done
   fail "nothing was recorded in 20 s"

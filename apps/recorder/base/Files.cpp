@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 
 namespace recorder {
 
@@ -65,6 +66,33 @@ bool SyncDirectory(const std::string& path) {
   close(fd);
   errno = error;
   return done;
+}
+
+std::optional<std::string> ReadSmallFile(const std::string& path, size_t limit) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  struct stat st;
+  std::string text(limit, '\0');
+  ssize_t size = -1;
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) size = pread(fd, text.data(), text.size(), 0);
+  close(fd);
+  if (size < 0) return std::nullopt;
+  text.resize(static_cast<size_t>(size));
+  return text;
+}
+
+bool ReplaceFile(const std::string& path, const std::string& text) {
+  const std::string next = path + ".next";
+  unlink(next.c_str());
+  const int fd = open(next.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  errno = ENOSPC;  // of a short write
+  const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  if (close(fd) == 0 && written && rename(next.c_str(), path.c_str()) == 0) return true;
+  const int error = errno;
+  unlink(next.c_str());
+  errno = error;
+  return false;
 }
 
 }  // namespace recorder

@@ -1,7 +1,9 @@
 // Small file system helpers of the recorder.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +25,13 @@ std::string NameOf(const std::string& path);
 bool RenameToNew(const std::string& from, const std::string& to);
 // The same for names in open directories.
 bool RenameToNew(int fromDirectory, const std::string& from, int toDirectory, const std::string& to);
+// At most `limit` bytes of a regular file, links not followed; nothing for anything else. Opening a fifo does
+// not block.
+std::optional<std::string> ReadSmallFile(const std::string& path, size_t limit);
+// Replaces the file as a whole, by way of PATH.next; not made durable. False: errno tells why, and it says what
+// it said before.
+bool ReplaceFile(const std::string& path, const std::string& text);
+
 // Makes names that were given, taken or moved in a directory durable. False: errno tells why.
 bool SyncDirectory(const std::string& path);
 

@@ -4,11 +4,16 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
+#include <mutex>
 
 namespace recorder {
 
 namespace {
+
+std::mutex gMutex;  // guards what follows
+LastComplaint gLast;
 
 // The character that begins at `text[at]`, and its length. 0 bytes: not valid.
 uint32_t CharacterAt(const std::string& text, size_t at, size_t* length) {
@@ -79,9 +84,26 @@ void Print(const char* format, ...) {
 void Complain(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
+  const std::string text = Printable(Formatted(format, arguments));
+  va_end(arguments);
+  {
+    const std::lock_guard<std::mutex> lock(gMutex);
+    gLast = {text, std::time(nullptr)};
+  }
+  Remark("%s", text.c_str());
+}
+
+void Remark(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
   const std::string text = Formatted(format, arguments);
   va_end(arguments);
   std::fprintf(stderr, "recorder: %s\n", Printable(text).c_str());
+}
+
+LastComplaint GetLastComplaint() {
+  const std::lock_guard<std::mutex> lock(gMutex);
+  return gLast;
 }
 
 }  // namespace recorder

@@ -1,8 +1,9 @@
 // Lines for people, on standard output and standard error. Names come from disks that others have been at,
 // addresses from cameras, errors from other programs: nothing of them may act on a terminal, break a line or
-// turn it around.
+// turn it around. May be used by any number of threads.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace recorder {
@@ -16,5 +17,14 @@ void Print(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // One line on standard error, "recorder: " in front, made printable.
 void Complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// The same of what is no error.
+void Remark(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// What Complain() wrote last, without what is in front; seconds since the epoch, 0 when it has written nothing.
+struct LastComplaint {
+  std::string text;
+  int64_t seconds = 0;
+};
+LastComplaint GetLastComplaint();
 
 }  // namespace recorder

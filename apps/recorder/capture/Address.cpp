@@ -29,7 +29,10 @@ std::string ShownAddress(const std::string& url) {
   const size_t scheme = url.find("://");
   if (scheme == std::string::npos) return url == "-" ? "standard input" : url;
   const size_t host = url.find_first_of("/?#", scheme + 3);
-  const size_t at = url.rfind('@', host);
+  size_t at = url.rfind('@', host);
+  // A password with such a character in it should have been written with % and digits; it is one all the same.
+  const bool hasColon = url.substr(0, host).find(':', scheme + 3) != std::string::npos;
+  if ((at == std::string::npos || at < scheme) && hasColon) at = url.rfind('@');
   std::string shown = url;
   if (at != std::string::npos && at > scheme) shown = url.substr(0, scheme + 3) + "***" + url.substr(at);
   // Cameras take passwords in the query, and some in the path.

@@ -81,6 +81,7 @@ void ChannelHealthBoard::NoteLost(int channel, const std::string& reason, Moment
   if (health.state != ChannelHealth::State::kLost) health.since = now.wall;
   health.state = ChannelHealth::State::kLost;
   health.reason = reason;
+  health.attempts++;
 }
 
 void ChannelHealthBoard::NoteBack(int channel) {

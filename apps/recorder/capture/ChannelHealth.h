@@ -29,6 +29,7 @@ struct ChannelHealth {
   int64_t pictures = 0;  // since the start
   int64_t bytes = 0;
   int reconnects = 0;  // how often it came back
+  int attempts = 0;    // that failed, to connect or to go on
 };
 
 // "recording", "silent" and so on, as messages and files have it.

@@ -9,6 +9,8 @@ StreamClockSource::StreamClockSource(const std::vector<std::string>& urls, int64
     : mStart(start), mChannels(urls.size()), mHealth(ShownAddresses(urls)) {
   for (size_t i = 0; i < urls.size(); i++) {
     Channel& channel = mChannels[i];
+    channel.ended = urls[i].empty();
+    if (channel.ended) continue;
     channel.input = std::make_unique<Input>(urls[i], static_cast<int>(i), timeout, audio);
     if (channel.input->Open()) {
       mOpened++;

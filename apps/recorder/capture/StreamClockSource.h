@@ -13,7 +13,8 @@ namespace recorder {
 
 class StreamClockSource : public Source {
  public:
-  // `start` in microseconds since the epoch, `timeout` and `audio` as Input's.
+  // `start` in microseconds since the epoch, `timeout` and `audio` as Input's; `urls` by channel, empty where
+  // there is no input.
   StreamClockSource(const std::vector<std::string>& urls, int64_t start, int64_t timeout, bool audio);
   void Next(SourceEvent* event) override;
   int Opened() const override { return mOpened; }

@@ -30,11 +30,12 @@ void IgnoreWake(int) {}
 class WallClockSource::Shared : public ChannelCapture::Sink {
  public:
   Shared(const std::vector<std::string>& urls, Options options)
-      : mOptions(options),
-        mMerger(urls.size()),
-        mChannels(urls.size()),
-        mHealth(ShownAddresses(urls)),
-        mRunning(static_cast<int>(urls.size())) {}
+      : mOptions(options), mMerger(urls.size()), mChannels(urls.size()), mHealth(ShownAddresses(urls)) {
+    for (size_t i = 0; i < urls.size(); i++) {
+      mChannels[i].ended = urls[i].empty();
+      mRunning += urls[i].empty() ? 0 : 1;
+    }
+  }
 
   void Opened() override {
     const std::lock_guard<std::mutex> lock(mMutex);
@@ -158,6 +159,10 @@ WallClockSource::WallClockSource(const std::vector<std::string>& urls, Options o
   wake.sa_handler = IgnoreWake;
   sigaction(SIGUSR1, &wake, nullptr);
   for (size_t i = 0; i < urls.size(); i++) {
+    if (urls[i].empty()) {
+      mThreads.emplace_back();
+      continue;
+    }
     mThreads.emplace_back([shared = mShared, url = urls[i], channel = static_cast<int>(i), options] {
       ChannelCapture(url, channel, options.timeout, options.audio, *shared).Run();
     });
@@ -174,6 +179,7 @@ WallClockSource::~WallClockSource() {
     nanosleep(&shortly, nullptr);
   }
   for (size_t i = 0; i < mThreads.size(); i++) {
+    if (!mThreads[i].joinable()) continue;
     if (mShared->HasEnded(i)) {
       mThreads[i].join();
     } else {

@@ -21,6 +21,7 @@ class WallClockSource : public Source {
     uint32_t trustedCameras = 0;  // bit n: what channel n says of the time of day is believed
   };
 
+  // By channel; empty where there is no input.
   WallClockSource(const std::vector<std::string>& urls, Options options);
   // Sets gStop. A thread that the system does not let go of is left behind.
   ~WallClockSource() override;

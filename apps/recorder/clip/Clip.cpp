@@ -14,6 +14,7 @@ namespace {
 constexpr ChannelReader::Place kHeadersOnly = {std::numeric_limits<int64_t>::max(), 0};
 constexpr int64_t kReordering = 5 * kMicros;  // the most that lies between a picture's decoding and its display
 constexpr int64_t kSoundReach = 1 * kMicros;  // the most by which sound is stored beside its pictures
+constexpr int64_t kDelay = 5 * kMicros;       // at most, from a picture until it can be read from its file
 constexpr int64_t kShortTail = kMicros / 10;  // what a last picture without a known length may leave open
 
 bool SameCoding(const ImfStreamInfo& a, const ImfStreamInfo& b) {
@@ -331,15 +332,32 @@ void Clip::NoteGaps() {
 Clip::Result Clip::Finish(bool atEnd) {
   if (!mError.empty()) return Result::kFailed;
   if (!mWriter.IsOpen() || mTo <= mRange.since) return Result::kNothing;
-  if (atEnd && mRunning) {
-    const bool growing =
-        !mRecordings.Open().empty() && mRecordings.Open().back().state == Recording::State::kGrowing;
-    mMissing.push_back({mTo, mRange.until, growing ? "not recorded yet" : "nothing is recorded"});
-  }
+  if (atEnd && mRunning) NoteTail();
   if (!mMissing.empty() && mRange.until - mMissing.back().from <= kShortTail) mMissing.pop_back();
+  // Sections overlap where a picture was thought to be shown for longer. The reason is told all the same.
+  for (Missing& each : mMissing) each.to = std::max(each.from, each.to);
   NoteGaps();
   ClosePart();
   return mError.empty() ? Result::kDone : Result::kFailed;
+}
+
+// What lies behind the last picture: not recorded, or on its way to the file, or yet to come.
+void Clip::NoteTail() {
+  const int64_t now = ParseTime("now").value_or(0);
+  const bool growing =
+      !mRecordings.Open().empty() && mRecordings.Open().back().state == Recording::State::kGrowing;
+  if (!growing) return mMissing.push_back({mTo, mRange.until, "nothing is recorded"});
+  const int64_t present = std::clamp(now, mTo, std::max(mTo, mRange.until));
+  if (present > mTo) {
+    mMissing.push_back({mTo, present, present - mTo <= kDelay ? "still being written" : "nothing is recorded"});
+  }
+  if (mRange.until > present) mMissing.push_back({present, mRange.until, "not recorded yet"});
+}
+
+double Clip::MissingShare() const {
+  int64_t missing = 0;
+  for (const Missing& each : mMissing) missing += each.to - each.from;
+  return static_cast<double>(missing) / static_cast<double>(mRange.until - mRange.since);
 }
 
 }  // namespace recorder

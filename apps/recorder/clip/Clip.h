@@ -58,6 +58,7 @@ class Clip {
   const std::vector<Missing>& AllMissing() const { return mMissing; }
   // A line for each sound that is not in the clip.
   std::vector<std::string> LeftOut() const;
+  double MissingShare() const;  // of the range, 0 to 1
   const ClipWriter& Writer() const { return mWriter; }
   const std::string& Error() const { return mError; }
 
@@ -94,6 +95,7 @@ class Clip {
   Result Finish(bool atEnd);
   void NotePicture(const ChannelReader& reader);
   void NoteGaps();
+  void NoteTail();
 
   const Disks& mDisks;
   const Recordings& mRecordings;

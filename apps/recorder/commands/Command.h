@@ -3,9 +3,12 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "apps/recorder/base/ExitStatus.h"
+#include "apps/recorder/base/InputList.h"
 
 namespace CLI {
 class App;
@@ -13,13 +16,23 @@ class App;
 
 namespace recorder {
 
+struct RecordOptions;
+
 struct Context {
   std::string root;          // as given; Disks.h makes an absolute path of it
   std::function<int()> run;  // set by the command that was chosen; its result is the exit status
+
+  std::string config;                     // path of the configuration file, empty: there is none
+  std::vector<std::string> problems;      // what is wrong with it
+  bool looksAtConfig = false;             // the command runs all the same
+  ChannelNames names;                     // as configured
+  std::shared_ptr<RecordOptions> record;  // the options of record, set by it
 };
 
 void AddPrepareCommand(CLI::App& app, Context& context);
 void AddRecordCommand(CLI::App& app, Context& context);
+// Behind AddRecordCommand().
+void AddConfigCommand(CLI::App& app, Context& context);
 void AddStatusCommand(CLI::App& app, Context& context);
 void AddCheckCommand(CLI::App& app, Context& context);
 void AddListCommand(CLI::App& app, Context& context);

@@ -19,6 +19,7 @@
 #include "apps/recorder/clip/OutputFile.h"
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/looking/JsonLine.h"
+#include "apps/recorder/looking/LiveHealth.h"
 #include "apps/recorder/looking/Recordings.h"
 
 extern "C" {
@@ -86,12 +87,20 @@ std::string PartPath(const std::string& path, int number) {
   return path.substr(0, end) + "-" + std::to_string(number) + path.substr(end);
 }
 
+// Then it is not what was asked for, although there is something.
+bool MissesMost(const Clip& clip) { return clip.MissingShare() > 0.5; }
+
 // `paths`: what the parts are called. What standard output has no room for goes to standard error.
-void Report(const std::vector<std::string>& paths, const Clip& clip, const Options& options) {
+void Report(const std::vector<std::string>& paths, const Clip& clip, const Options& options,
+            const ChannelNames& names) {
   for (const std::string& line : clip.LeftOut()) Complain("not in the clip: %s", line.c_str());
   for (const Clip::Missing& missing : clip.AllMissing()) {
     Complain("not in the clip: %s to %s (%s)", FormatExactTime(missing.from).c_str(),
              FormatExactTime(missing.to).c_str(), missing.reason.c_str());
+  }
+  char missed[60] = "";
+  if (MissesMost(clip)) {
+    std::snprintf(missed, sizeof missed, "; %.1f %% of the range is missing", 100 * clip.MissingShare());
   }
   size_t told = 0;  // of AllMissing()
   for (size_t i = 0; i < paths.size(); i++) {
@@ -99,9 +108,9 @@ void Report(const std::vector<std::string>& paths, const Clip& clip, const Optio
     if (!options.range.json) {
       char length[64];
       std::snprintf(length, sizeof length, "%.2f s, %" PRId64 " pictures, ", part.seconds, part.pictures);
-      const std::string line = paths[i] + ": channel " + std::to_string(options.range.channel) + ", " +
+      const std::string line = paths[i] + ": " + DescribeChannel(options.range.channel, names) + ", " +
                                FormatExactTime(part.from) + " to " + FormatExactTime(part.to) + ", " + length +
-                               FormatSize(part.bytes);
+                               FormatSize(part.bytes) + (i + 1 == paths.size() ? missed : "");
       if (options.output == "-") {
         Complain("%s", line.c_str());
       } else {
@@ -112,11 +121,13 @@ void Report(const std::vector<std::string>& paths, const Clip& clip, const Optio
     nlohmann::ordered_json line;
     line["output"] = paths[i];
     line["channel"] = options.range.channel;
+    if (const auto name = names.find(options.range.channel); name != names.end()) line["name"] = name->second;
     line["start"] = FormatExactTime(part.from);
     line["end"] = FormatExactTime(part.to);
     line["seconds"] = part.seconds;
     line["pictures"] = part.pictures;
     line["bytes"] = part.bytes;
+    if (i + 1 == paths.size()) line["missingShare"] = clip.MissingShare();
     line["missing"] = nlohmann::ordered_json::array();
     for (; told < clip.AllMissing().size(); told++) {
       const Clip::Missing& missing = clip.AllMissing()[told];
@@ -129,15 +140,17 @@ void Report(const std::vector<std::string>& paths, const Clip& clip, const Optio
   }
 }
 
-int Export(const Options& options, std::string root) {
-  const int channel = options.range.channel;
+int Export(Options options, std::string root, const ChannelNames& configured) {
+  const ChannelNames names = NamesIn(root, configured);
   Range range;
   Disks disks;
   std::optional<Recordings> recordings;
   const bool toStandard = options.output == "-";
   ClipWriter::Target target;
   std::deque<OutputFile> outputs;
-  Refusal refusal = ParseRange(options.range, &range);
+  Refusal refusal = ChooseChannel(names, &options.range);
+  const int channel = options.range.channel;
+  if (!refusal) refusal = ParseRange(options.range, &range);
   if (!refusal) refusal = ChooseFormat(options, &target.format);
   if (!refusal && toStandard && isatty(STDOUT_FILENO) != 0) refusal = "-o - does not write to a terminal";
   if (!refusal && toStandard && options.range.json) refusal = "--json and -o - both need standard output";
@@ -198,8 +211,8 @@ int Export(const Options& options, std::string root) {
     paths.push_back(output.Path());
   }
   if (toStandard) paths.emplace_back("standard output");
-  Report(paths, clip, options);
-  return kDone;
+  Report(paths, clip, options, names);
+  return MissesMost(clip) ? kFound : kDone;
 }
 
 }  // namespace
@@ -214,8 +227,9 @@ void AddExportCommand(CLI::App& app, Context& context) {
   command->add_option("--format", options->format,
                       "mp4, mov or mkv (default: by the file's name; mp4 on standard output)");
   command->add_flag("--force", options->force, "Replace the file when it exists");
-  command->callback(
-      [options, &context] { context.run = [options, &context] { return Export(*options, context.root); }; });
+  command->callback([options, &context] {
+    context.run = [options, &context] { return Export(*options, context.root, context.names); };
+  });
 }
 
 }  // namespace recorder

@@ -5,16 +5,19 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/looking/Coverage.h"
+#include "apps/recorder/looking/LiveHealth.h"
 #include "apps/recorder/looking/Recordings.h"
 
 namespace recorder {
 
 namespace {
 
-int List(const RangeOptions& options, std::string root) {
+int List(RangeOptions options, std::string root, const ChannelNames& configured) {
+  const ChannelNames names = NamesIn(root, configured);
   Range range;
   Disks disks;
-  Refusal refusal = ParseRange(options, &range);
+  Refusal refusal = ChooseChannel(names, &options);
+  if (!refusal) refusal = ParseRange(options, &range);
   if (!refusal) refusal = OpenToLook(&root, &disks);
   if (refusal) {
     Complain("%s", refusal->c_str());
@@ -35,7 +38,7 @@ int List(const RangeOptions& options, std::string root) {
     if (!isWanted) continue;
     isAny = true;
     recording.partly = PartlyCovered(recording, spans);
-    PrintRecording(recording, options.json);
+    PrintRecording(recording, options.json, "", names);
   }
   if (isAny) return kDone;
   recordings.ComplainOfNothing(range, options.channel);
@@ -48,8 +51,9 @@ void AddListCommand(CLI::App& app, Context& context) {
   auto options = std::make_shared<RangeOptions>();
   CLI::App* command = app.add_subcommand("list", "List recordings (default: all of them)");
   AddRangeOptions(command, options.get(), false);
-  command->callback(
-      [options, &context] { context.run = [options, &context] { return List(*options, context.root); }; });
+  command->callback([options, &context] {
+    context.run = [options, &context] { return List(*options, context.root, context.names); };
+  });
 }
 
 }  // namespace recorder

@@ -11,9 +11,10 @@ void AddRecordCommand(CLI::App& app, Context& context) {
   auto options = std::make_shared<RecordOptions>();
   CLI::App* command = app.add_subcommand("record", "Record inputs, one channel each, until SIGINT or SIGTERM");
   command
-      ->add_option("--input", options->inputs,
-                   "File, camera or stream, - for standard input; channels 0, 1, ... in this order")
-      ->required()
+      ->add_option(
+          "--input", options->inputs,
+          "File, camera or stream, - for standard input: [CHANNEL:][NAME=]ADDRESS; channels 0, 1, ... in "
+          "this order unless their numbers are given")
       ->allow_extra_args(false);
   command->add_option("--disk", options->disks, "Disk to record to (default: every prepared one)")
       ->allow_extra_args(false);
@@ -41,6 +42,10 @@ void AddRecordCommand(CLI::App& app, Context& context) {
   command->add_option(
       "--camera-clock", options->cameraClock,
       "Channels whose cameras know the time of day, as 0,2-3 or all: what they say of it is recorded");
+  command->add_option(
+      "--on-event", options->onEvent,
+      "Command to run when something happens, the event as JSON on its standard input; no shell");
+  context.record = options;
   command->callback(
       [options, &context] { context.run = [options, &context] { return Record(*options, context.root); }; });
 }

@@ -10,6 +10,7 @@
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/looking/JsonLine.h"
+#include "apps/recorder/looking/LiveHealth.h"
 #include "apps/recorder/looking/Status.h"
 
 namespace recorder {
@@ -88,7 +89,14 @@ void PrintText(const Capacity& capacity) {
   Print("\n");
 }
 
-int Status(std::string root, bool json) {
+enum class Form { kText, kJson, kMetrics };
+
+void PrintHealth(const std::optional<LiveHealth>& live, Form form) {
+  if (live && form == Form::kText) Print("%s", HealthText(*live).c_str());
+  if (live && form == Form::kJson) PrintLine({{"recorder", HealthJson(*live)}});
+}
+
+int Status(std::string root, Form form) {
   Disks disks;
   Refusal refusal = ResolveRoot(&root, true);
   if (!refusal) refusal = disks.Choose(root, {});
@@ -96,13 +104,17 @@ int Status(std::string root, bool json) {
   if (hasDisk) refusal = disks.OpenForLooking();
   if (refusal) {
     Complain("%s", refusal->c_str());
+    // A recorder that has lost all of its disks has more to say than anybody.
+    PrintHealth(LookAtHealth(root, HolderOf(root, disks.All())), form);
     return kRefused;
   }
+  const bool json = form == Form::kJson;
   const std::optional<std::string> holder = HolderOf(root, disks.All());
   const bool recording = holder && holder->rfind("recorder record ", 0) == 0;
-  if (holder && !json) Print("in use by %s\n", holder->c_str());
+  const std::optional<LiveHealth> live = LookAtHealth(root, holder);
   std::vector<DiskState> unused = UnusedDisks(disks, recording);
   const Capacity capacity = hasDisk ? MeasureCapacity(disks) : Capacity();
+  std::vector<DiskStatus> all;
   for (const Disk& disk : disks.All()) {
     FmgrRepositoryGroup* group = disks.Group(disk);
     if (group == nullptr) continue;
@@ -114,24 +126,35 @@ int Status(std::string root, bool json) {
       break;
     }
     status.writing = recording && status.state.use == DiskState::kUsed && group == BeingWritten(disks);
-    json ? PrintJson(status, capacity) : PrintText(status);
+    all.push_back(status);
   }
+  if (form == Form::kMetrics) {
+    Print("%s", HealthMetrics(live, recording, all, capacity).c_str());
+    return kDone;
+  }
+  if (holder && !json) Print("in use by %s\n", holder->c_str());
+  for (const DiskStatus& status : all) json ? PrintJson(status, capacity) : PrintText(status);
   for (const DiskState& state : unused) {
     if (!json) Print("disk %s at %s\n", state.disk.name.c_str(), state.disk.path.c_str());
     json ? PrintJson(state) : PrintText(state);
   }
   if (!json) PrintText(capacity);
+  PrintHealth(live, form);
   return kDone;
 }
 
 }  // namespace
 
 void AddStatusCommand(CLI::App& app, Context& context) {
-  auto json = std::make_shared<bool>(false);
-  CLI::App* command = app.add_subcommand("status", "Show what is on each disk, also while recording goes on");
-  command->add_flag("--json", *json, "One JSON object a disk and line");
+  auto form = std::make_shared<Form>(Form::kText);
+  CLI::App* command = app.add_subcommand(
+      "status", "Show what is on each disk and how the recording is doing, also while it goes on");
+  command->add_flag_callback(
+      "--json", [form] { *form = Form::kJson; }, "One JSON object a disk and line, then one of the recorder");
+  command->add_flag_callback(
+      "--prometheus", [form] { *form = Form::kMetrics; }, "As a scraper of Prometheus reads it");
   command->callback(
-      [json, &context] { context.run = [json, &context] { return Status(context.root, *json); }; });
+      [form, &context] { context.run = [form, &context] { return Status(context.root, *form); }; });
 }
 
 }  // namespace recorder

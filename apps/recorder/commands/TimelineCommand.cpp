@@ -15,6 +15,7 @@
 #include "apps/recorder/clip/OutputFile.h"
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/looking/JsonLine.h"
+#include "apps/recorder/looking/LiveHealth.h"
 #include "apps/recorder/looking/Recordings.h"
 #include "apps/recorder/looking/Timeline.h"
 #include "apps/recorder/looking/TimelineSource.h"
@@ -79,12 +80,14 @@ Refusal WritePicture(const Timeline& timeline, const Options& options, const Dis
   return output.Keep();
 }
 
-int ShowTimeline(const Options& options, std::string root) {
-  const int channel = options.range.channel;
+int ShowTimeline(Options options, std::string root, const ChannelNames& configured) {
+  const ChannelNames names = NamesIn(root, configured);
   Range range;
   Disks disks;
   std::optional<Recordings> recordings;
-  Refusal refusal = ParseRange(options.range, &range);
+  Refusal refusal = ChooseChannel(names, &options.range);
+  if (!refusal) refusal = ParseRange(options.range, &range);
+  const int channel = options.range.channel;
   if (!refusal && !options.output.empty() && !HasSuffix(options.output, ".png") &&
       !HasSuffix(options.output, ".svg")) {
     refusal = "cannot write " + options.output + ": a timeline is a .png or an .svg";
@@ -103,7 +106,7 @@ int ShowTimeline(const Options& options, std::string root) {
     recordings->ComplainOfNothing(range, channel);
     return kFound;
   }
-  const Timeline timeline = CollectTimeline(disks, *recordings, range, channel);
+  const Timeline timeline = CollectTimeline(disks, *recordings, range, channel, names);
   if (!options.output.empty()) {
     if (Refusal written = WritePicture(timeline, options, disks)) {
       Complain("%s", written->c_str());
@@ -128,7 +131,7 @@ void AddTimelineCommand(CLI::App& app, Context& context) {
   command->add_option("-o,--output", options->output, "Draw a picture into this file, .png or .svg");
   command->add_flag("--force", options->force, "Replace the file when it exists");
   command->callback([options, &context] {
-    context.run = [options, &context] { return ShowTimeline(*options, context.root); };
+    context.run = [options, &context] { return ShowTimeline(*options, context.root, context.names); };
   });
 }
 

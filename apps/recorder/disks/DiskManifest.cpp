@@ -15,21 +15,6 @@ namespace recorder {
 
 namespace {
 
-// At most `limit` bytes of a regular file, links not followed; nothing for anything else. Opening a fifo does
-// not block.
-std::optional<std::string> ReadSmallFile(const std::string& path, size_t limit) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  struct stat st;
-  std::string text(limit, '\0');
-  ssize_t size = -1;
-  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) size = pread(fd, text.data(), text.size(), 0);
-  close(fd);
-  if (size < 0) return std::nullopt;
-  text.resize(static_cast<size_t>(size));
-  return text;
-}
-
 bool WriteAll(int fd, const std::string& text) {
   const ssize_t written = write(fd, text.data(), text.size());
   if (written >= 0 && static_cast<size_t>(written) != text.size()) errno = ENOSPC;

@@ -1,13 +1,8 @@
 #include "apps/recorder/disks/DiskState.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <sstream>
+
+#include "apps/recorder/base/Files.h"
 
 namespace recorder {
 
@@ -20,22 +15,6 @@ std::string StatePath(const std::string& root) { return root + "/.recorder.state
 // One line, whatever a path or an error text holds.
 std::string OneLine(std::string text) {
   for (char& c : text) c = static_cast<unsigned char>(c) < ' ' || c == 0x7f ? '?' : c;
-  return text;
-}
-
-// Not through links, and never waiting for whoever should open the other end of a fifo.
-std::string ReadSmallFile(const std::string& path) {
-  std::string text;
-  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return text;
-  struct stat info = {};
-  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-    char buffer[4096];
-    for (ssize_t size; text.size() < kSizeLimit && (size = read(fd, buffer, sizeof buffer)) > 0;) {
-      text.append(buffer, static_cast<size_t>(size));
-    }
-  }
-  close(fd);
   return text;
 }
 
@@ -60,23 +39,12 @@ bool WriteState(const std::string& root, const RecorderState& state) {
     text << UseName(each.use) << " " << each.disk.name << " " << each.since << " " << OneLine(each.what)
          << "\n";
   }
-  const std::string path = StatePath(root);
-  const std::string next = path + ".next";
-  unlink(next.c_str());
-  const int fd = open(next.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (fd < 0) return false;
-  const std::string bytes = text.str();
-  const bool written = write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
-  if (close(fd) == 0 && written && rename(next.c_str(), path.c_str()) == 0) return true;
-  const int error = errno;
-  unlink(next.c_str());
-  errno = error;
-  return false;
+  return ReplaceFile(StatePath(root), text.str());
 }
 
 RecorderState ReadState(const std::string& root) {
   RecorderState state;
-  std::istringstream lines(ReadSmallFile(StatePath(root)));
+  std::istringstream lines(ReadSmallFile(StatePath(root), kSizeLimit).value_or(""));
   for (std::string line; std::getline(lines, line);) {
     std::istringstream words(line);
     std::string kind;

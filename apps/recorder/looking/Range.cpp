@@ -14,8 +14,26 @@ void AddRangeOptions(CLI::App* command, RangeOptions* options, bool required) {
                    "Begin: as 2024-05-01T12:00:00, 23:47, yesterday, -2h, or epoch seconds")
       ->required(required);
   command->add_option("--until", options->until, "End, in the same forms")->required(required);
-  command->add_option("--channel", options->channel, "Number of the channel, from 0");
+  command->add_option("--channel", options->channelText, "Number, from 0, or name of the channel");
   command->add_flag("--json", options->json, "One JSON object a line");
+}
+
+Refusal ChooseChannel(const ChannelNames& names, RangeOptions* options) {
+  const std::string& text = options->channelText;
+  if (text.empty()) return std::nullopt;
+  for (const auto& [number, name] : names) {
+    options->channel = number;
+    if (name == text) return std::nullopt;
+  }
+  const size_t digits = text.find_first_not_of("0123456789", text[0] == '-' ? 1 : 0);
+  if (digits == std::string::npos && text.size() <= 4 && text != "-") {
+    options->channel = std::stoi(text);
+    return RefuseChannel(options->channel, 0);
+  }
+  std::string known;
+  for (const auto& [number, name] : names) known += (known.empty() ? "" : ", ") + name;
+  return "there is no channel " + text + ": " +
+         (known.empty() ? "channels have no names here, but numbers" : "there are " + known);
 }
 
 Refusal ParseMoment(const std::string& what, const std::string& text, int64_t* micros) {

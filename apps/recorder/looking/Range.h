@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "apps/recorder/base/InputList.h"
 #include "apps/recorder/disks/Refusals.h"
 
 namespace CLI {
@@ -23,12 +24,15 @@ struct Range {
 struct RangeOptions {
   std::string since;
   std::string until;
-  int channel = kAnyChannel;
+  std::string channelText;    // as given, empty: it wasn't
+  int channel = kAnyChannel;  // set by ChooseChannel(), or what is meant without it
   bool json = false;
 };
 
 // Adds --since, --until, --channel and --json.
 void AddRangeOptions(CLI::App* command, RangeOptions* options, bool required);
+// Finds the channel whose number or name was given.
+Refusal ChooseChannel(const ChannelNames& names, RangeOptions* options);
 // An end that is left out stays as it is in `range`. No disk access.
 Refusal ParseRange(const RangeOptions& options, Range* range);
 // `what` is the option, for the message.

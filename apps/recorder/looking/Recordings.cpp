@@ -200,12 +200,17 @@ void PrintPart(const Recording& recording, int channel, const std::vector<Pictur
 
 }  // namespace
 
-void PrintRecording(const Recording& recording, bool json, const char* note) {
+void PrintRecording(const Recording& recording, bool json, const char* note, const ChannelNames& names) {
+  std::string known;
+  for (const auto& [number, name] : names) {
+    if (recording.HasChannel(number)) known += (known.empty() ? "(" : ", ") + name;
+  }
+  if (!known.empty()) known += ") ";
   if (!json) {
-    Print("%s  %s  %8s  channels %-7s %s%s%s%s%s\n", FormatTime(recording.start).c_str(),
+    Print("%s  %s  %8s  channels %-7s %s%s%s%s%s%s\n", FormatTime(recording.start).c_str(),
           FormatTime(recording.end).c_str(),
           FormatDuration(static_cast<double>(recording.end - recording.start)).c_str(),
-          FormatChannels(recording.mask).c_str(), recording.path.c_str(),
+          FormatChannels(recording.mask).c_str(), known.c_str(), recording.path.c_str(),
           recording.state == Recording::State::kComplete ? "" : "  ",
           recording.state == Recording::State::kComplete ? "" : NameOfState(recording.state),
           *note != '\0' ? "  " : "", note);
@@ -228,6 +233,9 @@ void PrintRecording(const Recording& recording, bool json, const char* note) {
       part["recorded"].push_back({{"start", FormatExactTime(span.begin)}, {"end", FormatExactTime(span.end)}});
     }
     line["partly"].push_back(part);
+  }
+  for (const auto& [number, name] : names) {
+    if (recording.HasChannel(number)) line["names"][std::to_string(number)] = name;
   }
   line["state"] = NameOfState(recording.state);
   if (*note != '\0') line["note"] = note;

@@ -71,8 +71,10 @@ class Recordings {
   std::vector<Recording> mOpen;
 };
 
-// One line, or one JSON object, on standard output, with the channels that are only partly in it. `note` is put behind the line, or into its "note".
-void PrintRecording(const Recording& recording, bool json, const char* note = "");
+// One line, or one JSON object, on standard output, with the channels that are only partly in it. `note` is put
+// behind the line, or into its "note"; `names` stand beside the numbers of their channels.
+void PrintRecording(const Recording& recording, bool json, const char* note = "",
+                    const ChannelNames& names = {});
 const char* NameOfState(Recording::State state);
 
 }  // namespace recorder

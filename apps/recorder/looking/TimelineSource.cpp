@@ -44,7 +44,8 @@ Refusal ChooseRange(const RangeOptions& options, const Recordings& recordings, R
   return ParseRange(options, range);
 }
 
-Timeline CollectTimeline(const Disks& disks, const Recordings& recordings, const Range& range, int channel) {
+Timeline CollectTimeline(const Disks& disks, const Recordings& recordings, const Range& range, int channel,
+                         const ChannelNames& names) {
   Timeline timeline;
   timeline.since = range.since / kMicros;
   timeline.until = std::max((range.until + kMicros - 1) / kMicros, timeline.since + 1);
@@ -63,7 +64,7 @@ Timeline CollectTimeline(const Disks& disks, const Recordings& recordings, const
   std::map<int, int64_t> ends;
   for (int number = 0; number < IMF_CHANNEL_LIMIT; number++) {
     if ((channels >> number & 1) == 0 || (channel != kAnyChannel && channel != number)) continue;
-    rows[number].label = "channel " + std::to_string(number);
+    rows[number].label = DescribeChannel(number, names);
   }
   std::map<std::string, TimelineRow> disksRows;
   std::map<std::string, int64_t> disksEnds;

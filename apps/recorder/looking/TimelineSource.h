@@ -10,6 +10,7 @@ namespace recorder {
 Refusal ChooseRange(const RangeOptions& options, const Recordings& recordings, Range* range);
 // When there are pictures, by search databases and files; one line on standard error when the databases know of
 // other recordings than the names, which count.
-Timeline CollectTimeline(const Disks& disks, const Recordings& recordings, const Range& range, int channel);
+Timeline CollectTimeline(const Disks& disks, const Recordings& recordings, const Range& range, int channel,
+                         const ChannelNames& names);
 
 }  // namespace recorder

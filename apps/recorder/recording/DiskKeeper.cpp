@@ -259,6 +259,12 @@ bool DiskKeeper::HasUnused() const {
                      [](const Slot& slot) { return slot.state.use != DiskState::kUsed; });
 }
 
+std::vector<DiskState> DiskKeeper::States() const {
+  std::vector<DiskState> states;
+  for (const Slot& slot : mSlots) states.push_back(slot.state);
+  return states;
+}
+
 void DiskKeeper::SayNoDisk(int64_t dropped) {
   const int64_t now = Uptime();
   if (now < mNextNoDisk) return;

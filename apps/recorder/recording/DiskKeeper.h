@@ -44,6 +44,8 @@ class DiskKeeper {
 
   bool HasDisk() const;
   bool HasUnused() const;
+  // Of all disks, those that are used included.
+  std::vector<DiskState> States() const;
   // How often disks were taken in.
   int Joins() const { return mJoins; }
   // Says, at most every minute, that there is no disk; `dropped` packets so far.

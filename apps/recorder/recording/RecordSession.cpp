@@ -18,6 +18,7 @@
 #include "apps/recorder/recording/DiskKeeper.h"
 #include "apps/recorder/recording/Expiry.h"
 #include "apps/recorder/recording/Recovery.h"
+#include "apps/recorder/recording/Reporting.h"
 #include "apps/recorder/recording/Segments.h"
 
 extern "C" {
@@ -35,15 +36,26 @@ struct Plan {
   std::string root;
   ipc_preserve_limit_e keep = IPC_PRESERVE_UNLIMITED;  // the file manager's, not shorter than
   int64_t keepSeconds = 0;                             // what was asked for; 0: no limit
+  std::vector<InputSpec> inputs;
+  std::vector<std::string> urls;  // by channel, empty where there is no input
+  std::vector<std::string> onEvent;
   bool streamClock = false;
   int64_t start = 0;  // microseconds since the epoch
   WallClockSource::Options capture;
 };
 
 Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* plan) {
-  if (options.inputs.size() > static_cast<size_t>(IMF_CHANNEL_LIMIT)) {
-    return std::to_string(options.inputs.size()) + " inputs: at most " + std::to_string(IMF_CHANNEL_LIMIT) +
-           " channels are possible";
+  if (options.inputs.empty()) return "--input is required (recorder record --help shows the options)";
+  if (Refusal refusal = ParseInputs(options.inputs, IMF_CHANNEL_LIMIT, &plan->inputs)) return refusal;
+  for (const InputSpec& input : plan->inputs) {
+    const auto number = static_cast<size_t>(input.channel);
+    if (plan->urls.size() <= number) plan->urls.resize(number + 1);
+    plan->urls[number] = input.address;
+  }
+  if (!options.onEvent.empty()) {
+    const auto words = SplitWords(options.onEvent);
+    if (!words) return "--on-event " + options.onEvent + " is no command: a quote is open";
+    plan->onEvent = *words;
   }
   if (options.segment < 1 || options.segment > 24 * 3600) return "--segment takes 1 to 86400 seconds";
   if (options.checkpoint < 1 || options.checkpoint > 3600) return "--checkpoint takes 1 to 3600 seconds";
@@ -101,16 +113,18 @@ Refusal AwaitLocks(const Plan& plan, const std::vector<Disk>& disks, bool standb
     if (!refusal || !standby) return refusal;
     if (*refusal != said) Complain("standing by: %s", refusal->c_str());
     said = *refusal;
+    NotifyStandby(said);
     sleep(kBetweenLooks);
   }
   return std::nullopt;
 }
 
 // Returns the exit status.
-int RecordAll(Source& source, Segments& segments) {
+int RecordAll(Source& source, Segments& segments, Reporting& reporting) {
   SourceEvent event;
   for (;;) {
     source.Next(&event);
+    reporting.Look();
     switch (event.kind) {
       case SourceEvent::kPacket:
         if (!segments.Put(event.sample)) {
@@ -120,11 +134,11 @@ int RecordAll(Source& source, Segments& segments) {
         break;
       case SourceEvent::kChannelBack:
       case SourceEvent::kChannelStillLost:
-        Complain("channel %d: %s", event.channel, event.reason.c_str());
+        reporting.Tell(event);
         break;
       case SourceEvent::kChannelLost:
       case SourceEvent::kChannelEnded:
-        if (!event.reason.empty()) Complain("channel %d: %s", event.channel, event.reason.c_str());
+        reporting.Tell(event);
         segments.EndChannel(event.channel);
         break;
       case SourceEvent::kNothing:
@@ -141,6 +155,11 @@ int RecordAll(Source& source, Segments& segments) {
 
 }  // namespace
 
+Refusal CheckRecord(const RecordOptions& options, const std::string& root) {
+  Plan plan;
+  return MakePlan(options, root, &plan);
+}
+
 int Record(const RecordOptions& options, const std::string& root) {
   Plan plan;
   LockSet locks("record");
@@ -150,6 +169,7 @@ int Record(const RecordOptions& options, const std::string& root) {
   Refusal refusal = MakePlan(options, root, &plan);
   if (!refusal) refusal = disks.Choose(plan.root, options.disks);
   StopOnSignals();
+  EndInTime();
   if (!refusal) refusal = AwaitLocks(plan, disks.All(), options.standby, &locks);
   if (!refusal && gStop) return kDone;
   if (!refusal) {
@@ -171,12 +191,17 @@ int Record(const RecordOptions& options, const std::string& root) {
                     {options.segment, options.checkpoint, !plan.streamClock});
   std::unique_ptr<Source> source;
   if (plan.streamClock) {
-    source =
-        std::make_unique<StreamClockSource>(options.inputs, plan.start, plan.capture.timeout, options.audio);
+    source = std::make_unique<StreamClockSource>(plan.urls, plan.start, plan.capture.timeout, options.audio);
   } else {
-    source = std::make_unique<WallClockSource>(options.inputs, plan.capture);
+    source = std::make_unique<WallClockSource>(plan.urls, plan.capture);
   }
-  const int status = RecordAll(*source, segments);
+  int status = kDone;
+  {
+    // What is read from files as fast as it can be read is over soon, and nobody watches it.
+    Reporting reporting(*source, segments, keeper, recovery,
+                        {plan.root, plan.inputs, plan.onEvent, !plan.streamClock, plan.capture.timeout});
+    status = RecordAll(*source, segments, reporting);
+  }
 
   if (status == kRefused) return status;
 

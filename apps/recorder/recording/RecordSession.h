@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "apps/recorder/disks/Refusals.h"
+
 namespace recorder {
 
 // As given; what they mean is found out, or refused, by Record().
@@ -23,7 +25,11 @@ struct RecordOptions {
   bool standby = false;
   int inputTimeout = 10;    // seconds
   std::string cameraClock;  // channels, or "all"
+  std::string onEvent;      // a command line, without a shell
 };
+
+// Why a recording with these options would be refused, as far as that is known without a disk.
+Refusal CheckRecord(const RecordOptions& options, const std::string& root);
 
 // Records until every input has ended or a signal stops it. Returns the exit status; every failure has said a
 // line on standard error.

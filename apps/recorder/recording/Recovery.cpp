@@ -71,6 +71,7 @@ void Recovery::NotifyFileFixed(ImfFile&, const std::string& newName, unsigned vi
   mFixed.insert(KeyOf(newName));
   // The file manager does not look whether it could rename the file.
   if (!Exists(newName)) return mCompletion.AddUnnamed(KeyOf(newName) + "_00000000.imf", newName);
+  mRepaired++;
   RecordName parsed{};
   ParseRecordName(NameOf(newName), &parsed);
   Print("repaired %s: %s, %s, channels %s\n", newName.c_str(), FormatTime(parsed.startTime).c_str(),

@@ -37,6 +37,8 @@ class Recovery : public RecoveryObserver, public ImfSegmentCloseInterface {
   // the last call.
   std::string TakeStuck() { return std::exchange(mStuck, {}); }
   int Recycled() const { return mRecycled; }
+  // Recordings that were cut off and are complete now.
+  int Repaired() const { return mRepaired; }
 
   void NotifyStage(int stage, int active) override;
   void NotifyFileFixed(ImfFile& file, const std::string& newName, unsigned videoChannelMask) override;
@@ -57,6 +59,7 @@ class Recovery : public RecoveryObserver, public ImfSegmentCloseInterface {
   Leaving mLeaving;  // no path: none
   std::string mStuck;
   int mRecycled = 0;
+  int mRepaired = 0;
   std::vector<std::string> mDamagedDbs;  // directories whose search database is to be rebuilt
   std::set<std::string> mFixed;          // directory and start time of what was repaired
 };

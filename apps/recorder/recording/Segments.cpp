@@ -77,6 +77,7 @@ bool Segments::PutPacket(const Sample& sample) {
       if (opened == Opened::kNoDisk) {
         mTotals.dropped += 1 + static_cast<int64_t>(mEarlySound.size());
         mEarlySound.clear();
+        mPaused = true;
         mKeeper.SayNoDisk(mTotals.dropped);
         return mOptions.waitForDisks;
       }
@@ -139,6 +140,7 @@ bool Segments::IsLeading(const ImfPacket& packet) const {
 void Segments::NoteWritten(const Sample& sample) {
   const ImfPacket& packet = sample.packet;
   mTotals.packets++;
+  mPaused = false;
   if (mPackets++ == 0) mFirstTime = packet.time;
   mLastTime = std::max(mLastTime, packet.time);
   if (!packet.keyFrame || !IsLeading(packet)) return;
@@ -286,6 +288,7 @@ void Segments::Quarantine(const char* what, int error) {
   if (quarantined) {
     Print("quarantined %s\n", mPath.c_str());
     mTotals.quarantined++;
+    mTotals.lastQuarantined = mPath;
     Sync(DirectoryOf(mPath));
   } else {
     Complain("cannot move %s to quarantine", mPath.c_str());

@@ -37,6 +37,7 @@ class Segments {
     int64_t dropped = 0;
     uint64_t bytes = 0;  // of completed segments
     double seconds = 0;
+    std::string lastQuarantined;  // path that it had
   };
 
   Segments(Disks& disks, DiskKeeper& keeper, Expiry& expiry, SearchIndex& index, Recovery& recovery,
@@ -54,6 +55,10 @@ class Segments {
   void Finish();
 
   const Totals& Sum() const { return mTotals; }
+  // Packets are dropped because there is no disk to record to.
+  bool IsPaused() const { return mPaused; }
+  // Of the segment under way; empty between two.
+  std::string Path() const { return mWriter ? mPath : ""; }
 
  private:
   enum class Opened { kYes, kAgain, kNo, kNoDisk };
@@ -94,6 +99,7 @@ class Segments {
   uint64_t mLargestBefore = 0;  // and in the one before
 
   int mFailures = 0;  // in a row
+  bool mPaused = false;
   bool mSaidTooFast = false;
   std::set<int> mSaidTooLarge;  // channels with packets larger than a file
 };
