@@ -22,6 +22,7 @@ class DataRepository : public DirectoryTest {
     mRepository.mRecoveryObserver = &mObserver;
     flc_spy::Clear();
   }
+  ~DataRepository() override { flc_spy::gAnswer = nullptr; }
 
   bool Cached() const { return GetParam() == kCache; }
   std::string PathOf(const std::string& name) const { return mPath + name; }
@@ -94,6 +95,14 @@ TEST_P(DataRepository, RemovesItsOwnDirectoryOnly) {
   }
 }
 
+// A driver that does not answer does not mean "empty", but doesn't keep an empty directory either.
+TEST_P(DataRepository, DriverFails) {
+  flc_spy::gAnswer = [](unsigned long, void*, int& result) { return (result = -1) < 0; };
+  EXPECT_EQ(!Cached(), mRepository.IsEmpty());
+  EXPECT_EQ(1u, mRepository.Remove());
+  EXPECT_FALSE(fs::exists(mPath));
+}
+
 // Each unfinished file is seen to while it is the newest of the list: what is given back to the pool (these
 // hold nothing but zeros) is that file, and not a recording that is listed after it.
 TEST_P(ListedDataRepository, ListingRepairsEveryUnfinishedFile) {
@@ -106,6 +115,34 @@ TEST_P(ListedDataRepository, ListingRepairsEveryUnfinishedFile) {
 }
 
 // --- Record files in and out ---
+
+TEST_P(DataRepository, MakesRecordFiles) {
+  const std::string name = "5f5e1000_00000000.imf";
+  std::string made;
+  timeval time{kStart, 999999};
+  EXPECT_EQ(1, mRepository.MakeRecordFile(time, made));
+  EXPECT_EQ(PathOf(name), made);
+  ExpectRecords({name});
+
+  // Deliberate: nothing guards a second that was used before.
+  EXPECT_EQ(1, mRepository.MakeRecordFile(time, made));
+  EXPECT_EQ(Names{name}, NamesIn(mPath));
+  EXPECT_EQ(mInodes.size() - 1, InodesOf(mDisk).size());
+}
+
+TEST_P(DataRepository, CompletesRecordFiles) {
+  const Names names = Record({kStart, kStart + 20});
+  std::string path = PathOf(names[1]);
+  EXPECT_EQ(1, mRepository.RenameRecordFile(path, -1, 0x80000001, path)) << "one string as both arguments";
+  EXPECT_EQ(PathOf("5f5e1014_ffffffff_cm80000001.imf"), path);
+  ExpectRecords({names[0], "5f5e1014_ffffffff_cm80000001.imf"});
+
+  // The file is gone and not in the list: deliberately not noticed, and the driver is told all the same.
+  EXPECT_EQ(1, mRepository.RenameRecordFile("/gone/1_00000000.imf", 2, 0, path));
+  EXPECT_EQ(PathOf("1_2_cm0.imf"), path);
+  EXPECT_EQ(Cached() ? 3 : 2, mRepository.GetFileCount());
+  EXPECT_EQ(2u, NamesIn(mPath).size());
+}
 
 TEST_P(DataRepository, RecyclesFromBothEnds) {
   const Names names = Record({kStart, kStart + 20, kStart + 40, kStart + 60});

@@ -20,6 +20,8 @@ TEST(FileManagerLife, OneInstanceFromFirstGetToRelease) {
   ASSERT_EQ(1u, flc_spy::Requests().size());
   EXPECT_EQ(FLC_CLEAR, flc_spy::Requests()[0].number);
   EXPECT_EQ(0, FmgrFileManager::ReleaseInstance());
+  EXPECT_EQ(5, FmgrFileManager::GetInstance(5)->mGroupOption);
+  FmgrFileManager::ReleaseInstance();
 }
 
 TEST_F(FileManagerTest, WithoutADisk) {
@@ -72,6 +74,14 @@ TEST_F(FileManagerTest, RemainingSizeWhileBuilding) {
     EXPECT_EQ(freeMiB, mManager->RemainRecordSize(disk.c_str(), prealloc));
     EXPECT_EQ(preallocMiB, prealloc);
   }
+}
+
+TEST_F(FileManagerTest, RemainingSizeCountsEarlierDisksAgain) {
+  Add("a 2 1:0-10", kMiB);
+  Add("b 3 2:20-30 2:30-40 3:50-60 3:60-70", kMiB);
+  int total = 0;
+  EXPECT_EQ(5, mManager->GetRemainSize(total));
+  EXPECT_EQ((2 + 1) + (5 + 4), total);  // deliberate: a's free files count a second time
 }
 
 TEST_F(FileManagerTest, DisksComeInOrderOfTheirLastDirectoryAndGo) {

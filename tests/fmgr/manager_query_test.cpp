@@ -11,7 +11,52 @@
 
 namespace {
 
-using ManagerQueryTest = ManagerTest;
+class ManagerQueryTest : public ManagerTest {
+ protected:
+  // Data directories 1 to 6, five recordings each, on disks a and b in turn. Their paths, oldest first.
+  std::vector<std::string> BeginWalk() {
+    const auto text = [](int i) { return Text("%d:%d-%d", i / 5 + 1, 100 * i, 100 * i + 90); };
+    std::string disks[] = {"a 0", "b 0"};
+    for (int i = 0; i < 30; ++i) disks[i / 5 % 2] += " " + text(i);
+    const std::vector<std::string> added = Begin({disks[0], disks[1]});
+    std::vector<std::string> paths;
+    for (int i = 0; i < 30; ++i) paths.push_back(PathOf(added[i / 5 % 2], text(i)));
+    return paths;
+  }
+
+  // Goes on until there is no more, at most for a hundred recordings.
+  std::vector<std::string> Walk(std::string path, bool back = false) {
+    std::vector<std::string> visited;
+    unsigned result = 0;
+    while (result == 0 && visited.size() < 100) {
+      visited.push_back(path);
+      result = back ? mManager->GetPrevFilePath(path, path) : mManager->GetNextFilePath(path, path);
+    }
+    return visited;
+  }
+};
+
+TEST_F(ManagerQueryTest, NextAndPreviousVisitEachRecordingOnce) {
+  std::vector<std::string> paths = BeginWalk();
+  std::string path;
+  ASSERT_EQ(0, mManager->GetFilePath(kT - 1000, path, 1));
+  EXPECT_EQ(paths, Walk(path));
+  std::reverse(paths.begin(), paths.end());
+  EXPECT_EQ(paths, Walk(paths.front(), true));
+  EXPECT_EQ(12u, mManager->GetNextFilePath("/tmp/5f5e1000_5f5e105a_cm1.imf", path));
+}
+
+TEST_F(ManagerQueryTest, NextOfTheRecordingInProgressIsItself) {
+  const std::string disk = Add("a 1 1:10-20");
+  timeval time{kT + 30, 0};
+  std::string growing;
+  std::string next;
+  ASSERT_EQ(0, mManager->MakeRecordFile(time, growing));
+  for (const std::string& path : {PathOf(disk, "1:10-20"), growing}) {
+    EXPECT_EQ(0u, mManager->GetNextFilePath(path, next));
+    EXPECT_EQ(growing, next);
+  }
+}
 
 // Without the driver a directory knows only its own files; going back, the manager crosses to the one before.
 TEST_F(ManagerQueryTest, BackOverDisksInListMode) {
@@ -20,13 +65,8 @@ TEST_F(ManagerQueryTest, BackOverDisksInListMode) {
   const std::string b = Add("b 0 1:10-20 9:60-70");
   const std::vector<std::string> expected = {PathOf(b, "9:60-70"), PathOf(a, "2:40-50"), PathOf(a, "2:30-40"),
                                              PathOf(b, "1:10-20")};
-  std::string path = expected[0];
-  for (size_t i = 1; i < expected.size(); ++i) {
-    EXPECT_EQ(0u, mManager->GetPrevFilePath(path, path));
-    EXPECT_EQ(expected[i], path);
-  }
-  EXPECT_EQ(12u, mManager->GetPrevFilePath(path, path));
-  EXPECT_EQ(12u, mManager->GetNextFilePath(expected[1], path));
+  EXPECT_EQ(expected, Walk(expected[0], true));
+  EXPECT_EQ(1u, Walk(expected[1]).size());
 }
 
 TEST_F(ManagerQueryTest, ChoiceAmongDisksByMode) {
@@ -53,7 +93,22 @@ TEST_F(ManagerQueryTest, ChoiceAmongDisksByMode) {
   }
 }
 
-TEST_F(ManagerQueryTest, SearchChart) {
+TEST_F(ManagerQueryTest, TimeRangeAndCounts) {
+  const std::vector<std::string> disks = Begin({"a 2 1:30-40 3:50-60", "b 3 4:10-20 4:20-30"});
+  using Pair = std::pair<int, int>;
+  Pair range;
+  EXPECT_EQ(1, mManager->GetTimeRange(range.first, range.second));
+  EXPECT_EQ(Pair(kT + 10, kT + 60), range);
+  EXPECT_EQ(5, mManager->GetFreeFileCount());
+  EXPECT_EQ(3, mManager->GetFreeFileCount(disks[1]));
+  EXPECT_EQ(4, mManager->GetTotalFileCount(disks[0]));
+  // Deliberate: a directory that was just made has start -1, the smallest of all.
+  ASSERT_EQ(1, mManager->CreateDataRepository(5));
+  EXPECT_EQ(1, mManager->GetTimeRange(range.first, range.second));
+  EXPECT_EQ(Pair(-1, kT + 60), range);
+}
+
+TEST_F(ManagerQueryTest, SearchChartAndFileList) {
   const std::vector<std::string> disks = Begin({"a 0 1:100-200 3:500-600", "b 0 2:300-400 4:700-800"});
   ASSERT_EQ(0, unlink((DataDir(disks[1], 2) + "search.fdb").c_str()));
   ASSERT_TRUE(SearchDb(DataDir(disks[1], 2), SEARCH_DB_WRITE).Add({kT + 300, kT + 400, 5}));
@@ -64,6 +119,19 @@ TEST_F(ManagerQueryTest, SearchChart) {
   EXPECT_EQ(kT + 200, chart.latestEndBefore);
   EXPECT_EQ(kT + 500, chart.earliestStartAfter);
   EXPECT_EQ(1u, chart.recordings.size());
+
+  ImfSearchCondition condition;
+  condition.startTime = (kT + 150) * 1000000LL;
+  condition.endTime = (kT + 550) * 1000000LL;
+  std::list<std::string> files{"from before"};
+  EXPECT_EQ(0, mManager->CollectFileList(files, condition));
+  EXPECT_EQ((std::list<std::string>{"from before", PathOf(disks[0], "1:100-200"), PathOf(disks[1], "2:300-400"),
+                                    PathOf(disks[0], "3:500-600")}),
+            files);
+  condition.channelMask = 2;
+  EXPECT_EQ(0, mManager->CollectFileList(files, condition));  // deliberate: the list is not empty
+  files.clear();
+  EXPECT_EQ(12, mManager->CollectFileList(files, condition));
 }
 
 TEST_F(ManagerQueryTest, StorageMenu) {
@@ -149,10 +217,8 @@ TEST_F(MonthTest, FollowLocalTimeOverBothChangesOfTheClock) {
 
 TEST_F(MonthTest, WhatNoCalendarHasIsNotFound) {
   constexpr int kNewYear = 1704067200;
-  Add("usbdisk1 0 " + Text("7:%d", kNewYear - kT));  // in progress: to the driver every later time is in it
-  EXPECT_EQ(2024 * 12, Ask(2024 * 12 + 4, 1));
-  EXPECT_EQ(2024 * 12, Ask(2024 * 12 + 4, 0));
-  EXPECT_EQ(0, Ask(2024 * 12, 0));
+  Add("usbdisk1 0 " + Text("7:%d", kNewYear - kT));  // in progress: every later time is in it
+  ASSERT_EQ(2024 * 12, Ask(2024 * 12 + 4, 1));
   const std::pair<int, int> months[] = {{2024, 0},        {2024, 13},      {2024, INT_MIN}, {2024, INT_MAX},
                                         {INT_MAX, 12},    {INT_MIN, 1},    {INT_MIN, 12},   {INT_MAX, 1},
                                         {-2147481749, 1}, {2147483646, 6}, {2107, 1},       {1969, 6}};
@@ -165,22 +231,30 @@ TEST_F(MonthTest, WhatNoCalendarHasIsNotFound) {
   }
 }
 
+TEST_F(MonthTest, ARecordingInProgressGoesOnForEver) {
+  constexpr int kNewYear = 1704067200;
+  // To the driver, that is; so it is the answer for later months as well.
+  Add("usbdisk1 0 " + Text("7:%d", kNewYear + 60 - kT));
+  EXPECT_EQ(2024 * 12, Ask(2024 * 12 + 4, 1));
+  EXPECT_EQ(2024 * 12, Ask(2024 * 12 + 4, 0));
+  EXPECT_EQ(0, Ask(2024 * 12, 0));
+}
+
 // What a question costs: the driver's requests, which a board pays for with system calls.
 TEST_F(ManagerQueryTest, RequestsPerQuestion) {
-  const std::vector<std::string> disks = Begin({"a 0 1:0-90 3:200-290 3:300-390", "b 0 2:100-190"});
-  const std::string last = PathOf(disks[0], "3:300-390");
+  const std::vector<std::string> paths = BeginWalk();
   std::string path;
   const auto requestsOf = [](auto question) {
     flc_spy::Clear();
     EXPECT_EQ(0, static_cast<int>(question()));
     return flc_spy::Requests().size();
   };
-  // Three directories: each one's start once (its count and its oldest file), then its answer.
-  EXPECT_EQ(3u * 3, requestsOf([&] { return mManager->GetFilePath(kT + 2, path, 1); }));
-  EXPECT_EQ(1u, requestsOf([&] { return mManager->GetNextFilePath(PathOf(disks[0], "1:0-90"), path); }));
-  EXPECT_EQ(1u, requestsOf([&] { return mManager->GetPrevFilePath(last, path); }));
+  // Six directories: each one's start once (its count and its oldest file), then its answer.
+  EXPECT_EQ(6u * 3, requestsOf([&] { return mManager->GetFilePath(kT + 2, path, 1); }));
+  EXPECT_EQ(1u, requestsOf([&] { return mManager->GetNextFilePath(paths[12], path); }));
+  EXPECT_EQ(1u, requestsOf([&] { return mManager->GetPrevFilePath(paths[12], path); }));
   // Remove and add.
-  EXPECT_EQ(2u, requestsOf([&] { return mManager->RenameRecordFile(last, kT + 395, 1, path); }));
+  EXPECT_EQ(2u, requestsOf([&] { return mManager->RenameRecordFile(paths[12], kT + 1295, 1, path); }));
 }
 
 }  // namespace

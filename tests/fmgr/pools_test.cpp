@@ -46,10 +46,14 @@ int ReservedOf(const std::string& path) { return static_cast<int>(StatusOf(path)
 class Progress : public ProgressIndicator {
  public:
   void BeginStage(int total, int stage) override { begun = {total, stage}; }
-  void Refresh() override { refreshed += std::to_string(mCurrent); }
+  void Refresh() override {
+    refreshed += std::to_string(mCurrent);
+    if (list != nullptr) list->clear();
+  }
 
   std::pair<int, int> begun;
   std::string refreshed;
+  List* list = nullptr;  // emptied by each redraw
 };
 
 class Pools : public testing::Test {
@@ -67,6 +71,16 @@ class Pools : public testing::Test {
 };
 
 // --- Laying down ---
+
+TEST_F(Pools, PreAllocationRefuses) {
+  FmgrPreAllocRepository repository(mDisk);
+  EXPECT_EQ(1u, repository.Make(1, 0, nullptr));  // no files: the directory alone
+  EXPECT_EQ(0u, repository.Make(1, 1, nullptr));
+  EXPECT_TRUE(NamesIn(repository.path).empty());
+  // Deliberate: the size is 32 bits wide, so 4096 MiB is nothing, and nothing can't be reserved.
+  fs::remove(repository.path);
+  EXPECT_EQ(0u, repository.Make(4096, 1, nullptr));
+}
 
 // The caller says how much was made, so the list has to be what is there in full; and nothing is taken back.
 TEST_F(Pools, PreAllocationOnAFullDisk) {
@@ -103,10 +117,6 @@ TEST_F(Pools, FreePoolIsMadeOfHardLinks) {
   fs::remove(path + "00000000.imf");
   EXPECT_EQ(0, fresh.Make(prealloc, nullptr));
   EXPECT_EQ(1u, NamesIn(path).size()) << "nothing is linked";
-
-  // Deliberate: the size is 32 bits wide, so 4096 MiB is nothing, and nothing can't be reserved.
-  fs::remove_all(prealloc.path);
-  EXPECT_EQ(0u, prealloc.Make(4096, 1, nullptr));
 }
 
 TEST_F(Pools, ProgressFollowsTheIndicatorsRule) {
@@ -129,6 +139,11 @@ TEST_F(Pools, ProgressFollowsTheIndicatorsRule) {
     EXPECT_EQ(drawn, progress.refreshed);
     EXPECT_EQ(currentAfter, progress.mCurrent) << drawn;
   }
+  Progress emptying;
+  std::tie(emptying.mGate, emptying.mActive, emptying.list) = std::tuple(2, 1, &prealloc.files);
+  fs::remove(mDisk + "/imf_free");
+  EXPECT_EQ(1, FmgrFreeRepository(mDisk).Make(prealloc, &emptying));
+  EXPECT_EQ("0123", emptying.refreshed) << "as many as there were before";
 }
 
 TEST_F(Pools, FreePoolIsAQueue) {
@@ -177,6 +192,15 @@ TEST_F(Pools, APushReplacesNothing) {
   EXPECT_EQ(List{"00000005.imf"}, pool.files);
   ExpectEachInOnePlace(mDisk, inodes);
   EXPECT_TRUE(fs::is_symlink(mDisk + "/imf_free/00000004.imf"));
+}
+
+// Patterns are cut at 63 characters: at the bound a directory is listed, one character more matches nothing.
+TEST_F(Pools, ListingPatternIsBounded) {
+  for (const size_t length : {47, 48}) {
+    const std::string disk = mRoot.Path() + "/" + std::string(length - mRoot.Path().size() - 1, 'x');
+    MakeTestFile(disk + "/imf_free/00000000.imf");
+    EXPECT_EQ(length == 47 ? 1 : 0, FmgrFreeRepository(disk).GetFileCount());
+  }
 }
 
 // A listing that breaks off must not pass for an empty or a short one: recordings would be recycled for want of
