@@ -52,8 +52,8 @@ class ImfFile {
   // IMF_ERROR_REPAIRED the object only answers 0. IMF_OPEN_READ changes nothing on disk and reads a few blocks
   // only, however large the file. IMF_OPEN_REPAIR reads the whole recording; it writes the end time and the
   // channel mask found into the file's header, never more, and calls `segmentClose`, when given, for a file
-  // that it repaired. A recording whose header can't be written is usable all the same. The two strings and the
-  // integer are the recorder's and unused.
+  // that it repaired. One whose header can't be written is left alone, for another attempt. The two strings and
+  // the integer are the recorder's and unused.
   ImfFile(imf_error_code_e& error, std::string path, imf_file_open_mode_e mode, std::string, std::string, int,
           ImfSegmentCloseInterface* segmentClose);
   ~ImfFile();

@@ -121,14 +121,16 @@ imf_error_code_e ImfFile::Content::Repair(const std::string& path) {
   checkpoint.channelMask = extent.ChannelMask();
   checkpoint.channels = extent.Channels();
   checkpoint.closed = true;
-  Set(checkpoint.endTime, checkpoint.channelMask);
   const bool isCurrent = old == checkpoint;
   checkpoint.number = old.number + 1;
-  // The name will hold end and channels, so a header that can't be written costs nothing but a later lookup.
+  // Left as it is, it is repaired by the next attempt; a name that tells more than the header would look wrong
+  // for good.
   if (!isCurrent && !imf::WriteCheckpoint(file, checkpoint)) {
     std::fprintf(stderr, "Dbg (%s) Can't write the header of '%s'. (%s)\n", gpDebugPrefix, path.c_str(),
                  std::strerror(errno));
+    return IMF_ERROR_ACCESS;
   }
+  Set(checkpoint.endTime, checkpoint.channelMask);
   return IMF_ERROR_REPAIRED;
 }
 
@@ -140,6 +142,10 @@ ImfFile::ImfFile(imf_error_code_e& error, std::string path, imf_file_open_mode_e
       error = mContent->Read(path);
       break;
     case IMF_OPEN_REPAIR:
+      error = mContent->Repair(path);
+      if (error != IMF_ERROR_IO) break;
+      // What the device can't read is given up for good, and some of its errors pass: it is asked twice.
+      mContent = std::make_unique<Content>();
       error = mContent->Repair(path);
       break;
     default:
