@@ -20,8 +20,8 @@ constexpr int64_t kLongestStep = 1 * kMicros;   // of stream time, as far as cor
 // picture's decoding and its display suffers. Cameras' clocks are at most 500 ppm off.
 constexpr int64_t kQuick = 32;
 constexpr int64_t kSlow = 1000;
-constexpr int64_t kSqueeze = 1000;
-constexpr int64_t kOverlap = kMicros / 2;  // of a new connection with the one before; more is sent once again
+constexpr double kHaste = 15.0 / 16;           // of the quickest that keeps the order
+constexpr int64_t kOverlap = kMicros / 2;      // of two ties, that is made up for unhurriedly
 constexpr int64_t kSoundReach = 10 * kMicros;  // of the picture before
 
 }  // namespace
@@ -35,11 +35,13 @@ ChannelClock::Tie ChannelClock::Arrive(int64_t arrival, std::optional<StreamStam
     tie.number = mNextTie++;
     tie.firstArrival = arrival;
     mTies.push_back(tie);
+    mLastArrived.reset();
     mConnected = true;
   }
   State& tie = mTies.back();
   if (!stamps) return tie.number;
-  mLastArrived = stamps->dts;
+  NoteOrder(&tie, *stamps);
+  mLastArrived = *stamps;
   NoteDifference(&tie, arrival, arrival - stamps->pts);
   if (camera) {
     mCameraRefused = std::abs(*camera - arrival) > kCameraTrust;
@@ -57,12 +59,24 @@ ChannelClock::Tie ChannelClock::Arrive(int64_t arrival, std::optional<StreamStam
 // When none comes on time any more, for as long as the window, the source stood still for a while.
 bool ChannelClock::HasJumped(const State& tie, int64_t arrival, const StreamStamps& stamps) const {
   if (tie.window.empty()) return false;
-  if (stamps.dts <= mLastArrived) return true;
+  if (mLastArrived && stamps.dts <= mLastArrived->dts) return true;
   if (!tie.placed) return false;
   const int64_t target = Target(tie);
   if (tie.camera) return std::abs(target - tie.offset) > kJump;
   return arrival - stamps.pts < tie.offset - kJump ||
          (arrival - tie.firstArrival > kWindow && target > tie.offset + kJump);
+}
+
+void ChannelClock::NoteOrder(State* tie, const StreamStamps& stamps) {
+  const int64_t delay = stamps.pts - stamps.dts;
+  if (!mLastArrived) {
+    tie->leastDelay = tie->mostDelay = delay;
+    return;
+  }
+  tie->leastDelay = std::min(tie->leastDelay, delay);
+  tie->mostDelay = std::max(tie->mostDelay, delay);
+  const int64_t interval = std::abs(stamps.pts - mLastArrived->pts);
+  if (interval > 0 && (tie->interval == 0 || interval < tie->interval)) tie->interval = interval;
 }
 
 void ChannelClock::NoteDifference(State* tie, int64_t arrival, int64_t difference) {
@@ -83,13 +97,28 @@ int64_t ChannelClock::Least(const State& tie) {
 
 int64_t ChannelClock::Target(const State& tie) { return tie.camera ? *tie.camera : Least(tie); }
 
+// One thing at a time, since each goes as far as the order of the pictures allows.
 void ChannelClock::Correct(State* tie, int64_t step) {
+  if (tie->behind > 0) {
+    tie->behind -= std::min(tie->behind, static_cast<int64_t>(static_cast<double>(step) * tie->haste));
+    return;
+  }
   const int64_t error = Target(*tie) - tie->offset;
   if (error < 0) {
     tie->offset -= std::min(-error, step / kQuick);
   } else {
     tie->offset += std::min(error, step / (tie->camera ? kQuick : kSlow));
   }
+}
+
+// How much earlier a picture may be put than its distance in decoding from the one before says. One that is
+// decoded `d` before another and shown before it, too, is shown at least an interval before it, and `d` is no
+// more than that and the difference of their delays.
+double ChannelClock::QuickestHaste(const State& tie) {
+  const double quick = 1.0 / kQuick;
+  const auto interval = static_cast<double>(tie.interval);
+  if (interval <= 0) return quick;
+  return std::max(quick, kHaste * interval / (interval + static_cast<double>(tie.mostDelay - tie.leastDelay)));
 }
 
 int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamStamps> stamps) {
@@ -100,36 +129,27 @@ int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamSta
     if (!tie.placed) {
       tie.placed = true;
       tie.offset = Target(tie);
-      if (mAnyPlaced) {
-        const int64_t early = std::max(mLatest - stamps->pts, mLatestDecoded - stamps->dts) + 1 - tie.offset;
-        if (early > 0 && early <= kOverlap) tie.offset += early;
-      }
-      tie.firstPts = stamps->pts;
-      tie.squeezeFrom = mAnyPlaced ? mLatest + 1 : stamps->pts + tie.offset - kWindow;
+      // What is shown first may be decoded later, but not before this.
+      if (mAnyPlaced) tie.behind = std::max<int64_t>(0, mLatest + 1 - (stamps->dts + tie.offset));
+      tie.haste = tie.behind > kOverlap ? QuickestHaste(tie) : 1.0 / kQuick;
     } else {
       Correct(&tie, std::clamp<int64_t>(stamps->dts - tie.lastDts, 0, kLongestStep));
     }
     tie.lastDts = stamps->dts;
-    time = TimeOf(tie, stamps->pts);
+    time = stamps->pts + tie.offset + tie.behind;
   } else if (mAnyPlaced) {
     time = std::max(time, mLatest + 1);
   }
   mLatest = mAnyPlaced ? std::max(mLatest, time) : time;
-  mLatestDecoded = time - (stamps ? stamps->pts - stamps->dts : 0);
   mAnyPlaced = true;
   return time;
-}
-
-// What would overlap the tie before is drawn together behind it, in order.
-int64_t ChannelClock::TimeOf(const State& tie, int64_t pts) {
-  return std::max(pts + tie.offset, tie.squeezeFrom + (pts - tie.firstPts) / kSqueeze);
 }
 
 int64_t ChannelClock::PlaceSound(int64_t arrival, std::optional<StreamStamps> stamps) const {
   const State* tie = mTies.empty() ? nullptr : &mTies.front();
   if (!stamps || tie == nullptr || !tie->placed || std::abs(stamps->pts - tie->lastDts) > kSoundReach)
     return arrival;
-  return TimeOf(*tie, stamps->pts);
+  return stamps->pts + tie->offset + tie->behind;
 }
 
 int64_t ChannelClock::LearnedAt(Tie number) const {
@@ -146,6 +166,7 @@ bool MachineClock::Look(int64_t monotonic, int64_t wall) {
   const bool jumped = mKnown && std::abs(error) > kClockJump;
   if (!mKnown || jumped) {
     mOffset += error;
+    mTimeline++;
   } else {
     const int64_t most = std::clamp<int64_t>(monotonic - mLast, 0, kLongestStep) / kQuick;
     mOffset += std::clamp(error, -most, most);
@@ -153,6 +174,19 @@ bool MachineClock::Look(int64_t monotonic, int64_t wall) {
   mKnown = true;
   mLast = monotonic;
   return jumped;
+}
+
+int64_t ChannelDay::TimeOfDay(const MachineClock& machine, int64_t time, std::optional<int64_t> decodeTime) {
+  const int64_t offset = machine.TimeOfDay(0);
+  if (mTimeline != machine.Timeline()) {
+    mTimeline = machine.Timeline();
+    mOffset = offset;
+  } else if (decodeTime) {
+    const int64_t most = std::max<int64_t>(*decodeTime - mLast, 0) / kQuick;
+    mOffset += std::clamp(offset - mOffset, -most, most);
+  }
+  if (decodeTime) mLast = *decodeTime;
+  return time + mOffset;
 }
 
 }  // namespace recorder

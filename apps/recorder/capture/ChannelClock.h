@@ -57,26 +57,31 @@ class ChannelClock {
     bool placed = false;
     int64_t offset = 0;  // recording time minus stream time
     int64_t lastDts = 0;
-    int64_t squeezeFrom = 0;  // recording time and stream time where pictures begin that overlap the tie before
-    int64_t firstPts = 0;
+    // What would overlap the tie before comes behind it, later than it should by this, and less and less so:
+    int64_t behind = 0;
+    double haste = 0;  // by this part of the time that passes
+
+    int64_t interval = 0;    // the least between pictures, 0: not known
+    int64_t leastDelay = 0;  // from decoding to presentation
+    int64_t mostDelay = 0;
   };
 
   bool HasJumped(const State& tie, int64_t arrival, const StreamStamps& stamps) const;
+  void NoteOrder(State* tie, const StreamStamps& stamps);
   void NoteDifference(State* tie, int64_t arrival, int64_t difference);
   static int64_t Least(const State& tie);
   static int64_t Target(const State& tie);
   static void Correct(State* tie, int64_t step);
-  static int64_t TimeOf(const State& tie, int64_t pts);
+  static double QuickestHaste(const State& tie);
 
   std::deque<State>
       mTies;  // of which packets are still to be placed; the last is the one that packets arrive in
   Tie mNextTie = 0;
   bool mConnected = false;
-  int64_t mLastArrived = 0;  // dts
+  std::optional<StreamStamps> mLastArrived;  // by the last tie
   bool mCameraRefused = false;
   bool mAnyPlaced = false;
-  int64_t mLatest = 0;         // recording time placed so far
-  int64_t mLatestDecoded = 0;  // the last packet's time of decoding
+  int64_t mLatest = 0;  // recording time placed so far
 };
 
 // Recording time, which follows the machine's time of day, from its monotonic clock.
@@ -85,11 +90,26 @@ class MachineClock {
   // The clocks as both are now. True: the time of day was set by so much that what follows is another timeline.
   bool Look(int64_t monotonic, int64_t wall);
   int64_t TimeOfDay(int64_t monotonic) const { return monotonic + mOffset; }
+  int Timeline() const { return mTimeline; }
 
  private:
   bool mKnown = false;
+  int mTimeline = 0;
   int64_t mOffset = 0;
   int64_t mLast = 0;  // monotonic
+};
+
+// How a channel follows it: by a part of the time that its pictures take, not of the machine's, so that they
+// stay in order however many are taken at one moment.
+class ChannelDay {
+ public:
+  // Of a packet of `time`, by the monotonic clock. `decodeTime`: of a picture; sound has none and goes by them.
+  int64_t TimeOfDay(const MachineClock& machine, int64_t time, std::optional<int64_t> decodeTime);
+
+ private:
+  int mTimeline = -1;
+  int64_t mOffset = 0;
+  int64_t mLast = 0;  // decodeTime
 };
 
 }  // namespace recorder

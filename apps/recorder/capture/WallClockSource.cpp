@@ -66,6 +66,7 @@ class WallClockSource::Shared : public ChannelCapture::Sink {
     bool ended = false;
     bool slow = false;           // said already that the disk does not keep up
     bool cameraRefused = false;  // said already that its clock is off
+    ChannelDay day;
   };
 
   void WaitShortly(std::condition_variable& condition, std::unique_lock<std::mutex>& lock, int64_t until);
@@ -131,6 +132,13 @@ void WallClockSource::Shared::Put(SourceEvent event) {
   mArrived.notify_one();
 }
 
+void WallClockSource::Shared::FillTime(Sample* sample) {
+  ImfPacket& packet = sample->packet;
+  std::optional<int64_t> decodeTime;
+  if (packet.kind == ImfKind::kVideo) decodeTime = packet.time - sample->displayOffset;
+  packet.time = mChannels[static_cast<size_t>(packet.channel)].day.TimeOfDay(mClock, packet.time, decodeTime);
+}
+
 void WallClockSource::Shared::Next(SourceEvent* event) {
   std::unique_lock<std::mutex> lock(mMutex);
   for (int round = 0; round < 2; round++) {
@@ -140,7 +148,7 @@ void WallClockSource::Shared::Next(SourceEvent* event) {
     const bool drain = gStop || mRunning == 0;
     if (mMerger.Take(now.monotonic, drain, event, &again)) {
       if (event->kind == SourceEvent::kPacket) {
-        event->sample.packet.time = mClock.TimeOfDay(event->sample.packet.time);
+        FillTime(&event->sample);
         event->sample.newTimeline = std::exchange(mNewTimeline, false);
       }
       mTaken.notify_all();
