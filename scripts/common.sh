@@ -12,7 +12,6 @@ DEMO_PACKAGES=(ffmpeg jq)
 TEST_PACKAGES=(libgtest-dev ffmpeg sqlite3 e2fsprogs shellcheck
   python3-gi gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly)
-BENCH_PACKAGES=(libbenchmark-dev)
 
 # With the time since the start, so that one sees how long a step is taking.
 say() { printf "== %d:%02d %s\n" $((SECONDS / 60)) $((SECONDS % 60)) "$*"; }

@@ -1,0 +1,22 @@
+// The groups of rows, a file each.
+#pragma once
+
+#include "bench/Report.h"
+#include "bench/Stage.h"
+
+namespace bench {
+
+// HandOutBench.cpp: a recording's way through the library on full disks, and the pool.
+void MeasureHandOut(const Settings& settings, Report* report);
+void MeasurePool(const Settings& settings, Report* report);
+// QuestionBench.cpp: playback, search and menus over many recordings.
+void MeasureQuestions(const Settings& settings, Report* report);
+// ListBench.cpp: recordings that overlap, and the list that the library keeps itself.
+void MeasureOverlap(const Settings& settings, Report* report);
+void MeasureListMode(const Settings& settings, Report* report);
+// DiskBench.cpp: adding disks, starting up, preparing.
+void MeasureAdding(const Settings& settings, Report* report);
+void MeasureStartUp(const Settings& settings, Report* report);
+void MeasurePreparing(const Settings& settings, Report* report);
+
+}  // namespace bench
