@@ -1,20 +1,13 @@
 #include <cstring>
 
 #include "fmgr/FmgrDataRepository.h"
+#include "fmgr/OneCall.h"
+#include "fmgr/PathOrder.h"
+#include "fmgr/RecordFileName.h"
 #include "fmgr/RecordList.h"
 
 namespace fmgr {
 namespace {
-
-// A disk whose name is empty can't be asked about: the driver's wrappers refuse null with a line of their own.
-class DiskName {
- public:
-  explicit DiskName(const FmgrDataRepository& repository) : mName(repository.GetDiskName()) {}
-  const char* OrNull() const { return mName.empty() ? nullptr : mName.c_str(); }
-
- private:
-  std::string mName;
-};
 
 constexpr char kAnyDisk[] = "";
 constexpr int kNextFileQuery = 1;
@@ -22,42 +15,99 @@ constexpr int kPreviousFileQuery = -1;
 
 }  // namespace
 
-int DriverRecordList::Count() const { return FlcGetFileCount(DiskName(mOwner).OrNull(), mOwner.Index()); }
+const char* DriverRecordList::Disk() const {
+  if (mDisk.empty()) mDisk = mOwner.GetDiskName();
+  return mDisk.empty() ? nullptr : mDisk.c_str();
+}
 
-// The result is not checked, deliberately: after a failure the zeroed record reads as a file in progress of
+DriverRecordList::Answers& DriverRecordList::Known() const {
+  const uint64_t call = OneCall::Current();
+  if (call == 0 || call != mKnown.call) {
+    mKnown.call = call;
+    mKnown.hasCount = mKnown.hasOldest = mKnown.hasNewest = false;
+  }
+  return mKnown;
+}
+
+int DriverRecordList::Count() const {
+  Answers& known = Known();
+  if (known.hasCount) return known.count;
+  const char* disk = Disk();
+  known.count = FlcGetFileCount(disk, mOwner.Index());
+  known.hasCount = disk != nullptr;  // what wasn't asked is refused again, and told again
+  return known.count;
+}
+
+// The results are not checked, deliberately: after a failure the zeroed record reads as a file in progress of
 // start 0, which no directory has, so whatever is done with it finds nothing.
-flc_file_info_param_t DriverRecordList::AskExtreme(int (*request)(const char*, flc_file_info_param_t*)) const {
+flc_file_info_param_t DriverRecordList::AskOldest() const {
   flc_file_info_param_t param = FlcFileParam(nullptr, mOwner.Index());
-  request(DiskName(mOwner).OrNull(), &param);
+  FlcGetOldestFile(Disk(), &param);
   return param;
+}
+
+flc_file_info_param_t DriverRecordList::AskNewest() const {
+  flc_file_info_param_t param = FlcFileParam(nullptr, mOwner.Index());
+  FlcGetNewestFile(Disk(), &param);
+  return param;
+}
+
+const flc_file_info_param_t& DriverRecordList::KnownOldest() const {
+  Answers& known = Known();
+  if (!known.hasOldest) known.oldest = AskOldest();
+  known.hasOldest = !mDisk.empty();
+  return known.oldest;
+}
+
+const flc_file_info_param_t& DriverRecordList::KnownNewest() const {
+  Answers& known = Known();
+  if (!known.hasNewest) known.newest = AskNewest();
+  known.hasNewest = !mDisk.empty();
+  return known.newest;
 }
 
 std::string DriverRecordList::Oldest() const {
   std::string name;
-  FmgrDataRepository::FlcFileInfoToFileName(name, AskExtreme(FlcGetOldestFile));
+  FmgrDataRepository::FlcFileInfoToFileName(name, KnownOldest());
   return name;
 }
 
 std::string DriverRecordList::Newest() const {
   std::string name;
-  FmgrDataRepository::FlcFileInfoToFileName(name, AskExtreme(FlcGetNewestFile));
+  FmgrDataRepository::FlcFileInfoToFileName(name, KnownNewest());
   return name;
+}
+
+// The same numbers that the names would be read as.
+int DriverRecordList::OldestStart() const { return static_cast<int>(KnownOldest().startTime); }
+
+int DriverRecordList::OldestEnd() const { return static_cast<int>(KnownOldest().endTime); }
+
+int DriverRecordList::NewestEnd(std::string& name) const {
+  const flc_file_info_param_t& newest = KnownNewest();
+  const int end = static_cast<int>(newest.endTime);
+  if (end < 1) FmgrDataRepository::FlcFileInfoToFileName(name, newest);
+  return end;
 }
 
 int DriverRecordList::EndBeforeNewest(int count) const {
   flc_file_info_param_t param = FlcFileParam(nullptr, mOwner.Index(), 0, 0, 0, count - 1);
-  return FlcGetFileAtPosition(DiskName(mOwner).OrNull(), &param) < 0 ? 0 : static_cast<int>(param.endTime);
+  return FlcGetFileAtPosition(Disk(), &param) < 0 ? 0 : static_cast<int>(param.endTime);
 }
 
 void DriverRecordList::Add(const std::string& name) {
-  FlcAddFile(mOwner.GetDiskName().c_str(), mOwner.Index(),
+  const char* disk = Disk();
+  mKnown.call = 0;
+  FlcAddFile(disk == nullptr ? "" : disk, mOwner.Index(),
              static_cast<uint32_t>(FmgrDataRepository::FileNameToStartTimeSec(name)),
              static_cast<uint32_t>(FmgrDataRepository::FileNameToEndTimeSec(name)),
              FmgrDataRepository::FileNameToChannelMask(name));
 }
 
 void DriverRecordList::Remove(uint32_t start) {
-  FlcRemoveFile(mOwner.GetDiskName().c_str(), mOwner.Index(), start);
+  const char* disk = Disk();
+  mKnown.call = 0;
+  FlcRemoveFile(disk == nullptr ? "" : disk, mOwner.Index(), start);
 }
 
 // The driver has no update request.
@@ -66,23 +116,24 @@ void DriverRecordList::Rename(const std::string& oldName, const std::string& new
   Add(newName);
 }
 
-void DriverRecordList::DropOldest() { Remove(AskExtreme(FlcGetOldestFile).startTime); }
+void DriverRecordList::DropOldest() { Remove(AskOldest().startTime); }
 
-void DriverRecordList::DropNewest() { Remove(AskExtreme(FlcGetNewestFile).startTime); }
+void DriverRecordList::DropNewest() { Remove(AskNewest().startTime); }
 
 bool DriverRecordList::DropOldestBefore(long limit) {
-  const uint32_t start = AskExtreme(FlcGetOldestFile).startTime;
+  const uint32_t start = AskOldest().startTime;
   if (static_cast<unsigned long>(limit) <= start) return false;
   Remove(start);
   return true;
 }
 
 // The answer may lie in another directory or on another disk; its own disk name and index say where.
-std::string DriverRecordList::PathOf(const flc_file_info_param_t& answer) const {
-  std::string name;
-  FmgrDataRepository::FlcFileInfoToFileName(name, answer);
-  const std::string disk(answer.diskName, strnlen(answer.diskName, sizeof answer.diskName));
-  return mOwner.FileNameToPath(name, answer.repository, disk.c_str());
+void DriverRecordList::SetPath(std::string& path, const flc_file_info_param_t& answer) const {
+  char disk[FLC_DISK_NAME_SIZE + 1] = {};
+  std::memcpy(disk, answer.diskName, FLC_DISK_NAME_SIZE);
+  path.clear();
+  mOwner.AppendPath(path, RecordName(answer.startTime, answer.endTime, answer.channelMask).Text(),
+                    answer.repository, disk);
 }
 
 bool DriverRecordList::NextFilePath(const std::string& path, std::string& next) const {
@@ -92,15 +143,15 @@ bool DriverRecordList::NextFilePath(const std::string& path, std::string& next) 
     // The caller holds the file that was being recorded: it gets the same recording under its present name.
     flc_file_info_param_t same =
         FlcFileParam(nullptr, mOwner.Index(), start, 0, FLC_ALL_CHANNELS, kNextFileQuery);
-    if (FlcGetFileByTime(DiskName(mOwner).OrNull(), &same) >= 0) {
-      next = PathOf(same);
+    if (FlcGetFileByTime(Disk(), &same) >= 0) {
+      SetPath(next, same);
       return true;
     }
   }
   flc_file_info_param_t following =
       FlcFileParam(kAnyDisk, FLC_ANY_REPOSITORY, start, 0, FLC_ALL_CHANNELS, kNextFileQuery);
   if (FlcGetNextFile(kAnyDisk, &following) < 0) return false;
-  next = PathOf(following);
+  SetPath(next, following);
   return true;
 }
 
@@ -110,28 +161,30 @@ bool DriverRecordList::PrevFilePath(const std::string& path, std::string& prev) 
       kAnyDisk, FLC_ANY_REPOSITORY, static_cast<uint32_t>(FmgrDataRepository::FileNameToStartTimeSec(name)), 0,
       FLC_ALL_CHANNELS, kPreviousFileQuery);
   if (FlcGetPreviousFile(kAnyDisk, &preceding) < 0) return false;
-  prev = PathOf(preceding);
+  SetPath(prev, preceding);
   return true;
 }
 
 int DriverRecordList::FilePath(int time, std::string& path, int mode) const {
   flc_file_info_param_t param =
       FlcFileParam(nullptr, mOwner.Index(), static_cast<uint32_t>(time), 0, FLC_ALL_CHANNELS, mode);
-  if (FlcGetFileByTime(DiskName(mOwner).OrNull(), &param) >= 0) {
+  if (FlcGetFileByTime(Disk(), &param) >= 0) {
     // Stays in `path` even when the newest file is refused below and the result is 0: deliberate.
-    path = PathOf(param);
+    SetPath(path, param);
     if (param.endTime != 0) return static_cast<int>(param.endTime);
   }
 
   // Nothing found, or the file being recorded, whose real end only its header knows.
-  const std::string newest = Newest();
-  const int newestStart = FmgrDataRepository::FileNameToStartTimeSec(newest);
-  const int newestEnd = FmgrDataRepository::FileNameToEndTimeSec(newest);
+  const flc_file_info_param_t newest = KnownNewest();
+  const int newestStart = static_cast<int>(newest.startTime);
+  const int newestEnd = static_cast<int>(newest.endTime);
   // Opening a file is dear; these two refusals stand whatever its header says.
   if (mode <= 0 && time < newestStart) return 0;
   if (mode >= 1 && newestEnd != 0 && newestEnd <= time) return 0;
 
-  const std::string newestPath = mOwner.Path() + newest;
+  std::string newestPath;
+  mOwner.AppendPath(newestPath, RecordName(newest.startTime, newest.endTime, newest.channelMask).Text(), -1,
+                    nullptr);
   int end = 0;
   if (!ReadEndTime(newestPath, end)) return 0;
   // Looking back, a growing recording serves whatever its end is by now.
@@ -141,14 +194,14 @@ int DriverRecordList::FilePath(int time, std::string& path, int mode) const {
   return end;
 }
 
-int DriverRecordList::Collect(std::list<std::string>& paths, int from, int to, uint32_t channelMask) const {
-  const std::string disk = mOwner.GetDiskName();
-  if (disk.empty()) return 0;  // the driver would take it for any disk
+int DriverRecordList::Collect(PathOrder& paths, int from, int to, uint32_t channelMask) const {
+  const char* disk = Disk();
+  if (disk == nullptr) return 0;  // the driver would take it for any disk
   flc_file_info_param_t page[FLC_PAGE_SIZE] = {};
   int count = 0;
   for (;;) {
     // Only these fields are written: from the second page on the query word keeps what the answer left there.
-    FlcSetDiskName(page[0].diskName, disk.c_str());
+    FlcSetDiskName(page[0].diskName, disk);
     page[0].repository = mOwner.Index();
     page[0].startTime = static_cast<uint32_t>(from);
     page[0].endTime = static_cast<uint32_t>(to);
@@ -156,9 +209,9 @@ int DriverRecordList::Collect(std::list<std::string>& paths, int from, int to, u
     const int found = FlcGetFilesInInterval(page);
     if (found < 1) return count;
     for (int i = 0; i < found && i < FLC_PAGE_SIZE; ++i) {
-      std::string name;
-      FmgrDataRepository::FlcFileInfoToFileName(name, page[i]);
-      paths.push_back(mOwner.FileNameToPath(name, -1, nullptr));
+      mOwner.AppendPath(paths.Append(page[i].startTime),
+                        RecordName(page[i].startTime, page[i].endTime, page[i].channelMask).Text(), -1,
+                        nullptr);
     }
     count += found;
     const uint32_t lastEnd = page[FLC_PAGE_SIZE - 1].endTime;

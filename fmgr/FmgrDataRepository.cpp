@@ -15,6 +15,7 @@
 #include "fmgr/FmgrErrorRepository.h"
 #include "fmgr/FmgrFreeRepository.h"
 #include "fmgr/Log.h"
+#include "fmgr/PathOrder.h"
 #include "fmgr/RecordFileName.h"
 #include "fmgr/RecordList.h"
 #include "fmgr/ShellPath.h"
@@ -257,22 +258,20 @@ std::string FmgrDataRepository::GetOldestFile() const { return mRecords->Oldest(
 
 std::string FmgrDataRepository::GetNewestFile() const { return mRecords->Newest(); }
 
-int FmgrDataRepository::GetStartTimeSec() const {
-  return IsEmpty() ? -1 : FileNameToStartTimeSec(GetOldestFile());
-}
+int FmgrDataRepository::GetStartTimeSec() const { return mRecords->IsEmpty() ? -1 : mRecords->OldestStart(); }
 
 int FmgrDataRepository::GetEndTimeSec() const {
   const int count = GetFileCount();
   if (count == 0) return 0;
-  const std::string newest = GetNewestFile();
-  if (IsCompletedFile(newest)) {
-    const int end = FileNameToEndTimeSec(newest);
-    if (end >= 1) return end;
+  std::string newest;
+  int end = mRecords->NewestEnd(newest);
+  if (end >= 1) return end;
+  if (end != 0) {
     fmgr::LogError(kUnit, 139, "Can't get end stream time '%s'\n", newest.c_str());
     return 0;
   }
   // Still being recorded: its header knows better than the file before it.
-  int end = count < 2 ? 0 : mRecords->EndBeforeNewest(count);
+  end = count < 2 ? 0 : mRecords->EndBeforeNewest(count);
   int growingEnd = 0;
   if (fmgr::ReadEndTime(mPath + newest, growingEnd) && growingEnd >= 1) end = growingEnd;
   return end;
@@ -287,7 +286,7 @@ bool FmgrDataRepository::GetTimeRange(int& start, int& end) const {
 
 bool FmgrDataRepository::IsExistTimeOverFile(long limit) const {
   if (IsEmpty()) return false;
-  const int end = FileNameToEndTimeSec(GetOldestFile());
+  const int end = mRecords->OldestEnd();
   return end != 0 && limit != 0 && end <= limit;
 }
 
@@ -327,6 +326,11 @@ bool FmgrDataRepository::FindFileNameByStartTime(int startTime, std::string& pat
 
 int FmgrDataRepository::CollectFileList(std::list<std::string>& paths,
                                         const ImfSearchCondition& condition) const {
+  fmgr::PathOrder order(paths);
+  return CollectFileList(order, condition);
+}
+
+int FmgrDataRepository::CollectFileList(fmgr::PathOrder& paths, const ImfSearchCondition& condition) const {
   constexpr int64_t kMicrosecondsPerSecond = 1000000;
   if (IsEmpty()) return 0;
   return mRecords->Collect(paths, static_cast<int>(condition.startTime / kMicrosecondsPerSecond),

@@ -15,6 +15,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "Flc.h"
 #include "ImfSearchCondition.h"
@@ -27,8 +28,9 @@ class RecoveryObserver;
 struct TimeSearchChart;
 
 namespace fmgr {
+class PathOrder;
 class RecordList;
-}
+}  // namespace fmgr
 
 class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
  public:
@@ -84,6 +86,8 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
   // Index -1: this directory's path and the name. Else the name in data directory `index` of the disk at
   // LINKROOT/disk/diskName, or of this disk when `diskName` is null.
   std::string FileNameToPath(const std::string& name, int index, const char* diskName) const;
+  // The same, behind what `out` holds.
+  FMGR_INTERNAL void AppendPath(std::string& out, std::string_view name, int index, const char* diskName) const;
 
   // --- Record files in and out. `mode` 1 tells the recovery observer before the file leaves. ---
 
@@ -140,6 +144,8 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
   // Adds the paths of completed files that overlap the interval to `paths`. Result: how many were added. Cache
   // mode appends in order of end time; list mode inserts by start time.
   int CollectFileList(std::list<std::string>& paths, const ImfSearchCondition& condition) const;
+  // The same for one directory of several, whose order goes from one to the next.
+  FMGR_INTERNAL int CollectFileList(fmgr::PathOrder& paths, const ImfSearchCondition& condition) const;
   // Adds this directory's recordings to the chart, or widens its hints when it lies wholly outside the
   // interval. True when the search database was read.
   bool CollectSearchData(TimeSearchChart* chart) const;
@@ -184,7 +190,7 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
   FmgrErrorRepository* mErrorRepository = nullptr;
   int mInotifyFd = -1;
   int mWatchFd = -1;
-  alignas(8) char mEventBuffer[32768];
   unsigned mUseCache = 0;
-  std::unique_ptr<fmgr::RecordList> mRecords;
+  std::unique_ptr<fmgr::RecordList> mRecords;  // before the buffer: what every question reads lies together
+  alignas(8) char mEventBuffer[32768];
 };

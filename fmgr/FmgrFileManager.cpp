@@ -11,6 +11,7 @@
 #include "fmgr/FmgrPreAllocRepository.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "fmgr/Log.h"
+#include "fmgr/OneCall.h"
 
 namespace {
 
@@ -74,6 +75,7 @@ int FmgrFileManager::RemainRecordSize(const char* mount, int& preallocMiB) const
 }
 
 int FmgrFileManager::GetRemainSize(int& totalMiB) const {
+  const fmgr::OneCall call;
   totalMiB = 0;
   int free = 0;
   for (const FmgrRepositoryGroup* group : mGroups) {

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_set>
 #include <vector>
 
 #include "fmgr/FileListing.h"
@@ -34,9 +35,30 @@ int RenameToNewName(const char* source, const char* target) {
   return errno == ENOENT ? std::rename(source, target) : -1;
 }
 
+// The number whose pool name this is; -1 for a name that a pool doesn't give.
+int NumberOf(const std::string& name) {
+  errno = 0;
+  const long number = std::strtol(name.c_str(), nullptr, 10);
+  if (errno != 0 || number < 0 || number > INT_MAX) return -1;
+  return FmgrRepository::MakeFileName(static_cast<int>(number)) == name ? static_cast<int>(number) : -1;
+}
+
 }  // namespace
 
-FmgrFreeRepository::FmgrFreeRepository(std::string mount) : mPath(mount + "/imf_free/") {
+struct FmgrFreeRepository::Pool {
+  std::string path;  // with a slash at its end
+  // No pool name in the list has a number above this one, as long as the list is what it was.
+  int highest = -1;
+  // By what it is known again: the number of entries, and where the first and the last one lie.
+  size_t count = 0;
+  const std::string* first = nullptr;
+  const std::string* last = nullptr;
+};
+
+static_assert(sizeof(FmgrFreeRepository) == sizeof(FmgrRepository) + sizeof(std::string));
+
+FmgrFreeRepository::FmgrFreeRepository(std::string mount) : mPool(std::make_unique<Pool>()) {
+  mPool->path = mount + "/imf_free/";
   if (!ListUp()) fmgr::LogError(kUnit, 21, "free repo list-up failure!");
 }
 
@@ -44,13 +66,29 @@ FmgrFreeRepository::~FmgrFreeRepository() = default;
 
 int FmgrFreeRepository::ListUp() {
   std::vector<std::string> paths;
-  const int error = fmgr::Expand(fmgr::RecordFilePattern(mPath), paths);
+  const int error = fmgr::Expand(fmgr::RecordFilePattern(mPool->path), paths);
   if (error != 0) {
     fmgr::LogError(kUnit, 41, "glob failure! (%d)\n", error);
     return 0;
   }
   for (const std::string& path : paths) files.push_back(PathToFileName(path));
+  NoteList(true);
   return 1;
+}
+
+void FmgrFreeRepository::NoteList(bool isNew) {
+  if (isNew || files.empty()) mPool->highest = -1;
+  if (isNew) {
+    for (const std::string& name : files) mPool->highest = std::max(mPool->highest, NumberOf(name));
+  }
+  mPool->count = files.size();
+  mPool->first = files.empty() ? nullptr : &files.front();
+  mPool->last = files.empty() ? nullptr : &files.back();
+}
+
+bool FmgrFreeRepository::IsListAsNoted() const {
+  if (files.size() != mPool->count) return false;
+  return files.empty() || (&files.front() == mPool->first && &files.back() == mPool->last);
 }
 
 int FmgrFreeRepository::GetFileCount() const { return static_cast<int>(files.size()); }
@@ -59,16 +97,18 @@ int FmgrFreeRepository::GetLastFreeFileIndex() {
   return files.empty() ? 0 : static_cast<int>(std::strtol(files.back().c_str(), nullptr, 10));
 }
 
-std::string FmgrFreeRepository::FileNameToPath(const std::string& name) { return mPath + name; }
+std::string FmgrFreeRepository::FileNameToPath(const std::string& name) { return mPool->path + name; }
 
 int FmgrFreeRepository::GetFileSize() const {
-  return files.empty() ? 0 : FmgrRepository::GetFileSize(mPath + files.front());
+  return files.empty() ? 0 : FmgrRepository::GetFileSize(mPool->path + files.front());
 }
 
 std::string FmgrFreeRepository::Pop() {
+  const bool isNoted = IsListAsNoted();
   const std::string name = files.front();
   files.pop_front();
-  return mPath + name;
+  if (isNoted) NoteList(false);
+  return mPool->path + name;
 }
 
 int FmgrFreeRepository::Push(std::string& source) {
@@ -81,14 +121,24 @@ int FmgrFreeRepository::Push(std::string& source) {
   // Taken numbers are passed over, since renaming onto a pool file would lose it: those in the list, which come
   // up where a foreign name stands at the pool's end, and those on the disk alone. The list loses a name when a
   // file that was popped could not be moved out.
+  std::unordered_set<int> listed;
+  if (!IsListAsNoted()) NoteList(true);
   int next = index;
   for (;;) {
     next = next == INT_MAX ? 1 : next + 1;
+    // As a rule the last entry has the highest number, and the list needn't be looked through.
+    if (next <= mPool->highest) {
+      if (listed.empty()) {
+        for (const std::string& name : files) listed.insert(NumberOf(name));
+      }
+      if (listed.count(next) != 0) continue;
+    }
     const std::string name = MakeFileName(next);
-    if (std::find(files.begin(), files.end(), name) != files.end()) continue;
     const std::string target = FileNameToPath(name);
     if (RenameToNewName(source.c_str(), target.c_str()) == 0) {
       files.push_back(name);
+      mPool->highest = std::max(mPool->highest, next);
+      NoteList(false);
       return 1;
     }
     if (errno == EEXIST) continue;
@@ -99,13 +149,13 @@ int FmgrFreeRepository::Push(std::string& source) {
 }
 
 int FmgrFreeRepository::Make(FmgrPreAllocRepository& prealloc, ProgressIndicator* indicator) {
-  if (IsExistDir(mPath)) {
+  if (IsExistDir(mPool->path)) {
     fmgr::LogError(kUnit, 103, "Can't create free record file repository! (%s), already exist\n",
-                   mPath.c_str());
+                   mPool->path.c_str());
     return 0;
   }
-  if (!CreateDir(mPath)) {
-    fmgr::LogError(kUnit, 109, "Can't create free record file repository! (%s)\n", mPath.c_str());
+  if (!CreateDir(mPool->path)) {
+    fmgr::LogError(kUnit, 109, "Can't create free record file repository! (%s)\n", mPool->path.c_str());
     return 0;
   }
   // A copy: the indicator is the application's, and may change the list while it draws.

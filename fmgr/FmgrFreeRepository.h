@@ -2,6 +2,7 @@
 // queue of files that recordings take and give back.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "ProgressIndicator.h"
@@ -10,7 +11,8 @@
 class FmgrPreAllocRepository;
 
 // `files` holds bare names in pool order: ascending by name as found at construction, then in the order of
-// pushing. The directory is read once, by the constructor; afterwards only Pop and Push change the list.
+// pushing. The directory is read once, by the constructor; afterwards only Pop and Push change the list, and
+// the application, which may take entries out or add some at either end.
 class FMGR_EXPORT FmgrFreeRepository : public FmgrRepository {
  public:
   // Lists MOUNT/imf_free/. A directory that can't be listed is logged and leaves an empty pool.
@@ -42,5 +44,12 @@ class FMGR_EXPORT FmgrFreeRepository : public FmgrRepository {
   int Make(FmgrPreAllocRepository& prealloc, ProgressIndicator* indicator);
 
  private:
-  std::string mPath;  // with a slash at its end
+  struct Pool;
+  void NoteList(bool isNew);
+  bool IsListAsNoted() const;
+
+  std::unique_ptr<Pool> mPool;
+  // A group holds its pool by value, and binaries know what lies behind it: this takes as much room as it
+  // always has.
+  [[maybe_unused]] char mReserved[sizeof(std::string) - sizeof(void*)] = {};
 };

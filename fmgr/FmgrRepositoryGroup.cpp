@@ -74,10 +74,13 @@ int FmgrRepositoryGroup::DataRepositoryListUp(std::string path) {
       fmgr::LogError(kUnit, 109, "data repository list up failure! (%s)\n", repository->Path().c_str());
       continue;
     }
-    // By number, not by name: data_10 comes after data_9.
-    const auto position =
-        std::find_if(mDataRepositories.begin(), mDataRepositories.end(),
-                     [&](const FmgrDataRepository* entry) { return entry->Index() >= repository->Index(); });
+    // By number, not by name: data_10 comes after data_9. As a rule both rise, and it goes to the end.
+    auto position = mDataRepositories.end();
+    if (!mDataRepositories.empty() && mDataRepositories.back()->Index() >= repository->Index()) {
+      position =
+          std::find_if(mDataRepositories.begin(), mDataRepositories.end(),
+                       [&](const FmgrDataRepository* entry) { return entry->Index() >= repository->Index(); });
+    }
     mDataRepositories.insert(position, repository.release());
   }
   return 1;

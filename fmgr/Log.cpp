@@ -9,33 +9,43 @@
 namespace fmgr {
 namespace {
 
-__attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list arguments) {
+std::string Prefix() { return gpDebugPrefix == nullptr ? "(null)" : gpDebugPrefix; }
+
+// One call to stdio per line, so that lines of several threads of the recorder don't run into one another. Each
+// is formatted once, as a rule: every hand-out tells of several moves.
+__attribute__((format(printf, 2, 0))) void Print(std::string line, const char* format, va_list arguments,
+                                                 const char* tail) {
   va_list again;
   va_copy(again, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, arguments);
-  std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-  if (length > 0) std::vsnprintf(text.data(), text.size() + 1, format, again);
+  char text[512];
+  const int size = std::vsnprintf(text, sizeof text, format, arguments);
+  if (size > 0 && static_cast<size_t>(size) < sizeof text) {
+    line.append(text, static_cast<size_t>(size));
+  } else if (size > 0) {
+    const size_t head = line.size();
+    line.resize(head + static_cast<size_t>(size));
+    std::vsnprintf(&line[head], static_cast<size_t>(size) + 1, format, again);
+  }
   va_end(again);
-  return text;
+  line += tail;
+  std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
 }  // namespace
 
-// One call to stdio per line, so that lines of several threads of the recorder don't run into one another.
 void LogError(const char* unit, int line, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const std::string message = Format(format, arguments);
+  Print("\033[31;1mErr (" + Prefix() + "/" + unit + ":" + std::to_string(line) + ") ", format, arguments,
+        "\033[0m");
   va_end(arguments);
-  std::fprintf(stderr, "\033[31;1mErr (%s/%s:%d) %s\033[0m", gpDebugPrefix, unit, line, message.c_str());
 }
 
 void LogDebug(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const std::string message = Format(format, arguments);
+  Print("Dbg (" + Prefix() + ") ", format, arguments, "");
   va_end(arguments);
-  std::fprintf(stderr, "Dbg (%s) %s", gpDebugPrefix, message.c_str());
 }
 
 }  // namespace fmgr

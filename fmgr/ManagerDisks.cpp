@@ -12,6 +12,7 @@
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "fmgr/Log.h"
+#include "fmgr/OneCall.h"
 
 namespace {
 
@@ -103,6 +104,7 @@ int FmgrFileManager::NextIndex(const FmgrRepositoryGroup& group) {
 
 int FmgrFileManager::ChangeToNextGroup(int force) {
   if (mGroups.empty()) return 0;
+  const fmgr::OneCall call;
   const FmgrRepositoryGroup* before = mGroups.back();
   // Data directory numbers go on across disks.
   const int nextIndex = NextIndex(*before);
@@ -140,6 +142,7 @@ int FmgrFileManager::ForceChangeCurrentDisk() {
 }
 
 FmgrRepositoryGroup* FmgrFileManager::GetOldestRepositoryGroup() const {
+  const fmgr::OneCall call;
   FmgrRepositoryGroup* oldest = nullptr;
   int oldestStart = 0;
   for (FmgrRepositoryGroup* group : mGroups) {

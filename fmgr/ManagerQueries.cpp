@@ -8,6 +8,8 @@
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "fmgr/Log.h"
+#include "fmgr/OneCall.h"
+#include "fmgr/PathOrder.h"
 #include "fmgr/RepositoryOrder.h"
 
 namespace {
@@ -22,6 +24,7 @@ int TimeRangeOf(const std::list<FmgrRepositoryGroup*>& groups, int& start, int& 
   end = 0;
   int earliest = 0;
   int latest = 0;
+  const fmgr::OneCall call;
   const fmgr::RepositoryOrder order = fmgr::GatherByStart(groups);
   for (const fmgr::RepositoryStart& entry : order) {
     if (entry.start != 0 && (earliest == 0 || entry.start < earliest)) earliest = entry.start;
@@ -54,15 +57,16 @@ bool MonthStart(int64_t year, int month, std::tm& broken, int64_t& start) {
 }  // namespace
 
 int FmgrFileManager::GetFilePath(int time, std::string& path, int mode) {
+  const fmgr::OneCall call;
   bool found = false;
   int chosenEnd = 0;
+  std::string candidate;
   for (const fmgr::RepositoryStart& entry : fmgr::GatherByStart(ActiveGroups())) {
-    std::string candidate;
     const int end = entry.repository->GetFilePath(time, candidate, mode);
     if (end == 0) continue;
     // Of equal ends, the later directory serves a search that looks back.
     if (!found || (mode > 0 ? end < chosenEnd : end >= chosenEnd)) {
-      path = candidate;
+      path.swap(candidate);
       chosenEnd = end;
       found = true;
     }
@@ -71,11 +75,13 @@ int FmgrFileManager::GetFilePath(int time, std::string& path, int mode) {
 }
 
 unsigned FmgrFileManager::GetNextFilePath(const std::string& path, std::string& next) {
+  const fmgr::OneCall call;
   const FmgrDataRepository* owner = fmgr::FindFirstOwner(ActiveGroups(), path);
   return owner != nullptr && owner->GetNextFilePath(path, next) ? FMGR_DONE : FMGR_NO_DISK_OR_OWNER;
 }
 
 unsigned FmgrFileManager::GetPrevFilePath(const std::string& path, std::string& prev) {
+  const fmgr::OneCall call;
   const FmgrDataRepository* owner = fmgr::FindLastOwner(ActiveGroups(), path);
   if (owner == nullptr) return FMGR_NO_DISK_OR_OWNER;
   if (owner->GetPrevFilePath(path, prev)) return FMGR_DONE;
@@ -98,6 +104,7 @@ int FmgrFileManager::GetExternalTimeRange(int& start, int& end) const {
 }
 
 int FmgrFileManager::CollectSearchData(TimeSearchChart* chart) const {
+  const fmgr::OneCall call;
   chart->latestEndBefore = 0;
   chart->earliestStartAfter = 0;
   int collected = 0;
@@ -108,9 +115,11 @@ int FmgrFileManager::CollectSearchData(TimeSearchChart* chart) const {
 }
 
 int FmgrFileManager::CollectFileList(std::list<std::string>& files, const ImfSearchCondition& condition) const {
+  const fmgr::OneCall call;
   const fmgr::RepositoryOrder order = fmgr::GatherByStart(ActiveGroups());
   if (order.empty()) return FMGR_NO_DISK_OR_OWNER;
-  for (const fmgr::RepositoryStart& entry : order) entry.repository->CollectFileList(files, condition);
+  fmgr::PathOrder paths(files);
+  for (const fmgr::RepositoryStart& entry : order) entry.repository->CollectFileList(paths, condition);
   // Entries from before the call count too.
   return files.empty() ? FMGR_NO_DISK_OR_OWNER : FMGR_DONE;
 }
@@ -118,6 +127,7 @@ int FmgrFileManager::CollectFileList(std::list<std::string>& files, const ImfSea
 int FmgrFileManager::CollectTimeRange(ipc_menu_disk_stream_t& menu) const {
   const GroupList& groups = ActiveGroups();
   if (groups.empty()) return 0;
+  const fmgr::OneCall call;
   menu.kind = 2;
   for (ipc_menu_disk_entry_t& entry : menu.entries) {
     if (entry.inUse == 0) continue;
@@ -209,6 +219,7 @@ int FmgrFileManager::GetFreeFileCount(std::string diskPath) const {
 
 int FmgrFileManager::GetTotalFileCount(std::string diskPath) const {
   int count = 0;
+  const fmgr::OneCall call;
   for (const FmgrRepositoryGroup* group : ActiveGroups()) {
     if (group->Path() == diskPath) count += group->GetFreeFileCount() + group->GetRecordFileCount();
   }

@@ -4,6 +4,7 @@
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "fmgr/Log.h"
+#include "fmgr/OneCall.h"
 #include "fmgr/RepositoryOrder.h"
 
 namespace {
@@ -20,6 +21,7 @@ constexpr int kPreserveHours[] = {0, 12, 24, 48, 72, 96, 120, 144, 168, 336, 0, 
 
 int FmgrFileManager::MakeRecordFile(timeval& time, std::string& path) {
   if (ActiveGroups().empty()) return FMGR_NO_DISK_OR_OWNER;
+  const fmgr::OneCall call;
   FmgrRepositoryGroup* group = CurrentRepositoryGroup();
   if (group->GetFreeFileCount() == 0) {
     if (!ChangeToNextGroup(0)) {
@@ -59,20 +61,26 @@ void FmgrFileManager::CheckRepositoryChangeCondition(int newTime) {
   const FmgrDataRepository* newest = current->mDataRepositories.back();
   if (newest == nullptr) return;
 
-  bool conflict = false;
+  const fmgr::OneCall call;
+  fmgr::RepositoryOrder conflicts;
   const int newestStart = newest->GetStartTimeSec();
   if (newestStart > 0) {
-    for (const auto& [start, repository] : fmgr::GatherByStart(groups)) {
-      if (repository->Index() == newest->Index()) continue;
-      if (newestStart >= start || start <= 0 || start >= newTime) continue;
-      // Every one is logged: support wants to see them all.
-      fmgr::LogDebug(
-          "current time is conflict with repository %d! new stream time(0x%x) conflict repo start time(0x%x)\n",
-          repository->Index(), static_cast<unsigned>(newTime), static_cast<unsigned>(start));
-      conflict = true;
+    for (const FmgrRepositoryGroup* group : groups) {
+      for (FmgrDataRepository* repository : group->mDataRepositories) {
+        const int start = repository->GetStartTimeSec();
+        if (repository->Index() == newest->Index()) continue;
+        if (newestStart < start && 0 < start && start < newTime) conflicts.push_back({start, repository});
+      }
     }
   }
-  if (!conflict && current->IsNeedChangeRepository(newTime) != 1) return;
+  // Every one is logged: support wants to see them all.
+  fmgr::SortByStart(conflicts);
+  for (const auto& [start, repository] : conflicts) {
+    fmgr::LogDebug(
+        "current time is conflict with repository %d! new stream time(0x%x) conflict repo start time(0x%x)\n",
+        repository->Index(), static_cast<unsigned>(newTime), static_cast<unsigned>(start));
+  }
+  if (conflicts.empty() && current->IsNeedChangeRepository(newTime) != 1) return;
 
   if (current->GetFreeFileCount() < 1) {
     ChangeToNextGroup(1);
@@ -97,6 +105,7 @@ int FmgrFileManager::MakeCheckInitDataRepository() {
 }
 
 int FmgrFileManager::RemoveOldestRecordFile() {
+  const fmgr::OneCall call;
   FmgrRepositoryGroup* oldest = nullptr;
   int oldestStart = 0;
   // A disk without recordings (start 0) takes part like any other; CheckPreserveTime skips it, deliberately.
@@ -112,6 +121,7 @@ int FmgrFileManager::RemoveOldestRecordFile() {
 
 int FmgrFileManager::MoveRecordFileToErrorRepository(std::string path, int errorCode) {
   if (mGroups.empty()) return 0;
+  const fmgr::OneCall call;
   FmgrDataRepository* owner = fmgr::FindFirstOwner(mGroups, path);
   if (owner == nullptr) return 1;  // not ours, so nothing is left to do
   return owner->MoveRecordFileToErrorRepository(path, errorCode) == 1 ? 1 : 0;
@@ -119,6 +129,7 @@ int FmgrFileManager::MoveRecordFileToErrorRepository(std::string path, int error
 
 int FmgrFileManager::RenameRecordFile(const std::string& path, int endTime, unsigned mask,
                                       std::string& newPath) {
+  const fmgr::OneCall call;
   FmgrDataRepository* owner = fmgr::FindFirstOwner(mGroups, path);
   if (owner == nullptr) return FMGR_NO_DISK_OR_OWNER;
   owner->RenameRecordFile(path, endTime, mask, newPath);
@@ -134,6 +145,7 @@ void FmgrFileManager::CheckPreserveTime(int rounds) {
   const GroupList& groups = ActiveGroups();
   if (groups.empty() || mPreserveLimitHour == 0) return;
   const long limit = static_cast<long>(std::time(nullptr)) - kSecondsPerHour * mPreserveLimitHour;
+  const fmgr::OneCall call;
   FmgrRepositoryGroup* candidate = groups.front();
   for (int round = 0; round < rounds; ++round) {
     unsigned candidateStart = static_cast<unsigned>(candidate->GetStartTime());

@@ -1,10 +1,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <vector>
 
 #include "ImfFile.h"
 #include "fmgr/FmgrDataRepository.h"
+#include "fmgr/PathOrder.h"
 #include "fmgr/RecordFileName.h"
 #include "fmgr/RecordList.h"
 
@@ -18,6 +18,15 @@ bool ReadEndTime(const std::string& path, int& end) {
   if (error != IMF_ERROR_NONE) return false;
   end = file.GetEndTime();
   return true;
+}
+
+int MemoryRecordList::OldestStart() const { return FmgrDataRepository::FileNameToStartTimeSec(Oldest()); }
+
+int MemoryRecordList::OldestEnd() const { return FmgrDataRepository::FileNameToEndTimeSec(Oldest()); }
+
+int MemoryRecordList::NewestEnd(std::string& name) const {
+  name = Newest();
+  return FmgrDataRepository::FileNameToEndTimeSec(name);
 }
 
 int MemoryRecordList::EndBeforeNewest(int) const {
@@ -87,30 +96,18 @@ int MemoryRecordList::FilePath(int time, std::string& path, int) const {
   const int directoryEnd = mOwner.GetEndTimeSec();
   if (directoryEnd <= time || directoryEnd <= 0) return 0;
   for (const std::string& name : mNames) {
-    const std::string candidate = mOwner.FileNameToPath(name, -1, nullptr);
     int end = FmgrDataRepository::FileNameToEndTimeSec(name);
-    if (end == 0) ReadEndTime(candidate, end);
+    if (end == 0) ReadEndTime(mOwner.FileNameToPath(name, -1, nullptr), end);
     if (end >= time) {
-      path = candidate;
+      path = mOwner.FileNameToPath(name, -1, nullptr);
       return end;
     }
   }
   return 0;
 }
 
-int MemoryRecordList::Collect(std::list<std::string>& paths, int from, int to, uint32_t channelMask) const {
+int MemoryRecordList::Collect(PathOrder& paths, int from, int to, uint32_t channelMask) const {
   if (mOwner.GetStartTimeSec() >= to || from >= mOwner.GetEndTimeSec()) return 0;
-
-  // `paths` may hold entries of other directories; they take part in the ordering. Their starts are read once.
-  struct Entry {
-    uint32_t start;
-    std::list<std::string>::iterator position;
-  };
-  std::vector<Entry> entries;
-  for (auto position = paths.begin(); position != paths.end(); ++position) {
-    entries.push_back({static_cast<uint32_t>(PathToStartTime(*position)), position});
-  }
-
   int count = 0;
   for (const std::string& name : mNames) {
     const int start = FmgrDataRepository::FileNameToStartTimeSec(name);
@@ -119,12 +116,8 @@ int MemoryRecordList::Collect(std::list<std::string>& paths, int from, int to, u
     // OR, not AND: only a file without any channel is rejected, and only by a search for none. Deliberate: a
     // disk attached for reading out shows everything.
     if (start >= to || end <= from || (mask | channelMask) == 0) continue;
-    const auto before = std::find_if(entries.begin(), entries.end(), [start](const Entry& entry) {
-      return entry.start >= static_cast<uint32_t>(start);
-    });
-    const auto position = paths.insert(before == entries.end() ? paths.end() : before->position,
-                                       mOwner.FileNameToPath(name, -1, nullptr));
-    entries.insert(before, {static_cast<uint32_t>(start), position});
+    // `paths` may hold entries of other directories; they take part in the ordering.
+    mOwner.AppendPath(paths.Insert(static_cast<uint32_t>(start)), name, -1, nullptr);
     ++count;
   }
   return count;

@@ -21,11 +21,25 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace fmgr {
 
 std::string InProgressName(uint32_t start);
 std::string CompletedName(uint32_t start, uint32_t end, uint32_t mask);
+
+// The name that a record of the driver stands for (an end of 0: in progress), without memory of its own from
+// the heap.
+class RecordName {
+ public:
+  RecordName(uint32_t start, uint32_t end, uint32_t mask);
+  std::string_view Text() const { return {mText, mSize}; }
+
+ private:
+  char mText[40];
+  size_t mSize;
+};
+
 // A start time as it stands at the beginning of a name.
 std::string StartPrefix(uint32_t start);
 std::string DataDirectoryName(int index);

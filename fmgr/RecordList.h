@@ -12,6 +12,8 @@ class FmgrDataRepository;
 
 namespace fmgr {
 
+class PathOrder;
+
 class RecordList {
  public:
   virtual ~RecordList() = default;
@@ -22,6 +24,11 @@ class RecordList {
   // Names.
   virtual std::string Oldest() const = 0;
   virtual std::string Newest() const = 0;
+  // What the oldest name says.
+  virtual int OldestStart() const = 0;
+  virtual int OldestEnd() const = 0;
+  // The end that the newest name says; unless that is a time, `name` gets the name too.
+  virtual int NewestEnd(std::string& name) const = 0;
   // End of the file before the newest of `count` files (2 or more), 0 when unknown.
   virtual int EndBeforeNewest(int count) const = 0;
 
@@ -37,19 +44,22 @@ class RecordList {
   virtual bool PrevFilePath(const std::string& path, std::string& prev) const = 0;
   virtual int FilePath(int time, std::string& path, int mode) const = 0;
   // `from` and `to` in seconds since the epoch.
-  virtual int Collect(std::list<std::string>& paths, int from, int to, uint32_t channelMask) const = 0;
+  virtual int Collect(PathOrder& paths, int from, int to, uint32_t channelMask) const = 0;
 };
 
-// The driver's list (cache mode).
+// The driver's list (cache mode). Within one call of the file manager its answers stand (OneCall.h).
 class DriverRecordList : public RecordList {
  public:
-  // `owner` outlives the list.
+  // `owner` outlives the list, and its disk's name doesn't change.
   explicit DriverRecordList(const FmgrDataRepository& owner) : mOwner(owner) {}
 
   int Count() const override;
   bool IsEmpty() const override { return Count() == 0; }
   std::string Oldest() const override;
   std::string Newest() const override;
+  int OldestStart() const override;
+  int OldestEnd() const override;
+  int NewestEnd(std::string& name) const override;
   int EndBeforeNewest(int count) const override;
   void Add(const std::string& name) override;
   void Rename(const std::string& oldName, const std::string& newName) override;
@@ -59,14 +69,34 @@ class DriverRecordList : public RecordList {
   bool NextFilePath(const std::string& path, std::string& next) const override;
   bool PrevFilePath(const std::string& path, std::string& prev) const override;
   int FilePath(int time, std::string& path, int mode) const override;
-  int Collect(std::list<std::string>& paths, int from, int to, uint32_t channelMask) const override;
+  int Collect(PathOrder& paths, int from, int to, uint32_t channelMask) const override;
 
  private:
-  flc_file_info_param_t AskExtreme(int (*request)(const char*, flc_file_info_param_t*)) const;
-  std::string PathOf(const flc_file_info_param_t& answer) const;
+  // Null for a disk without a name, which can't be asked about: the driver's wrappers refuse it with a line.
+  const char* Disk() const;
+  flc_file_info_param_t AskOldest() const;
+  flc_file_info_param_t AskNewest() const;
+  const flc_file_info_param_t& KnownOldest() const;
+  const flc_file_info_param_t& KnownNewest() const;
+  void SetPath(std::string& path, const flc_file_info_param_t& answer) const;
   void Remove(uint32_t start);
 
+  // What the driver has answered in one call.
+  struct Answers {
+    uint64_t call = 0;  // 0: none
+    bool hasCount = false;
+    bool hasOldest = false;
+    bool hasNewest = false;
+    int count = 0;
+    flc_file_info_param_t oldest{};
+    flc_file_info_param_t newest{};
+  };
+  // Those of the call that goes on; empty when there is none.
+  Answers& Known() const;
+
   const FmgrDataRepository& mOwner;
+  mutable std::string mDisk;  // read when it is needed first
+  mutable Answers mKnown;
 };
 
 // Bare names, oldest first (list mode).
@@ -80,6 +110,9 @@ class MemoryRecordList : public RecordList {
   bool IsEmpty() const override { return mNames.empty(); }
   std::string Oldest() const override { return mNames.empty() ? "" : mNames.front(); }
   std::string Newest() const override { return mNames.empty() ? "" : mNames.back(); }
+  int OldestStart() const override;
+  int OldestEnd() const override;
+  int NewestEnd(std::string& name) const override;
   int EndBeforeNewest(int count) const override;
   void Add(const std::string& name) override { mNames.push_back(name); }
   void Rename(const std::string& oldName, const std::string& newName) override;
@@ -89,7 +122,7 @@ class MemoryRecordList : public RecordList {
   bool NextFilePath(const std::string& path, std::string& next) const override;
   bool PrevFilePath(const std::string& path, std::string& prev) const override;
   int FilePath(int time, std::string& path, int mode) const override;
-  int Collect(std::list<std::string>& paths, int from, int to, uint32_t channelMask) const override;
+  int Collect(PathOrder& paths, int from, int to, uint32_t channelMask) const override;
 
  private:
   std::list<std::string>::const_iterator FindStart(int start) const;

@@ -21,6 +21,9 @@ using RepositoryOrder = std::vector<RepositoryStart>;
 // The directories in the order given.
 RepositoryOrder StartsOf(const std::list<FmgrDataRepository*>& repositories);
 
+// By ascending start; of equal starts, in the order given.
+void SortByStart(RepositoryOrder& order);
+
 // Puts each directory in front of the first entry that starts later.
 void MergeByStart(RepositoryOrder& order, const std::list<FmgrDataRepository*>& repositories);
 

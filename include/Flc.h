@@ -68,7 +68,9 @@ static_assert(offsetof(flc_file_info_param_t, query) == 24);
 // Copies at most 8 bytes of the name and zero-fills the rest; exactly as the driver compares them.
 inline void FlcSetDiskName(char (&field)[FLC_DISK_NAME_SIZE], const char* diskName) {
   std::memset(field, 0, sizeof field);
-  if (diskName != nullptr) std::memcpy(field, diskName, strnlen(diskName, sizeof field));
+  // Every request comes by here: no call for so few bytes.
+  for (size_t i = 0; diskName != nullptr && i < sizeof field && diskName[i] != '\0'; ++i)
+    field[i] = diskName[i];
 }
 
 inline flc_repository_param_t FlcRepositoryParam(const char* diskName, int32_t repository) {

@@ -1,4 +1,7 @@
 // Questions to one data directory, in both ways of keeping its list: in memory and in the file list cache.
+#include <algorithm>
+#include <random>
+
 #include "ImfSearchCondition.h"
 #include "SearchDb.h"
 #include "tests/support/FlcSpy.h"
@@ -119,6 +122,30 @@ TEST_P(ListQueries, CollectsByStartAmongOtherDirectories) {
   mPaths = {other};
   EXPECT_EQ(3, mRepository.CollectFileList(mPaths, {from, to, 0, 0x10}));
   EXPECT_EQ((std::list<std::string>{path + early, path + silent, path + kFirst, other}), mPaths);
+}
+
+// Whatever order the caller's list has, and however many starts are equal.
+TEST_P(ListQueries, CollectsInFrontOfTheFirstThatStartsNoEarlier) {
+  std::mt19937 random(1);
+  const auto fill = [&](std::list<std::string>& list, const std::string& directory) {
+    list.clear();
+    for (unsigned i = random() % 12; i > 0; --i)
+      list.push_back(directory + Text("%x_100_cm1.imf", static_cast<unsigned>(random() % 16)));
+  };
+  for (int round = 0; round < 300; ++round) {
+    fill(mPaths, "/x/");
+    fill(mRepository.files, "");
+    std::list<std::string> expected = mPaths;
+    for (const std::string& name : mRepository.files) {
+      const auto startOf = [](const std::string& path) {
+        return std::stoi(path.substr(path.rfind('/') + 1), nullptr, 16);
+      };
+      const auto isLater = [&](const std::string& path) { return startOf(path) >= startOf(name); };
+      expected.insert(std::find_if(expected.begin(), expected.end(), isLater), mPath + name);
+    }
+    mRepository.CollectFileList(mPaths, {0, 1000 * kMicro, 0, 1});
+    ASSERT_EQ(expected, mPaths) << round;
+  }
 }
 
 TEST_P(CacheQueries, CollectsInPages) {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 
 #include "SearchDb.h"
 #include "tests/support/FlcSpy.h"
@@ -67,6 +68,11 @@ TEST_F(ManagerQueryTest, BackOverDisksInListMode) {
                                              PathOf(b, "1:10-20")};
   EXPECT_EQ(expected, Walk(expected[0], true));
   EXPECT_EQ(1u, Walk(expected[1]).size());
+  std::list<std::string> files{"/x/5f5e1028_0.imf", "/x/5f5e1000_0.imf"};
+  EXPECT_EQ(0, mManager->CollectFileList(files, {0, (kT + 100) * 1000000LL, 0, 1}));
+  EXPECT_EQ((std::list<std::string>{expected[3], expected[2], expected[1], "/x/5f5e1028_0.imf",
+                                    "/x/5f5e1000_0.imf", expected[0]}),
+            files);
 }
 
 TEST_F(ManagerQueryTest, ChoiceAmongDisksByMode) {
@@ -240,21 +246,50 @@ TEST_F(MonthTest, ARecordingInProgressGoesOnForEver) {
   EXPECT_EQ(0, Ask(2024 * 12, 0));
 }
 
-// What a question costs: the driver's requests, which a board pays for with system calls.
-TEST_F(ManagerQueryTest, RequestsPerQuestion) {
+// What a call costs: the driver's requests, which a board pays for with system calls. None is made twice.
+TEST_F(ManagerQueryTest, RequestsPerCall) {
   const std::vector<std::string> paths = BeginWalk();
+  int out = 0, last = 0;
   std::string path;
-  const auto requestsOf = [](auto question) {
-    flc_spy::Clear();
-    EXPECT_EQ(0, static_cast<int>(question()));
-    return flc_spy::Requests().size();
+  std::list<std::string> files;
+  TimeSearchChart chart;
+  chart.endTime = 1;
+  ipc_menu_disk_stream_t menu{};
+  menu.entries[3].inUse = 1;
+  const std::string disk = mManager->mGroups.front()->Path();
+  std::memcpy(menu.entries[3].diskPath, disk.c_str(), disk.size());
+  // Six directories: of each the start (its count and its oldest file), then its answer.
+  const std::pair<size_t, std::function<int()>> rows[] = {
+      {6 * 3, [&] { return mManager->GetFilePath(kT + 2, path, 1); }},
+      {6 * 3, [&] { return mManager->GetTimeRange(out, last) - 1; }},
+      {6 * 3, [&] { return mManager->CollectSearchData(&chart); }},
+      {6 * 3,
+       [&] {
+         return mManager->CollectFileList(files, {kT * 1000000LL, (kT + 1) * 1000000LL, 0, 1});
+       }},
+      {3 * 3, [&] { return mManager->CollectTimeRange(menu) - 1; }},
+      {6, [&] { return static_cast<int>(mManager->GetRecentlyMonthInfo(2010, 1, out, last, 1)) - 1; }},
+      {1, [&] { return static_cast<int>(mManager->GetNextFilePath(paths[12], path)); }},
+      {1, [&] { return static_cast<int>(mManager->GetPrevFilePath(paths[12], path)); }},
+      {6 * 2 + 1, [&] { return mManager->CheckRepositoryChangeCondition(kT + 3000), 0; }},
+      // Whether a disk is without recordings, the next one's oldest file out, its place in the pool; then in.
+      {6 + 6,
+       [&] {
+         timeval time{kT + 3000, 0};
+         return mManager->mOverwrite = 1, mManager->MakeRecordFile(time, path);
+       }},
+      {2, [&] { return mManager->RenameRecordFile(path, kT + 3090, 1, path); }},
   };
-  // Six directories: each one's start once (its count and its oldest file), then its answer.
-  EXPECT_EQ(6u * 3, requestsOf([&] { return mManager->GetFilePath(kT + 2, path, 1); }));
-  EXPECT_EQ(1u, requestsOf([&] { return mManager->GetNextFilePath(paths[12], path); }));
-  EXPECT_EQ(1u, requestsOf([&] { return mManager->GetPrevFilePath(paths[12], path); }));
-  // Remove and add.
-  EXPECT_EQ(2u, requestsOf([&] { return mManager->RenameRecordFile(paths[12], kT + 1295, 1, path); }));
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    const size_t requests = row.first;
+    flc_spy::Clear();
+    EXPECT_EQ(0, row.second());
+    const std::vector<std::string> sent = flc_spy::Sent();
+    EXPECT_EQ(requests, sent.size()) << testing::PrintToString(sent);
+    const std::set<std::string> different(sent.begin(), sent.end());
+    EXPECT_EQ(requests == 12 ? 10 : requests, different.size());
+  }
 }
 
 }  // namespace

@@ -192,6 +192,11 @@ TEST_F(Pools, APushReplacesNothing) {
   EXPECT_EQ(List{"00000005.imf"}, pool.files);
   ExpectEachInOnePlace(mDisk, inodes);
   EXPECT_TRUE(fs::is_symlink(mDisk + "/imf_free/00000004.imf"));
+  // Nor what only the list has, which the application may have put there.
+  pool.files = {"00000007.imf", "00000006.imf"};
+  source = MakeTestFile(source);
+  EXPECT_EQ(1, pool.Push(source));
+  EXPECT_EQ("00000008.imf", pool.files.back());
 }
 
 // Patterns are cut at 63 characters: at the bound a directory is listed, one character more matches nothing.

@@ -1,0 +1,22 @@
+#include "fmgr/OneCall.h"
+
+#include <atomic>
+
+namespace fmgr {
+namespace {
+
+// Over all threads, so that a directory never takes another thread's call for the one that it has answers of.
+std::atomic<uint64_t> gLast{0};
+thread_local uint64_t tCurrent = 0;
+
+}  // namespace
+
+OneCall::OneCall() : mOuter(tCurrent) {
+  if (tCurrent == 0) tCurrent = ++gLast;
+}
+
+OneCall::~OneCall() { tCurrent = mOuter; }
+
+uint64_t OneCall::Current() { return tCurrent; }
+
+}  // namespace fmgr
