@@ -473,9 +473,14 @@ TEST_F(ImfTest, TornCheckpointLeavesTheOtherOne) {
   ImfPacket packet;
   for (int second = 2; second <= 3; ++second) {  // checkpoints 2 and 3
     packet.time = kStartTime + second * 1000000;
+    writer.SetCheckpointInterval(second == 3 ? 3600 : 0);
     ASSERT_EQ(writer.Write(packet), ImfWriteResult::kWritten);
-    EXPECT_EQ(Open(IMF_OPEN_READ), known(second));
+    EXPECT_EQ(Open(IMF_OPEN_READ), known(2));
   }
+  writer.SetCheckpointInterval(0);
+  EXPECT_TRUE(writer.CheckpointIfDue());
+  EXPECT_EQ(Open(IMF_OPEN_READ), known(3));
+  EXPECT_TRUE(writer.CheckpointIfDue()) << "nothing came: nothing is written";
   Spoil(imf::CheckpointOffset(3) + 30, 1);
   EXPECT_EQ(Open(IMF_OPEN_READ), known(2));
   Spoil(imf::CheckpointOffset(2) + 30, 1);

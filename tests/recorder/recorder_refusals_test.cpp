@@ -5,6 +5,7 @@
 #include <ctime>
 #include <map>
 
+#include "apps/recorder/base/InputList.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/disks/Refusals.h"
 
@@ -81,12 +82,14 @@ TEST(Units, Sizes) {
 TEST(Units, Channels) {
   const std::map<uint32_t, const char*> kMasks = {{1, "0"}, {0x8000000d, "0,2-3,31"}, {UINT32_MAX, "0-31"}};
   for (const auto& [mask, text] : kMasks) {
-    EXPECT_EQ(ParseChannels(text).value_or(0), mask) << text;
+    EXPECT_EQ(ParseChannels(text, {}).value_or(0), mask) << text;
     EXPECT_EQ(FormatChannels(mask), text);
   }
-  EXPECT_EQ(ParseChannels("all"), UINT32_MAX);
-  for (const char* text : {"", "32", "3-1", "1-", "-1", "1,,2", "01", "1 ", "a"})
-    EXPECT_FALSE(ParseChannels(text)) << text;
+  const ChannelNames names = {{3, "front"}, {5, "the yard"}};
+  EXPECT_EQ(ParseChannels("all", names), UINT32_MAX);
+  EXPECT_EQ(ParseChannels("the yard,0,front", names), 0x29U);
+  for (const char* text : {"", "32", "3-1", "1-", "-1", "1,,2", "01", "1 ", "a", "0-front"})
+    EXPECT_FALSE(ParseChannels(text, names)) << text;
 }
 
 TEST(Units, Times) {

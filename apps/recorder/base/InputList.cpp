@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
+#include <cstdio>
 #include <set>
+#include <sstream>
 
 namespace recorder {
 
@@ -85,6 +87,25 @@ ChannelNames NamesOf(const std::vector<InputSpec>& inputs) {
 std::string DescribeChannel(int channel, const ChannelNames& names) {
   const auto name = names.find(channel);
   return "channel " + std::to_string(channel) + (name == names.end() ? "" : " (" + name->second + ")");
+}
+
+std::optional<uint32_t> ParseChannels(const std::string& text, const ChannelNames& names) {
+  if (text == "all") return UINT32_MAX;
+  uint32_t mask = 0;
+  std::istringstream parts(text + ",");
+  for (std::string part; std::getline(parts, part, ',');) {
+    unsigned first = 0;
+    unsigned last = 0;
+    const auto named =
+        std::find_if(names.begin(), names.end(), [&](const auto& each) { return each.second == part; });
+    if (named != names.end()) part = std::to_string(named->first);
+    const int read = std::sscanf(part.c_str(), "%2u-%2u", &first, &last);
+    if (read == 1 && part == std::to_string(first)) last = first;
+    if (part != std::to_string(first) + (read == 1 ? "" : "-" + std::to_string(last))) return std::nullopt;
+    if (read < 1 || first > last || last > 31) return std::nullopt;
+    for (unsigned channel = first; channel <= last; channel++) mask |= uint32_t{1} << channel;
+  }
+  return mask;
 }
 
 }  // namespace recorder

@@ -1,6 +1,7 @@
 // What the values of --input say: [CHANNEL:][NAME=]ADDRESS, as "front=rtsp://camera1/stream", "3:video.mp4".
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -30,5 +31,8 @@ ChannelNames NamesOf(const std::vector<InputSpec>& inputs);
 
 // "channel 3 (front)", or "channel 3".
 std::string DescribeChannel(int channel, const ChannelNames& names);
+
+// The mask of "0-3,7,front", or of "all". Nothing for any other text.
+std::optional<uint32_t> ParseChannels(const std::string& text, const ChannelNames& names);
 
 }  // namespace recorder

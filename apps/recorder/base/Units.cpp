@@ -103,20 +103,4 @@ std::string FormatChannels(uint32_t mask) {
   return text.empty() ? "-" : text;
 }
 
-std::optional<uint32_t> ParseChannels(const std::string& text) {
-  if (text == "all") return UINT32_MAX;
-  uint32_t mask = 0;
-  std::istringstream parts(text + ",");
-  for (std::string part; std::getline(parts, part, ',');) {
-    unsigned first = 0;
-    unsigned last = 0;
-    const int read = std::sscanf(part.c_str(), "%2u-%2u", &first, &last);
-    if (read == 1 && part == std::to_string(first)) last = first;
-    if (part != std::to_string(first) + (read == 1 ? "" : "-" + std::to_string(last))) return std::nullopt;
-    if (read < 1 || first > last || last > 31) return std::nullopt;
-    for (unsigned channel = first; channel <= last; channel++) mask |= uint32_t{1} << channel;
-  }
-  return mask;
-}
-
 }  // namespace recorder

@@ -41,7 +41,5 @@ std::string FormatExactTime(int64_t micros);
 std::string FormatDuration(double seconds);
 // Channels of a mask: "0-3,7"; "-" for none.
 std::string FormatChannels(uint32_t mask);
-// The mask of "0-3,7", or of "all". Nothing for any other text.
-std::optional<uint32_t> ParseChannels(const std::string& text);
 
 }  // namespace recorder

@@ -7,6 +7,7 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/commands/Command.h"
+#include "apps/recorder/looking/LiveHealth.h"
 #include "apps/recorder/looking/Recordings.h"
 #include "fmgr/FmgrFileManager.h"
 
@@ -20,7 +21,8 @@ struct Options {
   bool json = false;
 };
 
-int PlayList(const Options& options, std::string root) {
+int PlayList(const Options& options, std::string root, const ChannelNames& configured) {
+  const ChannelNames names = NamesIn(root, configured);
   int64_t at = 0;
   Disks disks;
   Refusal refusal = ParseMoment("--at", options.at, &at);
@@ -53,7 +55,11 @@ int PlayList(const Options& options, std::string root) {
   const bool covers = first.start * kMicros <= at;
   for (const Recording& each : list) {
     const bool isFirst = each.path == first.path;
-    PrintRecording(each, options.json, !isFirst ? "" : covers ? "plays first" : "plays first, after a gap");
+    PrintRecording(each, options.json,
+                   !isFirst ? ""
+                   : covers ? "plays first"
+                            : "plays first, after a gap",
+                   names);
   }
   return kDone;
 }
@@ -67,8 +73,9 @@ void AddPlayListCommand(CLI::App& app, Context& context) {
   command->add_option("--at", options->at, "The moment: ISO 8601, epoch seconds, or as now-2h")->required();
   command->add_option("--limit", options->limit, "Recordings each way (default 0: all)");
   command->add_flag("--json", options->json, "One JSON object a line");
-  command->callback(
-      [options, &context] { context.run = [options, &context] { return PlayList(*options, context.root); }; });
+  command->callback([options, &context] {
+    context.run = [options, &context] { return PlayList(*options, context.root, context.names); };
+  });
 }
 
 }  // namespace recorder

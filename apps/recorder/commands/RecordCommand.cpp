@@ -41,7 +41,7 @@ void AddRecordCommand(CLI::App& app, Context& context) {
                       "Seconds after which a network input that is silent is connected to again (default 10)");
   command->add_option(
       "--camera-clock", options->cameraClock,
-      "Channels whose cameras know the time of day, as 0,2-3 or all: what they say of it is recorded");
+      "Channels whose cameras know the time of day, as 0,2-3, front or all: what they say of it is recorded");
   command->add_option(
       "--on-event", options->onEvent,
       "Command to run when something happens, the event as JSON on its standard input; no shell");

@@ -67,8 +67,10 @@ Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* pl
   plan->capture.audio = options.audio;
   plan->capture.timeout = options.inputTimeout * kMicros;
   if (!options.cameraClock.empty()) {
-    const std::optional<uint32_t> trusted = ParseChannels(options.cameraClock);
-    if (!trusted) return "--camera-clock " + options.cameraClock + " names no channels: 0,2-3 or all does";
+    const std::optional<uint32_t> trusted = ParseChannels(options.cameraClock, NamesOf(plan->inputs));
+    if (!trusted) {
+      return "--camera-clock " + options.cameraClock + " names no channels: 0,2-3, names of inputs or all does";
+    }
     plan->capture.trustedCameras = *trusted;
   }
   plan->streamClock = options.clock == "stream";
@@ -174,7 +176,8 @@ int Record(const RecordOptions& options, const std::string& root) {
   if (!refusal && gStop) return kDone;
   if (!refusal) {
     signal(SIGPIPE, SIG_IGN);  // a log that is not read any more must not end the recording
-    refusal = disks.OpenForRecording({options.overwrite, plan.keep, &recovery, &recovery, plan.start / kMicros});
+    refusal =
+        disks.OpenForRecording({options.overwrite, plan.keep, &recovery, &recovery, plan.start / kMicros});
   }
   if (refusal) {
     Complain("%s", refusal->c_str());

@@ -111,7 +111,8 @@ void Segments::EndChannel(int channel) {
 }
 
 void Segments::Idle() {
-  if (!mWriter) mKeeper.Look();
+  if (!mWriter) return mKeeper.Look();
+  if (!mWriter->CheckpointIfDue()) Quarantine("cannot write", errno);
 }
 
 void Segments::Finish() {

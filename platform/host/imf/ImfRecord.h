@@ -119,6 +119,10 @@ class ImfWriter {
   // packet of an unknown stream gives kFailed with EINVAL.
   ImfWriteResult Write(const ImfPacket& packet);
 
+  // For when no packet comes: what was written since the last checkpoint is made durable when its interval is
+  // over. False: errno tells why, as of kFailed.
+  bool CheckpointIfDue();
+
   // Final checkpoint: end time and channel mask into the header, made durable. The writer is closed whatever
   // the result. False: errno tells why; the file can be repaired by ImfFile.
   bool Close();

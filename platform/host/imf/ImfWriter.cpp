@@ -260,6 +260,14 @@ ImfWriteResult ImfWriter::Write(const ImfPacket& packet) {
   return mState->Append(chunk, packet.data);
 }
 
+bool ImfWriter::CheckpointIfDue() {
+  if (!IsOpen()) {
+    errno = EBADF;
+    return false;
+  }
+  return mState->used == mState->checkpointUsed || mState->CheckpointIfDue() == ImfWriteResult::kWritten;
+}
+
 bool ImfWriter::Close() {
   if (!IsOpen()) {
     errno = EBADF;
