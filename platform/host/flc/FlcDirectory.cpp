@@ -1,118 +1,223 @@
 #include "platform/host/flc/FlcDirectory.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <memory>
 #include <tuple>
 #include <utility>
 
-#include "platform/host/imf/RecordName.h"
-
 namespace {
+
+constexpr size_t kBlock = 128;  // files
 
 bool ByEnd(const FlcFile& a, const FlcFile& b) {
   return std::tie(a.endTime, a.startTime) < std::tie(b.endTime, b.startTime);
 }
 
+// The first file that starts at or after the time.
+size_t LowerBound(const std::vector<FlcFile>& files, uint32_t time) {
+  const auto found =
+      std::lower_bound(files.begin(), files.end(), time,
+                       [](const FlcFile& file, uint32_t limit) { return file.startTime < limit; });
+  return static_cast<size_t>(found - files.begin());
+}
+
+// The first file that starts after the time.
+size_t UpperBound(const std::vector<FlcFile>& files, uint32_t time) {
+  return time == UINT32_MAX ? files.size() : LowerBound(files, time + 1);
+}
+
+size_t PowerOfTwoFrom(size_t number) {
+  size_t power = 1;
+  while (power < number) power *= 2;
+  return power;
+}
+
 }  // namespace
 
-FlcDirectory::FlcDirectory(std::deque<FlcFile> files) : mFiles(std::move(files)) {
+FlcDirectory::FlcDirectory(std::vector<FlcFile> files) {
   // The latest end first, since unique() keeps the first of several.
-  std::sort(mFiles.begin(), mFiles.end(), [](const FlcFile& a, const FlcFile& b) {
+  const auto order = [](const FlcFile& a, const FlcFile& b) {
     return std::tie(a.startTime, b.endTime, b.channelMask) < std::tie(b.startTime, a.endTime, a.channelMask);
-  });
+  };
+  std::sort(files.begin(), files.end(), order);
   const auto sameStart = [](const FlcFile& a, const FlcFile& b) { return a.startTime == b.startTime; };
-  mFiles.erase(std::unique(mFiles.begin(), mFiles.end(), sameStart), mFiles.end());
-  mDisorder = DisorderAround(0, mFiles.size());
+  files.erase(std::unique(files.begin(), files.end(), sameStart), files.end());
+  mCount = files.size();
+  mBlocks.reserve((mCount + kBlock - 1) / kBlock);
+  for (auto left = files.begin(); left != files.end();) {
+    const auto end = left + std::min<std::ptrdiff_t>(kBlock, files.end() - left);
+    mBlocks.push_back({{left, end}});
+    left = end;
+  }
+  mInner.resize(PowerOfTwoFrom(mBlocks.size()));
+  for (size_t i = 0; i < mBlocks.size(); ++i) Summarize(i);
+  JoinAll();
 }
 
 void FlcDirectory::Add(const FlcFile& file) {
-  const size_t position = LowerBound(file.startTime);
-  const bool replaces = position < mFiles.size() && mFiles[position].startTime == file.startTime;
-  const size_t before = DisorderAround(position, replaces ? position + 1 : position);
-  if (replaces) {
-    mFiles[position] = file;
-  } else {
-    mFiles.insert(mFiles.begin() + static_cast<std::ptrdiff_t>(position), file);
+  if (mBlocks.empty()) InsertBlock(0);
+  size_t block = BlockOf(file.startTime);
+  size_t offset = LowerBound(mBlocks[block].files, file.startTime);
+  if (offset < mBlocks[block].files.size() && mBlocks[block].files[offset].startTime == file.startTime) {
+    mBlocks[block].files[offset] = file;
+    Changed(block);
+    return;
   }
-  mDisorder = mDisorder - before + DisorderAround(position, position + 1);
+  if (mBlocks[block].files.size() == kBlock) {
+    // At either end the full block stays as it is: that is where files come and go.
+    if (offset == kBlock && block + 1 == mBlocks.size()) {
+      InsertBlock(++block);
+      offset = 0;
+    } else if (offset == 0 && block == 0) {
+      InsertBlock(0);
+    } else {
+      InsertBlock(block + 1);
+      std::vector<FlcFile>& lower = mBlocks[block].files;
+      std::vector<FlcFile>& upper = mBlocks[block + 1].files;
+      upper.assign(lower.begin() + kBlock / 2, lower.end());
+      lower.resize(kBlock / 2);
+      Changed(block + 1);
+      Changed(block);
+      if (offset > kBlock / 2) {
+        ++block;
+        offset -= kBlock / 2;
+      }
+    }
+  }
+  std::vector<FlcFile>& files = mBlocks[block].files;
+  files.insert(files.begin() + static_cast<std::ptrdiff_t>(offset), file);
+  ++mCount;
+  const bool isLast = block + 1 == mBlocks.size() && offset + 1 == files.size();
+  if (isLast && offset > 0 && files[offset - 1].endTime != 0) {
+    Include(block, offset);  // nothing else has changed
+    JoinAbove(block);
+  } else {
+    Changed(block);
+  }
 }
 
 bool FlcDirectory::Remove(uint32_t startTime) {
-  const size_t position = LowerBound(startTime);
-  if (position == mFiles.size() || mFiles[position].startTime != startTime) return false;
-  const size_t before = DisorderAround(position, position + 1);
-  mFiles.erase(mFiles.begin() + static_cast<std::ptrdiff_t>(position));
-  mDisorder = mDisorder - before + DisorderAround(position, position);
+  if (mBlocks.empty()) return false;
+  const size_t block = BlockOf(startTime);
+  std::vector<FlcFile>& files = mBlocks[block].files;
+  const size_t offset = LowerBound(files, startTime);
+  if (offset == files.size() || files[offset].startTime != startTime) return false;
+  files.erase(files.begin() + static_cast<std::ptrdiff_t>(offset));
+  --mCount;
+  if (files.empty()) {
+    mBlocks.erase(mBlocks.begin() + static_cast<std::ptrdiff_t>(block));
+    JoinAll();
+  }
+  Changed(block);
   return true;
 }
 
+const FlcFile& FlcDirectory::At(size_t position) const {
+  size_t block = 0;
+  size_t before = 0;  // files in the blocks before
+  if (position < mCount / 2) {
+    while (before + mBlocks[block].files.size() <= position) before += mBlocks[block++].files.size();
+  } else {
+    block = mBlocks.size() - 1;
+    before = mCount - mBlocks[block].files.size();
+    while (before > position) before -= mBlocks[--block].files.size();
+  }
+  return mBlocks[block].files[position - before];
+}
+
 size_t FlcDirectory::CountUpTo(uint32_t time) const {
-  return time == UINT32_MAX ? mFiles.size() : LowerBound(time + 1);
+  if (LastStart() <= time) return mCount;
+  const size_t block = BlockOf(time);
+  size_t count = UpperBound(mBlocks[block].files, time);
+  for (size_t i = 0; i < block; ++i) count += mBlocks[i].files.size();
+  return count;
 }
 
 const FlcFile* FlcDirectory::FirstFrom(uint32_t time, uint32_t mask) const {
-  for (size_t i = LowerBound(time); i < mFiles.size(); ++i) {
-    if (mFiles[i].Passes(mask)) return &mFiles[i];
+  if (mCount == 0 || LastStart() < time) return nullptr;
+  size_t block = BlockOf(time);
+  for (size_t i = LowerBound(mBlocks[block].files, time);; i = 0) {
+    for (const std::vector<FlcFile>& files = mBlocks[block].files; i < files.size(); ++i) {
+      if (files[i].Passes(mask)) return &files[i];
+    }
+    if (++block == mBlocks.size()) return nullptr;
   }
-  return nullptr;
 }
 
 const FlcFile* FlcDirectory::LastUpTo(uint32_t time, uint32_t mask) const {
-  for (size_t i = CountUpTo(time); i > 0; --i) {
-    if (mFiles[i - 1].Passes(mask)) return &mFiles[i - 1];
+  if (mCount == 0 || FirstStart() > time) return nullptr;
+  size_t block = BlockOf(time);
+  for (size_t i = UpperBound(mBlocks[block].files, time);; i = mBlocks[--block].files.size()) {
+    for (const std::vector<FlcFile>& files = mBlocks[block].files; i > 0; --i) {
+      if (files[i - 1].Passes(mask)) return &files[i - 1];
+    }
+    if (block == 0) return nullptr;
   }
-  return nullptr;
 }
 
 const FlcFile* FlcDirectory::Covering(uint32_t time, uint32_t mask) const {
-  const size_t exact = LowerBound(time);
-  if (exact < mFiles.size() && mFiles[exact].startTime == time && mFiles[exact].Passes(mask))
-    return &mFiles[exact];
-  for (size_t i = FirstReaching(time); i < mFiles.size(); ++i) {
-    if (EffectiveEnd(i) >= time && mFiles[i].Passes(mask)) return &mFiles[i];
+  if (mCount == 0) return nullptr;
+  const std::vector<FlcFile>& files = mBlocks[BlockOf(time)].files;
+  const size_t exact = LowerBound(files, time);
+  if (exact < files.size() && files[exact].startTime == time && files[exact].Passes(mask)) return &files[exact];
+  for (size_t block = 0; (block = NextBlock(block, time, UINT32_MAX)) < mBlocks.size(); ++block) {
+    for (size_t i = mBlocks[block].isAscending ? FirstReaching(block, time) : 0;
+         i < mBlocks[block].files.size(); ++i) {
+      if (Reach(block, i) >= time && mBlocks[block].files[i].Passes(mask)) return &mBlocks[block].files[i];
+    }
   }
   return nullptr;
 }
 
-void FlcDirectory::AppendInterval(uint32_t from, uint32_t to, uint32_t mask, size_t limit,
-                                  std::vector<FlcFile>* out) const {
-  const size_t first = out->size();
-  for (size_t i = FirstReaching(from); i < mFiles.size() && mFiles[i].startTime < to; ++i) {
-    if (mDisorder == 0 && out->size() - first == limit) return;
-    const FlcFile& file = mFiles[i];
-    if (file.endTime != 0 && file.endTime >= from && file.Passes(mask)) out->push_back(file);
+size_t FlcDirectory::InInterval(uint32_t from, uint32_t to, uint32_t mask, size_t limit, FlcFile* out) const {
+  size_t count = 0;
+  bool isHeap = false;           // `out` is full, the last by end in front
+  uint32_t latest = UINT32_MAX;  // what ends later has no place in `out`
+  for (size_t block = 0; (block = NextBlock(block, from, latest)) < mBlocks.size(); ++block) {
+    if (mBlocks[block].firstStart >= to) break;
+    for (const FlcFile& file : mBlocks[block].files) {
+      if (file.startTime >= to) break;
+      if (file.endTime == 0 || file.endTime < from || file.endTime > latest || !file.Passes(mask)) continue;
+      if (count < limit) {
+        out[count++] = file;
+        if (count == limit) latest = std::max_element(out, out + count, ByEnd)->endTime;
+        continue;
+      }
+      if (!isHeap) std::make_heap(out, out + count, ByEnd);
+      isHeap = true;
+      if (!ByEnd(file, out[0])) continue;
+      std::pop_heap(out, out + count, ByEnd);
+      out[count - 1] = file;
+      std::push_heap(out, out + count, ByEnd);
+      latest = out[0].endTime;
+    }
   }
-  std::sort(out->begin() + static_cast<std::ptrdiff_t>(first), out->end(), ByEnd);
-  if (out->size() - first > limit) out->resize(first + limit);
+  if (!std::is_sorted(out, out + count, ByEnd)) std::sort(out, out + count, ByEnd);
+  return count;
 }
 
-// The first file that starts at or after the time.
-size_t FlcDirectory::LowerBound(uint32_t startTime) const {
-  const auto found = std::lower_bound(mFiles.begin(), mFiles.end(), startTime,
-                                      [](const FlcFile& file, uint32_t time) { return file.startTime < time; });
-  return static_cast<size_t>(found - mFiles.begin());
+// The block that holds the last file that starts at or before the time, else the first.
+size_t FlcDirectory::BlockOf(uint32_t time) const {
+  if (!mBlocks.empty() && mBlocks.back().firstStart <= time) return mBlocks.size() - 1;
+  const auto after =
+      std::upper_bound(mBlocks.begin(), mBlocks.end(), time,
+                       [](uint32_t limit, const Block& block) { return limit < block.firstStart; });
+  return after == mBlocks.begin() ? 0 : static_cast<size_t>(after - mBlocks.begin()) - 1;
 }
 
-uint32_t FlcDirectory::EffectiveEnd(size_t position) const {
-  if (mFiles[position].endTime != 0) return mFiles[position].endTime;
-  return position + 1 < mFiles.size() ? mFiles[position + 1].startTime : UINT32_MAX;
+uint32_t FlcDirectory::Reach(size_t block, size_t offset) const {
+  const std::vector<FlcFile>& files = mBlocks[block].files;
+  if (files[offset].endTime != 0) return files[offset].endTime;
+  if (offset + 1 < files.size()) return files[offset + 1].startTime;
+  return block + 1 < mBlocks.size() ? mBlocks[block + 1].firstStart : UINT32_MAX;
 }
 
-// No file before this one has its effective end at or after the time.
-size_t FlcDirectory::FirstReaching(uint32_t time) const {
-  if (mDisorder != 0) return 0;
+// In a block in which the files reach further and further, the first one that reaches the time.
+size_t FlcDirectory::FirstReaching(size_t block, uint32_t time) const {
   size_t low = 0;
-  size_t high = mFiles.size();
+  size_t high = mBlocks[block].files.size();
   while (low < high) {
-    const size_t middle = low + (high - low) / 2;
-    if (EffectiveEnd(middle) < time) {
+    const size_t middle = (low + high) / 2;
+    if (Reach(block, middle) < time) {
       low = middle + 1;
     } else {
       high = middle;
@@ -121,109 +226,77 @@ size_t FlcDirectory::FirstReaching(uint32_t time) const {
   return low;
 }
 
-// A change at a position moves the effective end of the file there and of the one before it. So the order may
-// change between each file from two before the position up to, not including, `end`, and the file after it.
-size_t FlcDirectory::DisorderAround(size_t position, size_t end) const {
-  size_t disorder = 0;
-  for (size_t i = position < 2 ? 0 : position - 2; i < end && i + 1 < mFiles.size(); ++i) {
-    if (EffectiveEnd(i) > EffectiveEnd(i + 1)) ++disorder;
+FlcDirectory::Ends FlcDirectory::EndsOf(size_t node) const {
+  if (node < mInner.size()) return mInner[node];
+  const size_t block = node - mInner.size();
+  return block < mBlocks.size() ? mBlocks[block].ends : Ends();
+}
+
+// The first block, from `block` on, that has a file which reaches `from` and one that ends at `to` or before.
+// As many as there are blocks or more: none has.
+size_t FlcDirectory::NextBlock(size_t block, uint32_t from, uint32_t to) const {
+  for (size_t node = block == 0 ? 1 : mInner.size() + block; block < mBlocks.size();) {
+    const Ends ends = EndsOf(node);
+    if (ends.latest >= from && ends.earliest <= to) {
+      if (node >= mInner.size()) return node - mInner.size();
+      node *= 2;
+      continue;
+    }
+    while (node % 2 == 1) node /= 2;  // nothing follows below the parent of a right one
+    if (node == 0) break;
+    ++node;
   }
-  return disorder;
+  return mBlocks.size();
 }
 
-namespace {
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { closedir(directory); }
-};
-using OpenDirectory = std::unique_ptr<DIR, CloseDirectory>;
-
-// Null with errno set on failure. `flags` as for open(2).
-OpenDirectory OpenAt(int parent, const char* name, int flags) {
-  const int descriptor = openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags);
-  if (descriptor < 0) return nullptr;
-  OpenDirectory directory(fdopendir(descriptor));
-  if (directory == nullptr) {
-    const int error = errno;
-    close(descriptor);
-    errno = error;
-  }
-  return directory;
+void FlcDirectory::InsertBlock(size_t at) {
+  // All that may fail comes first.
+  std::vector<FlcFile> files;
+  files.reserve(mBlocks.empty() ? 4 : kBlock);
+  std::vector<Ends> inner(PowerOfTwoFrom(mBlocks.size() + 1));
+  mBlocks.insert(mBlocks.begin() + static_cast<std::ptrdiff_t>(at), Block{std::move(files)});
+  mInner = std::move(inner);
+  JoinAll();
 }
 
-// Null with errno set; ENODEV when the disk has gone: that is no disk without data directories.
-OpenDirectory OpenDisk(const std::string& disk) {
-  OpenDirectory directory = OpenAt(AT_FDCWD, disk.c_str(), 0);
-  if (directory == nullptr && errno == ENOENT) errno = ENODEV;
-  return directory;
-}
-
-// DT_DIR, DT_REG and so on, links not followed; some file systems leave it out of the directory.
-unsigned char TypeOf(DIR* directory, const dirent& entry, unsigned char wanted) {
-  if (entry.d_type != DT_UNKNOWN) return entry.d_type;
-  struct stat status;
-  if (fstatat(dirfd(directory), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) return IFTODT(status.st_mode);
-  // A damaged inode doesn't make its file go away: the name says what it is.
-  return errno == ENOENT ? static_cast<unsigned char>(DT_UNKNOWN) : wanted;
-}
-
-// With fewer bits, readdir(3) breaks off in a large file system.
-static_assert(sizeof(off_t) == 8);
-
-// Calls use(name) for each entry of that type. 0, or the errno of a failure to read the directory to its end.
-template <typename Use>
-int ForEachEntry(DIR* directory, unsigned char type, Use use) {
-  for (;;) {
-    errno = 0;
-    const dirent* entry = readdir(directory);
-    if (entry == nullptr) return errno;
-    if (TypeOf(directory, *entry, type) == type) use(std::string(entry->d_name));
+// After a change of that block's files, or where a block was removed.
+void FlcDirectory::Changed(size_t block) {
+  for (size_t i = block > 0 ? block - 1 : 0; i <= block && i < mBlocks.size(); ++i) {
+    // The last file of the block before may reach up to this one.
+    if (i < block && mBlocks[i].files.back().endTime != 0) continue;
+    Summarize(i);
+    JoinAbove(i);
   }
 }
 
-int ReadNames(DIR* directory, FlcDirectory* out) {
-  std::deque<FlcFile> files;
-  const int error = ForEachEntry(directory, DT_REG, [&files](const std::string& name) {
-    RecordName parsed;
-    if (ParseRecordName(name, &parsed)) files.push_back({parsed.startTime, parsed.endTime, parsed.channelMask});
-  });
-  if (error == 0) *out = FlcDirectory(std::move(files));
-  return error;
+void FlcDirectory::Summarize(size_t block) {
+  mBlocks[block].firstStart = mBlocks[block].files.front().startTime;
+  mBlocks[block].ends = Ends();
+  mBlocks[block].isAscending = true;
+  for (size_t i = 0; i < mBlocks[block].files.size(); ++i) Include(block, i);
 }
 
-// Something else of that name, or nothing: not a data directory.
-bool IsNoDirectory(int error) { return error == ENOENT || error == ENOTDIR || error == ELOOP; }
-
-}  // namespace
-
-int FlcReadDirectory(const std::string& disk, int32_t index, FlcDirectory* out) {
-  const OpenDirectory parent = OpenDisk(disk);
-  if (parent == nullptr) return errno;
-  char usual[32];
-  std::snprintf(usual, sizeof usual, "data_%08d", index);
-  OpenDirectory directory = OpenAt(dirfd(parent.get()), usual, O_NOFOLLOW);
-  if (directory == nullptr && IsNoDirectory(errno)) {
-    std::string other;  // the first in alphabetical order
-    const int error = ForEachEntry(parent.get(), DT_DIR, [index, &other](const std::string& name) {
-      if (ParseDataDirectoryName(name) == index && (other.empty() || name < other)) other = name;
-    });
-    if (error != 0) return error;
-    if (other.empty()) return ENOENT;
-    directory = OpenAt(dirfd(parent.get()), other.c_str(), O_NOFOLLOW);
-  }
-  if (directory == nullptr) return errno;
-  // What is mounted there is not the disk's: no file could be moved from it to the pool or back.
-  struct stat own, other;
-  if (fstat(dirfd(parent.get()), &own) != 0 || fstat(dirfd(directory.get()), &other) != 0) return errno;
-  if (own.st_dev != other.st_dev) return EXDEV;
-  return ReadNames(directory.get(), out);
+// Into the summary of a block, in start order.
+void FlcDirectory::Include(size_t block, size_t offset) {
+  Block& summary = mBlocks[block];
+  const uint32_t end = summary.files[offset].endTime;
+  const uint32_t reach = Reach(block, offset);
+  if (end != 0) summary.ends.earliest = std::min(summary.ends.earliest, end);
+  summary.isAscending = summary.isAscending && reach >= summary.ends.latest;
+  summary.ends.latest = std::max(summary.ends.latest, reach);
 }
 
-int FlcListDirectories(const std::string& disk, std::vector<int32_t>* out) {
-  const OpenDirectory parent = OpenDisk(disk);
-  if (parent == nullptr) return errno;
-  return ForEachEntry(parent.get(), DT_DIR, [out](const std::string& name) {
-    const int index = ParseDataDirectoryName(name);
-    if (index >= 0) out->push_back(index);
-  });
+// The inner nodes above a block.
+void FlcDirectory::JoinAbove(size_t block) {
+  for (size_t node = (mInner.size() + block) / 2; node > 0; node /= 2) Join(node);
+}
+
+void FlcDirectory::Join(size_t node) {
+  const Ends left = EndsOf(2 * node);
+  const Ends right = EndsOf(2 * node + 1);
+  mInner[node] = {std::min(left.earliest, right.earliest), std::max(left.latest, right.latest)};
+}
+
+void FlcDirectory::JoinAll() {
+  for (size_t node = mInner.size(); --node > 0;) Join(node);
 }

@@ -1,13 +1,11 @@
-// The record files of one data directory as the file list cache keeps them, and how they are read from the
-// directory's file names. 12 bytes a file, since a recorder has hundreds of thousands of them.
+// The record files of one data directory as the file list cache keeps them: some 12.5 bytes a file, since a
+// recorder has hundreds of thousands of them.
 //
 // Threads: none of this is locked; the cache's own mutex guards it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
-#include <string>
 #include <vector>
 
 struct FlcFile {
@@ -22,22 +20,28 @@ struct FlcFile {
   }
 };
 
-// In ascending start order. Pointers and positions hold until the next change. Counts, ends and positions take
-// constant time. Look-ups take logarithmic time (and skip the files that fail the mask one by one), except that
-// what depends on end times reads the whole list while a recording in it ends after its successor does.
+// In ascending start order, in blocks of up to 128 files. A tree over the blocks knows when the files below
+// each node end, so that recordings may end in any order: what looks for ends passes over whole subtrees.
+// Pointers hold until the next change. Look-ups and changes take logarithmic time and look through a block or
+// two (look-ups also through the files that fail the mask); positions take a step a block.
 class FlcDirectory {
  public:
   FlcDirectory() = default;
   // Files in any order. Of several with one start time the one that ends last is kept: when a directory holds a
   // recording both in progress and completed, the completed one.
-  explicit FlcDirectory(std::deque<FlcFile> files);
+  explicit FlcDirectory(std::vector<FlcFile> files);
 
-  size_t Count() const { return mFiles.size(); }
-  const FlcFile& At(size_t position) const { return mFiles[position]; }
+  size_t Count() const { return mCount; }
+  uint32_t FirstStart() const { return mCount > 0 ? mBlocks.front().files.front().startTime : UINT32_MAX; }
+  uint32_t LastStart() const { return mCount > 0 ? mBlocks.back().files.back().startTime : 0; }
+  // No file reaches (see Covering) any further. 0: there is none.
+  uint32_t LatestEnd() const { return EndsOf(1).latest; }
 
-  void Add(const FlcFile& file);          // replaces the file of the same start time
-  bool Remove(uint32_t startTime);        // false: there is none
-  size_t CountUpTo(uint32_t time) const;  // files that start at or before the time
+  void Add(const FlcFile& file);    // replaces the file of the same start time
+  bool Remove(uint32_t startTime);  // false: there is none
+
+  const FlcFile& At(size_t position) const;  // in start order, from 0
+  size_t CountUpTo(uint32_t time) const;     // files that start at or before the time
 
   // Each of these answers the first or last file that passes the mask, or null.
   const FlcFile* FirstFrom(uint32_t time, uint32_t mask) const;  // starts at or after the time
@@ -46,24 +50,38 @@ class FlcDirectory {
   // in progress reaches up to the start of the next one, the last one for ever.
   const FlcFile* Covering(uint32_t time, uint32_t mask) const;
 
-  // Appends the completed files that start before `to`, end at or after `from` and pass the mask, by end time,
-  // then start time, at most `limit`.
-  void AppendInterval(uint32_t from, uint32_t to, uint32_t mask, size_t limit, std::vector<FlcFile>* out) const;
+  // Of the completed files that start before `to`, end at or after `from` and pass the mask, the first `limit`
+  // by end time, then start time. Answers how many there are in `out`.
+  size_t InInterval(uint32_t from, uint32_t to, uint32_t mask, size_t limit, FlcFile* out) const;
 
  private:
-  size_t LowerBound(uint32_t startTime) const;
-  uint32_t EffectiveEnd(size_t position) const;
-  size_t FirstReaching(uint32_t time) const;
-  size_t DisorderAround(size_t position, size_t end) const;
+  struct Ends {
+    uint32_t earliest = UINT32_MAX;  // of completed files
+    uint32_t latest = 0;             // as files reach, see Covering
+  };
+  struct Block {
+    std::vector<FlcFile> files;  // never empty
+    uint32_t firstStart = 0;
+    Ends ends = {};
+    bool isAscending = true;  // each file reaches at least as far as the one before it
+  };
 
-  std::deque<FlcFile> mFiles;
-  size_t mDisorder = 0;  // files whose effective end lies after their successor's; at 0 the ends ascend, too
+  size_t BlockOf(uint32_t time) const;
+  size_t FirstReaching(size_t block, uint32_t time) const;
+  uint32_t Reach(size_t block, size_t offset) const;
+  Ends EndsOf(size_t node) const;
+  size_t NextBlock(size_t block, uint32_t from, uint32_t to) const;
+  void InsertBlock(size_t at);
+  void Changed(size_t block);
+  void Summarize(size_t block);
+  void Include(size_t block, size_t offset);
+  void JoinAbove(size_t block);
+  void Join(size_t node);
+  void JoinAll();
+
+  size_t mCount = 0;
+  std::vector<Block> mBlocks;
+  // The tree: node 1 is the root, those below node n are 2n and 2n + 1. As many inner nodes as the next power
+  // of two to the blocks (node 0 is not used); the nodes from there on are the blocks' own.
+  std::vector<Ends> mInner;
 };
-
-// Reads the names of data directory `index` of the disk directory `disk`: DISK/data_%08d, else another
-// directory data_N of that number. 0 done; ENOENT when the disk has no such directory; else the errno of what
-// kept it from being read to its end (ENODEV: there is no disk directory), which says nothing about its files.
-int FlcReadDirectory(const std::string& disk, int32_t index, FlcDirectory* out);
-
-// Appends the numbers of the data directories of the disk directory `disk`, in no order. 0 done, else an errno.
-int FlcListDirectories(const std::string& disk, std::vector<int32_t>* out);

@@ -5,247 +5,135 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
+#include <memory>
 #include <mutex>
 #include <new>
-#include <string>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "Flc.h"
 #include "platform/host/flc/FlcDirectory.h"
+#include "platform/host/flc/FlcDisks.h"
 
 namespace {
 
-struct DataDirectory {
-  enum class State {
-    kUnread,        // stands on the disk; read on the first request that concerns it
-    kRead,          // from now on only requests change it
-    kMemoryOnly,    // made by requests; gives way to a directory of that number as soon as the disk has one
-    kUnregistered,  // about to be deleted: answers nothing and is not read again
-  };
-  State state = State::kUnread;
-  FlcDirectory files;
-};
-
-struct Disk {
-  std::string name;
-  std::string path;     // its directory; empty for a disk that is not attached and known only through requests
-  bool listed = false;  // the data directories on the disk are all in `directories`
-  std::map<int32_t, DataDirectory> directories;
-};
-
-// One data directory that a request concerns, its records ready.
-struct Place {
-  const Disk* disk;
-  int32_t index;
-  FlcDirectory* files;
-};
-
-// All that a request concerns, by order of attachment, then index.
-struct Places {
-  std::vector<Place> ready;
-  int error = 0;  // errno: ENOENT, nothing of that name is known; else some directory could not be read
-};
+using State = FlcDataDirectory::State;
 
 int Fail(int error) {
   errno = error;
   return -1;
 }
 
-// What a look-up answers from one directory; null for nothing.
-const FlcFile* Find(const FlcDirectory& files, unsigned long request, const flc_file_info_param_t& query) {
+int Result(int error) { return error == 0 ? 0 : Fail(error); }
+
+// What a look-up asks of each directory.
+struct Search {
+  enum class Kind {
+    kFirstFrom,  // the first file from the time on
+    kLastUpTo,   // the last file up to the time
+    kCovering,   // the file that starts at the time, else the first that reaches it
+    kNothing,
+  };
+  Kind kind;
+  uint32_t time;
+  uint32_t mask;
+};
+
+Search SearchOf(unsigned long request, const flc_file_info_param_t& query) {
+  using Kind = Search::Kind;
   const uint32_t time = query.startTime;
+  const uint32_t mask = query.channelMask;
   switch (request) {
     case FLC_FILE_BY_TIME:
-      return query.query >= 1 ? files.Covering(time, query.channelMask)
-                              : files.LastUpTo(time, query.channelMask);
+      return {query.query >= 1 ? Kind::kCovering : Kind::kLastUpTo, time, mask};
     case FLC_PREVIOUS_FILE:
-      return time == 0 ? nullptr : files.LastUpTo(time - 1, query.channelMask);
+      return {time == 0 ? Kind::kNothing : Kind::kLastUpTo, time - 1, mask};
     case FLC_NEXT_FILE:
-      return time == UINT32_MAX ? nullptr : files.FirstFrom(time + 1, query.channelMask);
+      return {time == UINT32_MAX ? Kind::kNothing : Kind::kFirstFrom, time + 1, mask};
     case FLC_OLDEST_FILE:
-      return files.Count() == 0 ? nullptr : &files.At(0);
+      return {Kind::kFirstFrom, 0, FLC_ALL_CHANNELS};
     default:  // FLC_NEWEST_FILE
-      return files.Count() == 0 ? nullptr : &files.At(files.Count() - 1);
+      return {Kind::kLastUpTo, UINT32_MAX, FLC_ALL_CHANNELS};
   }
 }
 
-// Whether the answer `a` of one directory beats the answer `b` of another. Of equal start times neither does.
-bool IsBetter(unsigned long request, const flc_file_info_param_t& query, const FlcFile& a, const FlcFile& b) {
-  const bool later = request == FLC_PREVIOUS_FILE || request == FLC_NEWEST_FILE ||
-                     (request == FLC_FILE_BY_TIME && query.query <= 0);
-  if (later) return a.startTime > b.startTime;
-  // A recording that starts right at the time asked for comes before an earlier one that covers it.
-  if (request == FLC_FILE_BY_TIME && b.startTime == query.startTime) return false;
-  if (request == FLC_FILE_BY_TIME && a.startTime == query.startTime) return true;
+const FlcFile* Find(const FlcDirectory& files, const Search& search) {
+  switch (search.kind) {
+    case Search::Kind::kFirstFrom:
+      return files.FirstFrom(search.time, search.mask);
+    case Search::Kind::kLastUpTo:
+      return files.LastUpTo(search.time, search.mask);
+    case Search::Kind::kCovering:
+      return files.Covering(search.time, search.mask);
+    default:
+      return nullptr;
+  }
+}
+
+// Directories are searched from the side where the answer is likely: the others are passed over then.
+bool IsBackwards(const Search& search) { return search.kind == Search::Kind::kLastUpTo; }
+
+// Whether the answer `a` of one directory beats the answer `b` of another that was searched before. Of equal
+// start times the one wins that is first in the order of directories.
+bool IsBetter(const Search& search, const FlcFile& a, const FlcFile& b) {
+  if (search.kind == Search::Kind::kLastUpTo) return a.startTime >= b.startTime;
+  if (search.kind == Search::Kind::kCovering) {
+    // A recording that starts right at the time asked for comes before an earlier one that covers it.
+    if (b.startTime == search.time) return false;
+    if (a.startTime == search.time) return true;
+  }
   return a.startTime < b.startTime;
 }
 
-void Answer(const Place& place, const FlcFile& file, flc_file_info_param_t* out) {
-  *out = FlcFileParam(place.disk->name.c_str(), place.index, file.startTime, file.endTime, file.channelMask);
+// False when nothing in the directory can be an answer that beats `best` (null: there is none yet).
+bool IsWorthSearching(const Search& search, const FlcDataDirectory& directory, const FlcFile* best) {
+  switch (search.kind) {
+    case Search::Kind::kFirstFrom:
+      return directory.lastStart >= search.time && (best == nullptr || directory.firstStart < best->startTime);
+    case Search::Kind::kLastUpTo:
+      return directory.firstStart <= search.time && (best == nullptr || directory.lastStart >= best->startTime);
+    case Search::Kind::kCovering:
+      if (directory.firstStart <= search.time && search.time <= directory.lastStart) return true;
+      return directory.latestEnd >= search.time && (best == nullptr || directory.firstStart < best->startTime);
+    default:
+      return false;
+  }
+}
+
+void Answer(const FlcDisk& disk, const FlcDataDirectory& directory, const FlcFile& file,
+            flc_file_info_param_t* out) {
+  std::memcpy(out->diskName, disk.name, sizeof out->diskName);
+  out->repository = directory.index;
+  out->startTime = file.startTime;
+  out->endTime = file.endTime;
+  out->channelMask = file.channelMask;
+  out->query = 0;
 }
 
 class FlcCache {
  public:
-  int Attach(const std::string& name, const char* directory);
-  int Detach(const std::string& name);
-  int Forget(const std::string& name, int index);
+  FlcDisks& Disks() { return mDisks; }
   int Serve(unsigned long request, void* argument);
 
  private:
-  using State = DataDirectory::State;
-
-  Disk* FindDisk(const std::string& name);
-  Disk& FindOrMakeDisk(const std::string& name);
-  static int Open(Disk& disk, int32_t index);
-  static int ListDirectories(Disk& disk);
-  static void OpenEach(Disk& disk, int32_t index, Places* places);
-  Places Concerned(const std::string& name, int32_t index);
-
-  int Clear();
   int ServeRepository(unsigned long request, const flc_repository_param_t& param);
   int ServeFile(unsigned long request, flc_file_info_param_t* param);
-  int Register(const std::string& name, int32_t index);
-  int Unregister(const std::string& name, int32_t index);
-  int Add(const std::string& name, const flc_file_info_param_t& param);
-  int Remove(const std::string& name, const flc_file_info_param_t& param);
-  static int LookUp(unsigned long request, const Places& places, flc_file_info_param_t* param);
-  static int AtPosition(const Places& places, flc_file_info_param_t* param);
-  static int InInterval(const Places& places, flc_file_info_param_t* page);
+  int Register(const flc_repository_param_t& param);
+  int Unregister(const flc_repository_param_t& param);
+  int Add(const flc_file_info_param_t& param);
+  int Remove(const flc_file_info_param_t& param);
+  int LookUp(const Search& search, const FlcConcern& concern, flc_file_info_param_t* param);
+  int AtPosition(const FlcConcern& concern, flc_file_info_param_t* param);
+  int InInterval(const FlcConcern& concern, flc_file_info_param_t* page);
 
-  std::vector<Disk> mDisks;  // in order of attachment
+  FlcDisks mDisks;
 };
-
-Disk* FlcCache::FindDisk(const std::string& name) {
-  for (Disk& disk : mDisks) {
-    if (disk.name == name) return &disk;
-  }
-  return nullptr;
-}
-
-Disk& FlcCache::FindOrMakeDisk(const std::string& name) {
-  if (Disk* disk = FindDisk(name)) return *disk;
-  mDisks.emplace_back();
-  mDisks.back().name = name;
-  return mDisks.back();
-}
-
-int FlcCache::Attach(const std::string& name, const char* directory) {
-  Disk* known = FindDisk(name);
-  if (known != nullptr && known->path.empty()) {
-    // What requests alone had made has no place in the order of attachment.
-    mDisks.erase(mDisks.begin() + (known - mDisks.data()));
-    known = nullptr;
-  }
-  Disk& disk = known != nullptr ? *known : FindOrMakeDisk(name);
-  disk.path = directory;
-  disk.listed = false;
-  disk.directories.clear();
-  return 0;
-}
-
-int FlcCache::Detach(const std::string& name) {
-  const Disk* disk = FindDisk(name);
-  if (disk == nullptr || disk->path.empty()) return Fail(ENODEV);
-  mDisks.erase(mDisks.begin() + (disk - mDisks.data()));
-  return 0;
-}
-
-int FlcCache::Forget(const std::string& name, int index) {
-  Disk* disk = FindDisk(name);
-  if (disk == nullptr || disk->path.empty()) return Fail(ENODEV);
-  if (index == FLC_ANY_REPOSITORY) disk->listed = false;
-  for (auto& [number, directory] : disk->directories) {
-    // A directory that is being deleted stays closed: reading it would bring back what is about to go.
-    const bool meant = index == FLC_ANY_REPOSITORY || index == number;
-    if (meant && directory.state != State::kUnregistered) directory = DataDirectory();
-  }
-  return 0;
-}
-
-int FlcCache::Clear() {
-  for (size_t i = mDisks.size(); i > 0; --i) {
-    if (mDisks[i - 1].path.empty()) {
-      mDisks.erase(mDisks.begin() + static_cast<std::ptrdiff_t>(i - 1));
-    } else {
-      mDisks[i - 1].listed = false;
-      mDisks[i - 1].directories.clear();
-    }
-  }
-  return 0;
-}
-
-// Makes the records of a data directory ready in disk.directories. 0, or ENOENT: no such directory; or why it
-// can't be read, which is asked again at the next request.
-int FlcCache::Open(Disk& disk, int32_t index) {
-  const auto found = disk.directories.find(index);
-  const bool known = found != disk.directories.end();
-  if (known && found->second.state == State::kRead) return 0;
-  if (known && found->second.state == State::kUnregistered) return ENOENT;
-  if (!disk.path.empty()) {
-    FlcDirectory files;
-    const int error = FlcReadDirectory(disk.path, index, &files);
-    if (error == 0) disk.directories[index] = {State::kRead, std::move(files)};
-    if (error != ENOENT) return error;
-  }
-  if (known && found->second.state == State::kMemoryOnly) return 0;
-  if (known) disk.directories.erase(found);
-  return ENOENT;
-}
-
-int FlcCache::ListDirectories(Disk& disk) {
-  if (disk.listed || disk.path.empty()) return 0;
-  std::vector<int32_t> indexes;
-  const int error = FlcListDirectories(disk.path, &indexes);
-  if (error != 0) return error;
-  for (const int32_t index : indexes) disk.directories.try_emplace(index);
-  disk.listed = true;
-  return 0;
-}
-
-// Opens what `index` means on one disk and appends it.
-void FlcCache::OpenEach(Disk& disk, int32_t index, Places* places) {
-  std::vector<int32_t> indexes;
-  if (index == FLC_ANY_REPOSITORY) {
-    const int error = ListDirectories(disk);
-    if (error != 0) places->error = error;
-    for (const auto& entry : disk.directories) indexes.push_back(entry.first);
-  } else {
-    indexes.push_back(index);
-  }
-  for (const int32_t number : indexes) {
-    const int error = Open(disk, number);
-    if (error == 0) {
-      places->ready.push_back({&disk, number, &disk.directories.at(number).files});
-    } else if (error != ENOENT) {
-      places->error = error;
-    }
-  }
-}
-
-Places FlcCache::Concerned(const std::string& name, int32_t index) {
-  Places places;
-  if (index < FLC_ANY_REPOSITORY) {
-    places.error = EINVAL;
-    return places;
-  }
-  size_t disks = 0;
-  for (Disk& disk : mDisks) {
-    if (!name.empty() && disk.name != name) continue;
-    ++disks;
-    OpenEach(disk, index, &places);
-  }
-  const bool unknown = disks == 0 || (index != FLC_ANY_REPOSITORY && places.ready.empty());
-  if (places.error == 0 && unknown) places.error = ENOENT;
-  return places;
-}
 
 int FlcCache::Serve(unsigned long request, void* argument) {
   switch (request) {
     case FLC_CLEAR:
-      return Clear();
+      mDisks.Clear();
+      return 0;
     case FLC_REGISTER_REPOSITORY:
     case FLC_UNREGISTER_REPOSITORY:
     case FLC_FILE_COUNT:
@@ -268,95 +156,110 @@ int FlcCache::Serve(unsigned long request, void* argument) {
 }
 
 int FlcCache::ServeRepository(unsigned long request, const flc_repository_param_t& param) {
-  const std::string name(param.diskName, strnlen(param.diskName, FLC_DISK_NAME_SIZE));
+  const uint64_t key = FlcDiskKey(param.diskName);
   if (request == FLC_FILE_COUNT) {
-    const Places places = Concerned(name, param.repository);
-    if (places.error != 0) return Fail(places.error);
+    const FlcConcern concern = mDisks.Concerned(key, param.repository);
+    if (concern.error != 0) return Fail(concern.error);
     size_t count = 0;
-    for (const Place& place : places.ready) count += place.files->Count();
+    mDisks.ForEach(concern,
+                   [&count](const FlcDisk&, const FlcDataDirectory& each) { count += each.files->Count(); });
     return static_cast<int>(count);
   }
-  if (name.empty() || param.repository < 0) return Fail(EINVAL);
-  return request == FLC_REGISTER_REPOSITORY ? Register(name, param.repository)
-                                            : Unregister(name, param.repository);
+  if (key == 0 || param.repository < 0) return Fail(EINVAL);
+  return request == FLC_REGISTER_REPOSITORY ? Register(param) : Unregister(param);
 }
 
 int FlcCache::ServeFile(unsigned long request, flc_file_info_param_t* param) {
-  const std::string name(param->diskName, strnlen(param->diskName, FLC_DISK_NAME_SIZE));
+  const uint64_t key = FlcDiskKey(param->diskName);
   const bool change = request == FLC_ADD_FILE || request == FLC_REMOVE_FILE;
-  if (change && (name.empty() || param->repository < 0 || param->startTime == 0)) return Fail(EINVAL);
-  if (request == FLC_ADD_FILE) return Add(name, *param);
-  if (request == FLC_REMOVE_FILE) return Remove(name, *param);
+  if (change && (key == 0 || param->repository < 0 || param->startTime == 0)) return Fail(EINVAL);
+  if (request == FLC_ADD_FILE) return Add(*param);
+  if (request == FLC_REMOVE_FILE) return Remove(*param);
 
-  const Places places = Concerned(name, param->repository);
+  const FlcConcern concern = mDisks.Concerned(key, param->repository);
   // Extremes and positions are right only with every directory at hand. Navigation goes on past a disk that
   // can't be read: playback of the others must not end with it.
   const bool needsAll =
       request == FLC_OLDEST_FILE || request == FLC_NEWEST_FILE || request == FLC_FILE_AT_POSITION;
-  if (places.error != 0 && (needsAll || places.ready.empty())) return Fail(places.error);
-  if (request == FLC_FILE_AT_POSITION) return AtPosition(places, param);
-  if (request == FLC_FILES_IN_INTERVAL) return InInterval(places, param);
-  return LookUp(request, places, param);
+  if (concern.error != 0 && (needsAll || concern.ready == 0)) return Fail(concern.error);
+  if (request == FLC_FILE_AT_POSITION) return AtPosition(concern, param);
+  if (request == FLC_FILES_IN_INTERVAL) return InInterval(concern, param);
+  return LookUp(SearchOf(request, *param), concern, param);
 }
 
-int FlcCache::Register(const std::string& name, int32_t index) {
+int FlcCache::Register(const flc_repository_param_t& param) {
   // Where the disk has the directory, the next request takes its file names instead.
-  FindOrMakeDisk(name).directories[index] = {State::kMemoryOnly, FlcDirectory()};
+  auto files = std::make_unique<FlcDirectory>();
+  FlcDisk& disk = mDisks.FindOrMake(param.diskName);
+  disk.isSettled = false;
+  disk.FindOrMake(param.repository).Become(State::kMemoryOnly, std::move(files));
   return 0;
 }
 
-int FlcCache::Unregister(const std::string& name, int32_t index) {
-  Disk* disk = FindDisk(name);
+int FlcCache::Unregister(const flc_repository_param_t& param) {
+  FlcDisk* disk = mDisks.Find(FlcDiskKey(param.diskName));
   if (disk == nullptr) return Fail(ENOENT);
-  if (disk->path.empty()) return disk->directories.erase(index) == 1 ? 0 : Fail(ENOENT);
-  disk->directories[index] = {State::kUnregistered, FlcDirectory()};
+  if (disk->path.empty()) return disk->Drop(param.repository) ? 0 : Fail(ENOENT);
+  disk->FindOrMake(param.repository).Become(State::kUnregistered, nullptr);
   return 0;
 }
 
-int FlcCache::Add(const std::string& name, const flc_file_info_param_t& param) {
-  Disk& disk = FindOrMakeDisk(name);
-  const int error = Open(disk, param.repository);
+int FlcCache::Add(const flc_file_info_param_t& param) {
+  FlcDisk& disk = mDisks.FindOrMake(param.diskName);
+  FlcDataDirectory* directory = nullptr;
+  const int error = FlcDisks::Open(disk, param.repository, &directory);
   if (error == ENOENT) {
     // Refused after unregister: a list of this file alone would say "empty" once the file has gone.
-    if (disk.directories.count(param.repository) != 0) return Fail(ENOENT);
-    disk.directories[param.repository].state = State::kMemoryOnly;
+    if (disk.Find(param.repository) != nullptr) return Fail(ENOENT);
+    auto files = std::make_unique<FlcDirectory>();
+    directory = &disk.FindOrMake(param.repository);
+    directory->Become(State::kMemoryOnly, std::move(files));
   } else if (error != 0) {
     return Fail(error);
   }
-  disk.directories[param.repository].files.Add({param.startTime, param.endTime, param.channelMask});
+  directory->files->Add({param.startTime, param.endTime, param.channelMask});
+  directory->FilesChanged();
   return 0;
 }
 
-int FlcCache::Remove(const std::string& name, const flc_file_info_param_t& param) {
-  const Places places = Concerned(name, param.repository);
-  if (places.error != 0) return Fail(places.error);
-  return places.ready[0].files->Remove(param.startTime) ? 0 : Fail(ENOENT);
+int FlcCache::Remove(const flc_file_info_param_t& param) {
+  const FlcConcern concern = mDisks.Concerned(FlcDiskKey(param.diskName), param.repository);
+  if (concern.error != 0) return Fail(concern.error);
+  if (!concern.directory->files->Remove(param.startTime)) return Fail(ENOENT);
+  concern.directory->FilesChanged();
+  return 0;
 }
 
-int FlcCache::LookUp(unsigned long request, const Places& places, flc_file_info_param_t* param) {
-  const Place* where = nullptr;
+int FlcCache::LookUp(const Search& search, const FlcConcern& concern, flc_file_info_param_t* param) {
+  const FlcDisk* disk = nullptr;
+  const FlcDataDirectory* directory = nullptr;
   const FlcFile* best = nullptr;
-  for (const Place& place : places.ready) {
-    const FlcFile* file = Find(*place.files, request, *param);
-    if (file == nullptr || (best != nullptr && !IsBetter(request, *param, *file, *best))) continue;
-    where = &place;
+  const auto look = [&](const FlcDisk& eachDisk, const FlcDataDirectory& each) {
+    if (!IsWorthSearching(search, each, best)) return;
+    const FlcFile* file = Find(*each.files, search);
+    if (file == nullptr || (best != nullptr && !IsBetter(search, *file, *best))) return;
+    disk = &eachDisk;
+    directory = &each;
     best = file;
-  }
+  };
+  mDisks.ForEach(concern, look, IsBackwards(search));
   if (best == nullptr) return Fail(ENOENT);
-  Answer(*where, *best, param);
+  Answer(*disk, *directory, *best, param);
   return 0;
 }
 
-int FlcCache::AtPosition(const Places& places, flc_file_info_param_t* param) {
-  const auto countUpTo = [&places](uint32_t time) {
+int FlcCache::AtPosition(const FlcConcern& concern, flc_file_info_param_t* param) {
+  const auto countUpTo = [&](uint32_t time) {
     size_t count = 0;
-    for (const Place& place : places.ready) count += place.files->CountUpTo(time);
+    mDisks.ForEach(concern, [&](const FlcDisk&, const FlcDataDirectory& each) {
+      if (each.firstStart <= time) count += each.files->CountUpTo(time);
+    });
     return count;
   };
   if (param->query < 1 || static_cast<size_t>(param->query) > countUpTo(UINT32_MAX)) return Fail(ENOENT);
   size_t position = static_cast<size_t>(param->query);
-  if (places.ready.size() == 1) {
-    Answer(places.ready[0], places.ready[0].files->At(position - 1), param);
+  if (concern.directory != nullptr) {
+    Answer(*concern.disk, *concern.directory, concern.directory->files->At(position - 1), param);
     return 0;
   }
   // The start time at that position in the merged order; then its file among those with that start time.
@@ -371,33 +274,44 @@ int FlcCache::AtPosition(const Places& places, flc_file_info_param_t* param) {
     }
   }
   position -= countUpTo(low - 1);
-  for (const Place& place : places.ready) {
-    const size_t count = place.files->CountUpTo(low);
-    if (count == place.files->CountUpTo(low - 1) || --position > 0) continue;
-    Answer(place, place.files->At(count - 1), param);
-    return 0;
-  }
-  return Fail(ENOENT);
+  mDisks.ForEach(concern, [&](const FlcDisk& disk, const FlcDataDirectory& each) {
+    const FlcFile* file = each.files->FirstFrom(low, FLC_ALL_CHANNELS);
+    if (file == nullptr || file->startTime != low || position == 0) return;
+    if (--position == 0) Answer(disk, each, *file, param);
+  });
+  return 0;
 }
 
-int FlcCache::InInterval(const Places& places, flc_file_info_param_t* page) {
+int FlcCache::InInterval(const FlcConcern& concern, flc_file_info_param_t* page) {
+  const flc_file_info_param_t query = *page;
   struct Found {
-    const Place* place;
+    const FlcDisk* disk;
+    const FlcDataDirectory* directory;
     FlcFile file;
   };
   std::vector<Found> found;
-  std::vector<FlcFile> files;
-  for (const Place& place : places.ready) {
-    files.clear();
-    place.files->AppendInterval(page->startTime, page->endTime, page->channelMask, FLC_PAGE_SIZE, &files);
-    for (const FlcFile& file : files) found.push_back({&place, file});
-  }
+  FlcFile files[FLC_PAGE_SIZE];
+  int count = 0;
+  mDisks.ForEach(concern, [&](const FlcDisk& disk, const FlcDataDirectory& each) {
+    if (each.latestEnd < query.startTime || each.firstStart >= query.endTime) return;
+    const size_t here =
+        each.files->InInterval(query.startTime, query.endTime, query.channelMask, FLC_PAGE_SIZE, files);
+    if (concern.directory == nullptr) {
+      for (size_t i = 0; i < here; ++i) found.push_back({&disk, &each, files[i]});
+    } else {
+      for (size_t i = 0; i < here; ++i) Answer(disk, each, files[i], &page[i]);
+      count = static_cast<int>(here);
+    }
+  });
+  if (concern.directory != nullptr) return count;
   std::stable_sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
     return std::tie(a.file.endTime, a.file.startTime) < std::tie(b.file.endTime, b.file.startTime);
   });
-  const size_t count = std::min(found.size(), static_cast<size_t>(FLC_PAGE_SIZE));
-  for (size_t i = 0; i < count; ++i) Answer(*found[i].place, found[i].file, &page[i]);
-  return static_cast<int>(count);
+  count = static_cast<int>(std::min(found.size(), static_cast<size_t>(FLC_PAGE_SIZE)));
+  for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
+    Answer(*found[i].disk, *found[i].directory, found[i].file, &page[i]);
+  }
+  return count;
 }
 
 std::mutex gMutex;
@@ -435,15 +349,24 @@ int FlcAttachDisk(const char* diskName, const char* directory) {
   if (!IsDiskName(diskName) || directory == nullptr) return Fail(EINVAL);
   if (stat(directory, &status) != 0) return -1;
   if (!S_ISDIR(status.st_mode)) return Fail(ENOTDIR);
-  return Guarded([=](FlcCache& cache) { return cache.Attach(diskName, directory); });
+  FlcDiskName name;
+  FlcSetDiskName(name, diskName);
+  return Guarded([&](FlcCache& cache) {
+    cache.Disks().Attach(name, directory);
+    return 0;
+  });
 }
 
 int FlcDetachDisk(const char* diskName) {
   if (!IsDiskName(diskName)) return Fail(EINVAL);
-  return Guarded([=](FlcCache& cache) { return cache.Detach(diskName); });
+  FlcDiskName name;
+  FlcSetDiskName(name, diskName);
+  return Guarded([&](FlcCache& cache) { return Result(cache.Disks().Detach(FlcDiskKey(name))); });
 }
 
 int FlcForget(const char* diskName, int index) {
   if (!IsDiskName(diskName) || index < FLC_ANY_REPOSITORY) return Fail(EINVAL);
-  return Guarded([=](FlcCache& cache) { return cache.Forget(diskName, index); });
+  FlcDiskName name;
+  FlcSetDiskName(name, diskName);
+  return Guarded([&](FlcCache& cache) { return Result(cache.Disks().Forget(FlcDiskKey(name), index)); });
 }
