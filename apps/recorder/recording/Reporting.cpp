@@ -51,6 +51,7 @@ void Reporting::Look() {
   }
   if (mSegments.IsPaused() != mPaused) {
     mPaused = !mPaused;
+    LookAtDisks();  // the reason comes first, however soon it passes
     Post(mPaused ? "recording-paused" : "recording-resumed", {{"dropped", sum.dropped}});
   }
   if (!mHealth.Move()) return;
