@@ -94,13 +94,14 @@ void ChannelCapture::NoteLost(const std::string& reason) {
   const std::string address = ShownAddress(mUrl);
   if (mLostSince == 0) {
     mLostSince = mSaidLost = now;
-    Say(SourceEvent::kChannelLost, mGavePictures
-                                       ? address + " is lost: " + reason
-                                       : "cannot read " + address + ": " + reason + "; it is tried again");
+    Say(SourceEvent::kChannelLost,
+        mGavePictures ? address + " is lost: " + reason
+                      : "cannot read " + address + ": " + reason + "; it is tried again",
+        reason);
   } else if (now - mSaidLost >= kSayAgain) {
     mSaidLost = now;
     Say(SourceEvent::kChannelStillLost,
-        address + " has been lost for " + LastedFrom(mLostSince) + ": " + reason);
+        address + " has been lost for " + LastedFrom(mLostSince) + ": " + reason, reason);
   }
 }
 
@@ -117,14 +118,15 @@ void ChannelCapture::NoteBack() {
 void ChannelCapture::End(const std::string& line, const std::string& reason) {
   mEnded = true;
   mSink.Board().NoteEnded(mChannel, reason, Now());
-  Say(SourceEvent::kChannelEnded, gStop ? "" : line);
+  Say(SourceEvent::kChannelEnded, gStop ? "" : line, reason);
 }
 
-void ChannelCapture::Say(SourceEvent::Kind kind, const std::string& line) {
+void ChannelCapture::Say(SourceEvent::Kind kind, const std::string& line, const std::string& reason) {
   SourceEvent event;
   event.kind = kind;
   event.channel = mChannel;
-  event.reason = line;
+  event.line = line;
+  event.reason = reason;
   mSink.Put(std::move(event));
 }
 

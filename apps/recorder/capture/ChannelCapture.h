@@ -45,7 +45,7 @@ class ChannelCapture {
   void NoteLost(const std::string& reason);
   void NoteBack();
   void End(const std::string& line, const std::string& reason);
-  void Say(SourceEvent::Kind kind, const std::string& line);
+  void Say(SourceEvent::Kind kind, const std::string& line, const std::string& reason = "");
 
   const std::string mUrl;
   const int mChannel;

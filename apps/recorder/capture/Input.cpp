@@ -84,15 +84,14 @@ Input::~Input() {
   av_packet_free(&mPacket);
 }
 
-int Input::Interrupted(void* input) {
-  const auto* self = static_cast<const Input*>(input);
-  return gStop || (self->mIsNetwork && MonotonicNow() > self->mDeadline) ? 1 : 0;
+int Input::InterruptIfDue(void* input) {
+  auto* self = static_cast<Input*>(input);
+  if (gStop || (self->mIsNetwork && MonotonicNow() > self->mDeadline)) self->mInterrupted = true;
+  return self->mInterrupted ? 1 : 0;
 }
 
-// Once missed, a deadline stays missed: libavformat still hands out what it had in store.
 void Input::ExtendDeadline() {
-  const int64_t now = MonotonicNow();
-  if (mDeadline == 0 || now <= mDeadline) mDeadline = now + mTimeout;
+  if (!mInterrupted) mDeadline = MonotonicNow() + mTimeout;
 }
 
 bool Input::Fail(int error) {
@@ -112,7 +111,7 @@ bool Input::Open() {
 
   mContext = avformat_alloc_context();
   if (mContext == nullptr || mPacket == nullptr) return Fail(AVERROR(ENOMEM));
-  mContext->interrupt_callback = {Interrupted, this};
+  mContext->interrupt_callback = {InterruptIfDue, this};
   AVDictionary* options = nullptr;
   av_dict_set(&options, "rtsp_transport", "tcp", 0);  // a recording with holes is worth less than a late one
   if (mIsNetwork) {
@@ -193,7 +192,12 @@ Input::Result Input::Read(Sample* sample) {
       FillStamps(*stamps, sample);
       return Result::kPacket;
     }
-    if (mEnd == Result::kPacket) mEnd = Fetch();
+    if (mEnd == Result::kPacket) {
+      // A disk that kept the packet before waiting is not the camera's fault.
+      if (mFetched != 0) mDeadline += MonotonicNow() - mFetched;
+      mEnd = Fetch();
+      mFetched = MonotonicNow();
+    }
     if (mEnd != Result::kPacket && mRead.empty()) return mEnd;
   }
 }
@@ -203,6 +207,7 @@ Input::Result Input::Fetch() {
   for (;; av_packet_unref(mPacket)) {
     const int result = av_read_frame(mContext, mPacket);
     if (gStop && result < 0) return Result::kStopped;
+    if (result >= 0 && mInterrupted) continue;  // what libavformat had in store, which may be half a picture
     if (result == AVERROR(EINTR)) continue;
     if (result < 0) {
       Fail(result);

@@ -75,7 +75,7 @@ class Input {
     std::optional<int64_t> camera;
   };
 
-  static int Interrupted(void* input);
+  static int InterruptIfDue(void* input);
   bool Fail(int error);
   void ExtendDeadline();
   void DescribeStamps();
@@ -97,7 +97,9 @@ class Input {
   std::string mError;
   bool mTimedOut = false;
   bool mHopeless = false;
-  int64_t mDeadline = 0;  // MonotonicNow() at which a network input has been silent for too long
+  int64_t mDeadline = 0;      // MonotonicNow() at which a network input has been silent for too long
+  bool mInterrupted = false;  // for that, or by gStop
+  int64_t mFetched = 0;       // MonotonicNow() after the last read
   AVFormatContext* mContext = nullptr;
   AVPacket* mPacket = nullptr;
   int mIndex = -1;

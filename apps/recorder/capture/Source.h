@@ -11,17 +11,18 @@ namespace recorder {
 struct SourceEvent {
   enum Kind {
     kPacket,            // sample
-    kChannelLost,       // channel, reason: it is being tried again
+    kChannelLost,       // channel, line, reason: it is being tried again
     kChannelStillLost,  // the same, a minute later
-    kChannelBack,       // channel, reason: its packets follow
-    kChannelEnded,      // channel, reason: nothing more comes of it
+    kChannelBack,       // channel, line: its packets follow
+    kChannelEnded,      // channel, line, reason: nothing more comes of it
     kNothing,           // nothing happened for a while
     kFinished,          // every channel has ended, or recording was stopped and nothing is left
   };
   Kind kind = kNothing;
   Sample sample;
   int channel = 0;
-  std::string reason;  // a line about it for people; empty when recording was stopped
+  std::string line;    // about it, for people; empty when recording was stopped
+  std::string reason;  // why, alone
 };
 
 class Source {

@@ -55,8 +55,7 @@ void StreamClockSource::Next(SourceEvent* event) {
     if (channel.ended && !channel.reason.empty()) {
       event->kind = SourceEvent::kChannelEnded;
       event->channel = static_cast<int>(i);
-      event->reason.swap(channel.reason);
-      channel.reason.clear();
+      event->line = event->reason = std::exchange(channel.reason, "");
       return;
     }
     if (!channel.pending) continue;

@@ -49,7 +49,8 @@ std::string ChannelText(const Health::Channel& channel, bool lives) {
   if (!channel.codec.empty()) {
     line += ", " + channel.codec + " " + std::to_string(channel.width) + "x" + std::to_string(channel.height);
   }
-  if (channel.reconnects > 0) line += ", back " + std::to_string(channel.reconnects) + " times";
+  if (channel.reconnects == 1) line += ", came back once";
+  if (channel.reconnects > 1) line += ", came back " + std::to_string(channel.reconnects) + " times";
   return line + "; " + channel.address + "\n";
 }
 

@@ -26,8 +26,8 @@ Reporting::Reporting(const Source& source, const Segments& segments, const DiskK
 Reporting::~Reporting() { mHealth.Note(Collect()); }
 
 void Reporting::Tell(const SourceEvent& event) {
-  if (event.reason.empty()) return;
-  const std::string line = DescribeChannel(event.channel, mNames) + ": " + event.reason;
+  if (event.line.empty()) return;
+  const std::string line = DescribeChannel(event.channel, mNames) + ": " + event.line;
   const bool isBack = event.kind == SourceEvent::kChannelBack;
   isBack ? Remark("%s", line.c_str()) : Complain("%s", line.c_str());
   if (event.kind == SourceEvent::kChannelStillLost) return;
@@ -39,7 +39,7 @@ void Reporting::Tell(const SourceEvent& event) {
     if (!each.name.empty()) json["name"] = each.name;
     json["address"] = ShownAddress(each.address);
   }
-  json["reason"] = event.reason;
+  if (!isBack) json["reason"] = event.reason;
   Post(isBack ? "channel-back" : "channel-lost", std::move(json));
 }
 
