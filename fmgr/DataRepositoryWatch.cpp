@@ -5,6 +5,7 @@
 #include "fmgr/FmgrDataRepository.h"
 #include "fmgr/Inotify.h"
 #include "fmgr/Log.h"
+#include "fmgr/OneCall.h"
 
 void FmgrDataRepository::InitWatchDirectory(std::string& path) {
   if (!fmgr::StartWatch(path, IN_MOVED_TO, mInotifyFd, mWatchFd)) {
@@ -34,5 +35,6 @@ void FmgrDataRepository::WatchDirectory() {
                      if (IsCompletedFile(name)) FlcRemoveFile(disk.c_str(), mIndex, start);
                      FlcAddFile(disk.c_str(), mIndex, start, static_cast<uint32_t>(FileNameToEndTimeSec(name)),
                                 FileNameToChannelMask(name));
+                     fmgr::OneCall::Forget();
                    });
 }

@@ -165,13 +165,15 @@ bool DriverRecordList::PrevFilePath(const std::string& path, std::string& prev) 
   return true;
 }
 
-int DriverRecordList::FilePath(int time, std::string& path, int mode) const {
+int DriverRecordList::FilePath(int time, std::string& path, int mode, const FileChoice* choice) const {
   flc_file_info_param_t param =
       FlcFileParam(nullptr, mOwner.Index(), static_cast<uint32_t>(time), 0, FLC_ALL_CHANNELS, mode);
   if (FlcGetFileByTime(Disk(), &param) >= 0) {
+    const int end = static_cast<int>(param.endTime);
+    if (end != 0 && choice != nullptr && !choice->Takes(end)) return end;
     // Stays in `path` even when the newest file is refused below and the result is 0: deliberate.
     SetPath(path, param);
-    if (param.endTime != 0) return static_cast<int>(param.endTime);
+    if (end != 0) return end;
   }
 
   // Nothing found, or the file being recorded, whose real end only its header knows.

@@ -311,7 +311,12 @@ bool FmgrDataRepository::GetPrevFilePath(const std::string& path, std::string& p
 }
 
 int FmgrDataRepository::GetFilePath(int time, std::string& path, int mode) const {
-  return mRecords->FilePath(time, path, mode);
+  return mRecords->FilePath(time, path, mode, nullptr);
+}
+
+int FmgrDataRepository::GetFilePath(int time, std::string& path, int mode,
+                                    const fmgr::FileChoice& choice) const {
+  return mRecords->FilePath(time, path, mode, &choice);
 }
 
 bool FmgrDataRepository::FindFileNameByStartTime(int startTime, std::string& path) const {

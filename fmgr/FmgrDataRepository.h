@@ -28,6 +28,7 @@ class RecoveryObserver;
 struct TimeSearchChart;
 
 namespace fmgr {
+class FileChoice;
 class PathOrder;
 class RecordList;
 }  // namespace fmgr
@@ -139,6 +140,8 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
   // The file for a time. mode >= 1: the one that covers it, else the next; <= 0: the last that started by then.
   // Result: its end, 0 for none; `path` may have been written all the same.
   int GetFilePath(int time, std::string& path, int mode) const;
+  // The same for one directory of several: `path` may be left alone for a file that isn't chosen.
+  FMGR_INTERNAL int GetFilePath(int time, std::string& path, int mode, const fmgr::FileChoice& choice) const;
   // Full path of the file whose name begins with the start time; the last in name order when several do.
   bool FindFileNameByStartTime(int startTime, std::string& path) const;
   // Adds the paths of completed files that overlap the interval to `paths`. Result: how many were added. Cache

@@ -10,6 +10,7 @@
 #include "fmgr/Log.h"
 #include "fmgr/OneCall.h"
 #include "fmgr/PathOrder.h"
+#include "fmgr/RecordList.h"
 #include "fmgr/RepositoryOrder.h"
 
 namespace {
@@ -58,20 +59,15 @@ bool MonthStart(int64_t year, int month, std::tm& broken, int64_t& start) {
 
 int FmgrFileManager::GetFilePath(int time, std::string& path, int mode) {
   const fmgr::OneCall call;
-  bool found = false;
-  int chosenEnd = 0;
+  fmgr::FileChoice choice(mode);
   std::string candidate;
   for (const fmgr::RepositoryStart& entry : fmgr::GatherByStart(ActiveGroups())) {
-    const int end = entry.repository->GetFilePath(time, candidate, mode);
-    if (end == 0) continue;
-    // Of equal ends, the later directory serves a search that looks back.
-    if (!found || (mode > 0 ? end < chosenEnd : end >= chosenEnd)) {
-      path.swap(candidate);
-      chosenEnd = end;
-      found = true;
-    }
+    const int end = entry.repository->GetFilePath(time, candidate, mode, choice);
+    if (end == 0 || !choice.Takes(end)) continue;
+    path.swap(candidate);
+    choice.Take(end);
   }
-  return found ? FMGR_DONE : FMGR_NO_DISK_OR_OWNER;
+  return choice.HasAny() ? FMGR_DONE : FMGR_NO_DISK_OR_OWNER;
 }
 
 unsigned FmgrFileManager::GetNextFilePath(const std::string& path, std::string& next) {

@@ -90,7 +90,7 @@ bool MemoryRecordList::PrevFilePath(const std::string& path, std::string& prev) 
   return true;
 }
 
-int MemoryRecordList::FilePath(int time, std::string& path, int) const {
+int MemoryRecordList::FilePath(int time, std::string& path, int, const FileChoice*) const {
   // A time equal to the directory's end is refused here, while a file whose end equals the time is accepted
   // below: deliberate, the moment belongs to the file that follows in the next directory, if there is one.
   const int directoryEnd = mOwner.GetEndTimeSec();

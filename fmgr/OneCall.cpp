@@ -11,12 +11,18 @@ thread_local uint64_t tCurrent = 0;
 
 }  // namespace
 
-OneCall::OneCall() : mOuter(tCurrent) {
-  if (tCurrent == 0) tCurrent = ++gLast;
+OneCall::OneCall() : mIsOuter(tCurrent == 0) {
+  if (mIsOuter) tCurrent = ++gLast;
 }
 
-OneCall::~OneCall() { tCurrent = mOuter; }
+OneCall::~OneCall() {
+  if (mIsOuter) tCurrent = 0;
+}
 
 uint64_t OneCall::Current() { return tCurrent; }
+
+void OneCall::Forget() {
+  if (tCurrent != 0) tCurrent = ++gLast;
+}
 
 }  // namespace fmgr

@@ -17,9 +17,11 @@ class OneCall {
   // The call that this thread is in, another number each time; 0: none. A call within a call belongs to the
   // outer one.
   static uint64_t Current();
+  // From here on everything is asked afresh: the driver was told of a change past a directory's own list.
+  static void Forget();
 
  private:
-  uint64_t mOuter;
+  bool mIsOuter;
 };
 
 }  // namespace fmgr

@@ -14,6 +14,24 @@ namespace fmgr {
 
 class PathOrder;
 
+// Which file of several directories serves a time: for mode > 0 the one that ends first, else the one that ends
+// last; of equal ends the first, or the last, that was offered.
+class FileChoice {
+ public:
+  explicit FileChoice(int mode) : mMode(mode) {}
+  bool Takes(int end) const { return !mHasAny || (mMode > 0 ? end < mEnd : end >= mEnd); }
+  void Take(int end) {
+    mEnd = end;
+    mHasAny = true;
+  }
+  bool HasAny() const { return mHasAny; }
+
+ private:
+  int mMode;
+  int mEnd = 0;
+  bool mHasAny = false;
+};
+
 class RecordList {
  public:
   virtual ~RecordList() = default;
@@ -42,7 +60,8 @@ class RecordList {
   // The questions of the same names of FmgrDataRepository.
   virtual bool NextFilePath(const std::string& path, std::string& next) const = 0;
   virtual bool PrevFilePath(const std::string& path, std::string& prev) const = 0;
-  virtual int FilePath(int time, std::string& path, int mode) const = 0;
+  // With a choice, `path` may be left alone for a file that it doesn't take.
+  virtual int FilePath(int time, std::string& path, int mode, const FileChoice* choice) const = 0;
   // `from` and `to` in seconds since the epoch.
   virtual int Collect(PathOrder& paths, int from, int to, uint32_t channelMask) const = 0;
 };
@@ -68,7 +87,7 @@ class DriverRecordList : public RecordList {
   bool DropOldestBefore(long limit) override;
   bool NextFilePath(const std::string& path, std::string& next) const override;
   bool PrevFilePath(const std::string& path, std::string& prev) const override;
-  int FilePath(int time, std::string& path, int mode) const override;
+  int FilePath(int time, std::string& path, int mode, const FileChoice* choice) const override;
   int Collect(PathOrder& paths, int from, int to, uint32_t channelMask) const override;
 
  private:
@@ -121,7 +140,7 @@ class MemoryRecordList : public RecordList {
   bool DropOldestBefore(long limit) override;
   bool NextFilePath(const std::string& path, std::string& next) const override;
   bool PrevFilePath(const std::string& path, std::string& prev) const override;
-  int FilePath(int time, std::string& path, int mode) const override;
+  int FilePath(int time, std::string& path, int mode, const FileChoice* choice) const override;
   int Collect(PathOrder& paths, int from, int to, uint32_t channelMask) const override;
 
  private:
