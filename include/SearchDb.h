@@ -18,8 +18,8 @@ struct TimeSearchRecording {
   int32_t startTime;     // seconds since the epoch
   int32_t endTime;       // seconds since the epoch
   uint32_t channelMask;  // bit n: channel n is in it
-  // When each channel has pictures, in the order of channels and of time within each, disjoint. None at all of a
-  // recording that has channels: not known, its file may tell.
+  // When each channel has pictures, in the order of channels and of time within each, disjoint. None at all of
+  // a recording that has channels: not known, its file may tell.
   std::vector<PictureSpan> spans = {};
 };
 
@@ -75,6 +75,8 @@ class SearchDb : public FileDb {
 
   // A recording of the same start is replaced. Spans that can't be are left out when they are read.
   bool Add(const TimeSearchRecording& recording);
+  // Removes the recordings of these starts and adds the others, all of it or nothing.
+  bool Amend(const std::vector<int32_t>& removed, const std::vector<TimeSearchRecording>& added);
   // True also when there was none of that start, or no database at all; makes none.
   bool Remove(int32_t startTime);
   // Appends the recordings that overlap the chart's interval, ends included, to the chart. An empty file, as it

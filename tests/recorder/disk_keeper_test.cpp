@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "apps/recorder/recording/DirectoryNumbers.h"
+#include "apps/recorder/recording/DiskKeeper.h"
 #include "tests/support/RecorderProgram.h"
 #include "tests/support/TestDisk.h"
 
@@ -199,6 +200,34 @@ TEST_F(DiskKeeperTest, GoesOnWithoutADiskAndTakesItBack) {
   }
   EXPECT_NE(std::string::npos, ReadText(output).find("dropped 0 packets"));
   EXPECT_EQ(0, Run("check")) << mProgram.out;
+}
+
+// A disk that takes a small write and fails in use would come and go for ever.
+TEST_F(DiskKeeperTest, LeavesADiskThatFailsAgainAloneForLonger) {
+  for (const char* disk : {"a", "b"}) Prepare(disk, 3);
+  recorder::SearchIndex index;
+  recorder::Recovery recovery(index);
+  recorder::LockSet locks("test");
+  recorder::Disks disks;
+  ASSERT_FALSE(disks.Choose(mRoot.Path(), {}));
+  ASSERT_FALSE(disks.OpenForRecording({}));
+  recorder::DiskKeeper keeper(disks, locks, index, recovery, {1, true, true});
+  keeper.Start();
+  const auto fail = [&] {  // seconds until the disk is used again
+    const auto begin = std::chrono::steady_clock::now();
+    keeper.SetAside(DiskPath("a"), "failed", 0);
+    for (int i = 0; keeper.HasUnused() && i < 60; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      keeper.Look();
+    }
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  };
+  fail();
+  fail();
+  const double third = fail();
+  EXPECT_GT(third, 3);
+  keeper.NoteRecorded(DiskPath("a") + "/data_00000001/x.imf");
+  EXPECT_LT(fail(), third);
 }
 
 // A clock that is ahead makes every recording look old.

@@ -14,6 +14,7 @@
 #include "apps/recorder/recording/Completion.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
+#include "platform/host/HostSystem.h"
 #include "tests/support/RecorderProgram.h"
 #include "tests/support/TestDisk.h"
 
@@ -85,6 +86,9 @@ void MakeFifo(const std::string& path) { mkfifo(path.c_str(), 0600); }
 void MakeLink(const std::string& path) {
   fs::create_symlink(path[path.size() - 1] == '9' ? "data_00000002" : "/etc/passwd", path);
 }
+void MakeSecondName(const std::string& path) {
+  fs::create_hard_link(fs::path(path).parent_path().parent_path().string() + kRecording, path);
+}
 void MakeAhead(const std::string& path) {
   MakeFile(path);
   WriteTestRecording(path, 0x7ffffff0, 8, 1);
@@ -109,6 +113,12 @@ const Odd kOdd[] = {
     {"EmptyInPool", "/imf_free/00000007.imf", true, MakeEmpty},
     {"OtherSizeInPool", "/imf_free/00000007.imf", true, MakeSmall},
     {"NumberBelowZeroInPool", "/imf_free/-5.imf", true, MakeFile},
+    {"RecordingInPool", "/imf_free/00000007.imf", true, MakeSecondName},
+    {"LinkAsDatabase", "/data_00000002/search.fdb", true, MakeLink},
+    {"FifoAsDatabase", "/data_00000002/search.fdb", true, MakeFifo},
+    {"DirectoryAsDatabase", "/data_00000002/search.fdb", true, MakeDirectory},
+    {"RecordingAsDatabase", "/data_00000002/search.fdb", true, MakeSecondName},
+    {"FifoAsJournal", "/data_00000002/search.fdb-journal", true, MakeFifo},
 };
 
 void PrintTo(const Odd& odd, std::ostream* out) { *out << odd.name; }
@@ -143,6 +153,9 @@ TEST_P(OddDisk, IsUsedWithoutIt) {
   EXPECT_EQ(GetParam().isMoved, !isThere(GetParam().path));
   EXPECT_EQ(GetParam().isMoved, isThere("/set_aside/" + fs::path(GetParam().path).filename().string()));
   EXPECT_EQ(0, Inspect(disk, kStart).Missing());
+  HostAllowCommands(true);
+  SearchIndex::Mend(disk);
+  EXPECT_TRUE(fs::is_regular_file(disk + "/data_00000002/search.fdb"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Planted, OddDisk, testing::ValuesIn(kOdd),
@@ -235,6 +248,20 @@ TEST_F(MountedDisk, PassesOverWhatCannotBeMoved) {
   Record();
   Record();
   EXPECT_FALSE(fs::exists(oldest));
+  EXPECT_EQ(0, Run("check")) << mProgram.out;
+}
+
+TEST_F(MountedDisk, RecordsWithoutAFreeBlock) {
+  const std::string fill = "dd if=/dev/zero bs=4k of=" + mDisk + "/filler";
+  EXPECT_NE(0, Shell(fill));
+  Record();  // makes a data directory
+  EXPECT_TRUE(Said("the file system is full; ")) << mLines;
+  EXPECT_NE(0, Shell(fill + "2")) << "the reserve, too";
+  Record();  // recycles within it
+  ASSERT_EQ(0, Shell("rm " + mDisk + "/filler*"));
+  Record();
+  EXPECT_TRUE(Said(" is laid down again")) << mLines;
+  EXPECT_EQ(12u, InodesOf(mDisk).size());
   EXPECT_EQ(0, Run("check")) << mProgram.out;
 }
 

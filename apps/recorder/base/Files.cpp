@@ -23,15 +23,23 @@ bool Exists(const std::string& path) {
 
 std::vector<std::string> ListDirectory(const std::string& path) {
   std::vector<std::string> names;
+  ListDirectory(path, &names);
+  return names;
+}
+
+int ListDirectory(const std::string& path, std::vector<std::string>* names) {
+  names->clear();
   DIR* directory = opendir(path.c_str());
-  if (directory == nullptr) return names;
+  if (directory == nullptr) return errno;
+  errno = 0;
   while (const dirent* entry = readdir(directory)) {
     const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
+    if (name != "." && name != "..") names->push_back(name);
   }
+  const int error = errno;
   closedir(directory);
-  std::sort(names.begin(), names.end());
-  return names;
+  std::sort(names->begin(), names->end());
+  return error;
 }
 
 bool HasSuffix(const std::string& text, const std::string& suffix) {

@@ -16,6 +16,8 @@ bool IsDirectory(const std::string& path);
 bool Exists(const std::string& path);
 // Names in a directory without "." and "..", sorted; empty when it can't be read.
 std::vector<std::string> ListDirectory(const std::string& path);
+// The same; 0, or the errno of a listing that broke off: then `names` has what came before.
+int ListDirectory(const std::string& path, std::vector<std::string>* names);
 bool HasSuffix(const std::string& text, const std::string& suffix);
 // The part up to and including the last slash; the part behind it.
 std::string DirectoryOf(const std::string& path);

@@ -358,7 +358,7 @@ DiskReport DiskCheck::Run() {
   std::vector<std::string> names;
   struct stat info = {};
   if (stat(mReport.path.c_str(), &info) == 0) mDevice = info.st_dev;
-  List(mReport.path, &names);
+  if (!List(mReport.path, &names)) return mReport;
   // Preparing makes the pre-allocation directory first.
   mReport.missing = std::none_of(names.begin(), names.end(), [](const std::string& name) {
     return name == "imf_free" || name == "imf_prealloc" || name.rfind("data_", 0) == 0;

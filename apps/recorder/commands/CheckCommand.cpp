@@ -116,13 +116,14 @@ int Repair(const Options& options, const Disk& disk, DiskReport* report) {
 }
 
 Refusal ChooseDisks(const Options& options, const std::string& root, std::vector<Disk>* disks) {
-  for (const std::string& name : options.disks.empty() ? ListDisks(root) : options.disks) {
+  int error = 0;
+  for (const std::string& name : options.disks.empty() ? ListDisks(root, &error) : options.disks) {
     disks->push_back({name, DiskPath(root, name)});
     // One that is named and not there is missing, like one that is there and holds nothing.
     const bool isDisk = !name.empty() && name.find('/') == std::string::npos;
     if (!isDisk) return "there is no disk " + name + " under " + root + "/disk";
   }
-  if (disks->empty()) return "there is no disk under " + root + "/disk";
+  if (disks->empty()) return WhyNoDisk(root, error);
   return std::nullopt;
 }
 

@@ -34,6 +34,12 @@ std::string NameOfDirectory(const FmgrDataRepository& repository) {
   return path.empty() ? path : NameOf(path.substr(0, path.size() - 1));
 }
 
+// Two askings: a device that stumbles once is no reason to do without a disk. 0 or errno.
+int ListTwice(const std::string& path, std::vector<std::string>* names) {
+  const int error = ListDirectory(path, names);
+  return error == 0 || error == ENOENT || error == ENOTDIR ? error : ListDirectory(path, names);
+}
+
 // The file list cache follows no symbolic links, and goes into no other file system, so neither does this.
 bool IsOwnDirectory(const Disk& disk, const std::string& pathWithSlash) {
   struct stat own;
@@ -66,12 +72,24 @@ Refusal ResolveRoot(std::string* root, bool disksNeeded) {
 
 std::string DiskPath(const std::string& root, const std::string& name) { return root + "/disk/" + name; }
 
-std::vector<std::string> ListDisks(const std::string& root) {
+std::vector<std::string> ListDisks(const std::string& root, int* error) {
   std::vector<std::string> names;
-  for (const std::string& name : ListDirectory(root + "/disk")) {
-    if (IsDirectory(DiskPath(root, name))) names.push_back(name);
+  std::vector<std::string> disks;
+  const int result = ListTwice(root + "/disk", &names);
+  if (error != nullptr) *error = result;
+  for (const std::string& name : names) {
+    struct stat st;
+    const bool isSeen = stat(DiskPath(root, name).c_str(), &st) == 0;
+    if (isSeen ? S_ISDIR(st.st_mode) : errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
+      disks.push_back(name);
+    }
   }
-  return names;
+  return disks;
+}
+
+std::string WhyNoDisk(const std::string& root, int error) {
+  return error == 0 ? "there is no disk under " + root + "/disk"
+                    : root + "/disk can't be read: " + std::strerror(error);
 }
 
 bool IsPrepared(const std::string& path) { return Exists(path + "/imf_free"); }
@@ -92,21 +110,32 @@ Refusal TakeLocks(const std::string& root, const std::vector<Disk>& disks, LockS
   return locks->TakeAll(directories);
 }
 
-bool HoldsFiles(const std::string& path) {
-  for (const std::string& name : ListDirectory(path)) {
+bool HoldsFiles(const std::string& path, int* error) {
+  int ignored = 0;
+  int& failed = error != nullptr ? *error : ignored;
+  std::vector<std::string> names;
+  std::vector<std::string> files;
+  failed = ListTwice(path, &names);
+  if (failed == ENOENT || failed == ENOTDIR) failed = 0;
+  for (const std::string& name : names) {
     if (name != "imf_free" && name != "imf_error" && name.rfind("data_", 0) != 0) continue;
     std::string directory = path + "/";
     directory += name;
-    for (const std::string& file : ListDirectory(directory)) {
+    const int broken = ListTwice(directory, &files);
+    for (const std::string& file : files) {
       if (HasSuffix(file, ".imf")) return true;
     }
+    if (broken != 0 && broken != ENOENT && broken != ENOTDIR) failed = broken;
   }
   return false;
 }
 
 std::string WhyMissing(const std::string& root, const Disk& disk) {
-  return IsPreparationCutOff(disk.path) ? "preparing it was cut off; " + HowToFinish(root, disk.path)
-                                        : "nothing prepared at " + disk.path + ", is it mounted?";
+  int error = 0;
+  if (IsPreparationCutOff(disk.path)) return "preparing it was cut off; " + HowToFinish(root, disk.path);
+  HoldsFiles(disk.path, &error);
+  return error == 0 ? "nothing prepared at " + disk.path + ", is it mounted?"
+                    : disk.path + " can't be read: " + std::strerror(error);
 }
 
 Refusal RefuseDisk(const std::string& root, const std::string& name, const std::vector<std::string>& others) {
@@ -123,7 +152,8 @@ Refusal Disks::Choose(const std::string& root, const std::vector<std::string>& n
   mRoot = root;
   std::vector<std::string> chosen = names;
   std::vector<std::string> others = names;
-  for (const std::string& name : ListDisks(root)) {
+  int error = 0;
+  for (const std::string& name : ListDisks(root, &error)) {
     if (std::find(names.begin(), names.end(), name) != names.end()) continue;
     // Its path could be mistaken for another's also when it isn't used.
     if (IsPrepared(DiskPath(root, name))) others.push_back(name);
@@ -131,7 +161,7 @@ Refusal Disks::Choose(const std::string& root, const std::vector<std::string>& n
     const bool canBe = IsPrepared(DiskPath(root, name)) || !RefuseDisk(root, name, {});
     if (names.empty() && canBe) chosen.push_back(name);
   }
-  if (chosen.empty()) return "there is no disk under " + root + "/disk";
+  if (chosen.empty()) return WhyNoDisk(root, error);
   for (const std::string& name : chosen) {
     const Disk disk = {name, DiskPath(root, name)};
     const bool missing = !HoldsFiles(disk.path);

@@ -31,13 +31,16 @@ Refusal MakeRootAbsolute(std::string* root);
 // (when `disksNeeded`).
 Refusal ResolveRoot(std::string* root, bool disksNeeded);
 std::string DiskPath(const std::string& root, const std::string& name);
-// Names of the directories in ROOT/disk.
-std::vector<std::string> ListDisks(const std::string& root);
+// Names of the directories in ROOT/disk, and of what a sick disk keeps from being looked at. `error` (may be
+// null): 0, or the errno for which ROOT/disk can't be listed.
+std::vector<std::string> ListDisks(const std::string& root, int* error = nullptr);
+// What to say when there is none of them.
+std::string WhyNoDisk(const std::string& root, int error);
 // Whether a disk's directory holds what preparing makes.
 bool IsPrepared(const std::string& path);
 // Whether a disk's directory holds any record file, in use, free, or in quarantine. Without one it is an empty
-// mount point, or was never prepared.
-bool HoldsFiles(const std::string& path);
+// mount point, or was never prepared. `error` (may be null): 0, or the errno for which that can't be told.
+bool HoldsFiles(const std::string& path, int* error = nullptr);
 // What is to be said of one that doesn't.
 std::string WhyMissing(const std::string& root, const Disk& disk);
 // What keeps a disk's name or path from being used beside `others`.

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <set>
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/disks/SetAside.h"
@@ -70,7 +71,7 @@ std::string KindText(unsigned char type) {
   }
 }
 
-// Calls use(name, type) for each entry but "." and "..". 0, or the errno of a listing that broke off.
+// Calls use(name, type, inode) for each entry but "." and "..". 0, or the errno of a listing that broke off.
 template <typename Use>
 int ForEach(DIR* directory, Use use) {
   for (;;) {
@@ -78,7 +79,7 @@ int ForEach(DIR* directory, Use use) {
     const dirent* entry = readdir(directory);
     if (entry == nullptr) return errno;
     const std::string name = entry->d_name;
-    if (name != "." && name != "..") use(name, TypeOf(directory, *entry));
+    if (name != "." && name != "..") use(name, TypeOf(directory, *entry), entry->d_ino);
   }
 }
 
@@ -116,6 +117,7 @@ class DiskInspection {
   const int64_t mNow;
   OpenDirectory mDirectory{nullptr, closedir};
   dev_t mDevice = 0;
+  std::set<ino_t> mRecorded;  // of record files in data directories
   Inspection mFound;
 };
 
@@ -129,19 +131,22 @@ void DiskInspection::LookAtPool() {
   }
   const std::string fixed = WhyFixed(dirfd(directory.get()));
   if (!fixed.empty()) mFound.unusable = pool + " " + fixed;
-  const int error = ForEach(directory.get(), [&](const std::string& name, unsigned char type) {
+  const int error = ForEach(directory.get(), [&](const std::string& name, unsigned char type, ino_t) {
     if (!HasSuffix(name, ".imf") || name[0] == '.') return;
     ++mFound.pool;
     struct statx st = {};
     const std::string path = pool + "/" + name;
     if (type != DT_REG) {
       mFound.odd.push_back({path, KindText(type)});
-    } else if (statx(dirfd(directory.get()), name.c_str(), AT_SYMLINK_NOFOLLOW, STATX_SIZE, &st) != 0) {
+    } else if (statx(dirfd(directory.get()), name.c_str(), AT_SYMLINK_NOFOLLOW,
+                     STATX_SIZE | STATX_NLINK | STATX_INO, &st) != 0) {
       if (errno != ENOENT)
         mFound.fixed.push_back({path, "can't be looked at: " + std::string(std::strerror(errno))});
     } else if (IsImmutable(st)) {
       ++mFound.files;
       mFound.fixed.push_back({path, "is immutable"});
+    } else if (st.stx_nlink > 1 && mRecorded.count(st.stx_ino) != 0) {
+      mFound.odd.push_back({path, "is a recording's second name"});
     } else if (st.stx_size == 0) {
       mFound.odd.push_back({path, "is empty"});
     } else if (mFound.manifest && st.stx_size != mFound.manifest->fileBytes) {
@@ -169,9 +174,14 @@ void DiskInspection::LookInto(const std::string& name) {
   std::vector<std::string> unfinished;
   std::vector<OddEntry> odd;
   int64_t files = 0;
-  const int error = ForEach(directory.get(), [&](const std::string& entry, unsigned char type) {
+  const int error = ForEach(directory.get(), [&](const std::string& entry, unsigned char type, ino_t inode) {
+    if (entry.rfind("search.fdb", 0) == 0) {
+      const std::string why = WhyNoDatabase(path + entry);
+      if (!why.empty()) odd.push_back({path + entry, why});
+    }
     if (type != DT_REG || !HasSuffix(entry, ".imf")) return;
     ++files;
+    mRecorded.insert(inode);
     RecordName record{};
     if (!ParseRecordName(entry, &record)) return;  // nobody looks for such a one
     if (record.startTime > mNow + kClockTolerance) {
@@ -220,7 +230,7 @@ void DiskInspection::LookAtData(const std::map<int, std::vector<std::string>>& n
 int DiskInspection::CountFiles(int parent, const std::string& name, int depth, int64_t* entries) {
   const OpenDirectory directory = Open(parent, name, mDevice);
   if (directory == nullptr) return errno;
-  return ForEach(directory.get(), [&](const std::string& entry, unsigned char type) {
+  return ForEach(directory.get(), [&](const std::string& entry, unsigned char type, ino_t) {
     ++*entries;
     int64_t inner = 0;
     // A number may have been appended.
@@ -243,7 +253,7 @@ Inspection DiskInspection::Run() {
   std::vector<std::string> asides;
   bool hasPool = false;
   bool hasErrors = false;
-  const int error = ForEach(mDirectory.get(), [&](const std::string& name, unsigned char type) {
+  const int error = ForEach(mDirectory.get(), [&](const std::string& name, unsigned char type, ino_t) {
     if (IsSetAsideName(name) && type == DT_DIR) asides.push_back(name);
     if (name == "imf_free" || name == "imf_error") {
       if (type != DT_DIR) mFound.odd.push_back({PathOf(name), KindText(type)});
@@ -287,6 +297,13 @@ std::string WhyFixed(const std::string& path) {
 bool IsImmutable(const std::string& path) {
   struct statx st = {};
   return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &st) == 0 && IsImmutable(st);
+}
+
+std::string WhyNoDatabase(const std::string& path) {
+  struct stat st = {};
+  if (lstat(path.c_str(), &st) != 0) return "";
+  if (!S_ISREG(st.st_mode)) return KindText(IFTODT(st.st_mode));
+  return NameOf(path) == "search.fdb" && st.st_nlink > 1 ? "has a second name" : "";
 }
 
 Inspection Inspect(const std::string& disk, int64_t now) {

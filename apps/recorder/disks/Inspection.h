@@ -1,7 +1,7 @@
 // Looks a disk over before the file manager sees it: finds what would mislead it, since it takes names at their
 // word. Only looks, opens nothing but directories of the disk's own file system (and a record file that claims
 // to lie ahead of the clock), follows no links, and never blocks on a fifo. Every directory is listed once;
-// only pool entries are looked at one by one.
+// only pool entries and search databases are looked at one by one.
 #pragma once
 
 #include <cstdint>
@@ -49,6 +49,9 @@ Inspection Inspect(const std::string& disk, int64_t now);
 // when it takes them, and when it can't be opened. `path` may end with a slash.
 std::string WhyFixed(const std::string& path);
 bool IsImmutable(const std::string& path);
+// Why a data directory's entry called search.fdb and something is not the recorder's, as "is a fifo"; empty
+// when it may be. A second name may be a recording's.
+std::string WhyNoDatabase(const std::string& path);
 
 // N of a pool file's name, at least eight digits and ".imf"; -1 for any other name.
 int64_t PoolNumber(const std::string& name);

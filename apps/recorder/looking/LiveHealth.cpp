@@ -77,7 +77,7 @@ std::string HealthText(const LiveHealth& live) {
   std::string text = "recorder: ";
   if (live.lives) {
     text += std::string(live.isStuck    ? "stuck"
-                        : health.paused ? "paused, no disk can be used"
+                        : health.paused ? "paused, no disk can be used; running"
                                         : "recording") +
             " since " + ShowTime(live.isStuck ? health.moved : health.started) + ", as of " + age;
   } else {

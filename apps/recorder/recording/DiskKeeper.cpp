@@ -23,6 +23,8 @@ namespace recorder {
 
 namespace {
 
+constexpr int64_t kLongestWait = 30;  // times the time between two looks
+
 int64_t Uptime() {
   timespec now = {};
   clock_gettime(CLOCK_BOOTTIME, &now);
@@ -81,7 +83,7 @@ DiskKeeper::DiskKeeper(Disks& disks, LockSet& locks, SearchIndex& index, Recover
       mRecovery(recovery),
       mOptions(options),
       mMounts(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)) {
-  for (const Disk& disk : disks.Chosen()) mSlots.push_back({{disk, DiskState::kMissing, "", 0}, {}});
+  for (const Disk& disk : disks.Chosen()) mSlots.push_back({{disk, DiskState::kMissing, "", 0}, {}, 0, 0});
   mClockDoubted = ReadState(disks.Root()).clockDoubted;
 }
 
@@ -91,27 +93,32 @@ DiskKeeper::~DiskKeeper() {
 
 void DiskKeeper::Start() {
   MountsChanged();
-  TakeIn(true);
+  TakeIn(true, true);
   mNextLook = Uptime() + mOptions.retrySeconds;
   Publish();
 }
 
 void DiskKeeper::Look() {
   const int64_t now = Uptime();
-  const bool due = MountsChanged() || now >= mNextLook;
+  const bool mounted = MountsChanged();
   for (Slot& slot : mSlots) {
     std::pair<dev_t, ino_t> identity;
     if (slot.state.use != DiskState::kUsed) continue;
     if (!Identify(slot.state.disk.path, &identity) || identity != slot.identity) {
-      SetAside(slot.state.disk.path, "is not at its place any more", 0);
+      TakeOff(slot, "is not at its place any more");
     } else if (const Refusal refusal = mLocks.Confirm(slot.state.disk.path)) {
-      SetAside(slot.state.disk.path, *refusal, 0);
+      TakeOff(slot, *refusal);
     }
   }
-  if (!due) return;
+  if (!mounted && now < mNextLook) return;
   mNextLook = now + mOptions.retrySeconds;
   if (mOptions.allDisks) FindNew();
-  if (HasUnused()) TakeIn(false);
+  if (HasUnused()) TakeIn(false, mounted || !HasDisk());
+}
+
+bool DiskKeeper::AskAgain() {
+  if (HasUnused()) TakeIn(false, true);
+  return HasDisk();
 }
 
 void DiskKeeper::FindNew() {
@@ -121,7 +128,7 @@ void DiskKeeper::FindNew() {
     const Disk disk = {name, DiskPath(mDisks.Root(), name)};
     const bool known = std::find(others.begin(), others.end(), name) != others.end();
     if (known || RefuseDisk(mDisks.Root(), name, others) || !HoldsFiles(disk.path)) continue;
-    mSlots.push_back({{disk, DiskState::kMissing, "", 0}, {}});
+    mSlots.push_back({{disk, DiskState::kMissing, "", 0}, {}, 0, 0});
     others.push_back(name);
   }
 }
@@ -132,10 +139,15 @@ DiskState DiskKeeper::Vet(const Disk& disk, const std::vector<std::string>& othe
   const int fd = open(disk.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const int error = fd < 0 ? errno : 0;
   if (fd >= 0) close(fd);
+  int unread = 0;
+  const bool isThere = error == 0 && HoldsFiles(disk.path, &unread);
   if (error != 0 && error != ENOENT && error != ENOTDIR) {
     state.use = DiskState::kAside;
     state.what = std::string("cannot be opened: ") + std::strerror(error);
-  } else if (error != 0 || !HoldsFiles(disk.path)) {
+  } else if (unread != 0) {
+    state.use = DiskState::kAside;
+    state.what = std::string("cannot be read: ") + std::strerror(unread);
+  } else if (!isThere) {
     state.use = DiskState::kMissing;
     state.what = WhyMissing(mDisks.Root(), disk);
   } else if (const int refused = TryToWrite(disk.path)) {
@@ -177,20 +189,21 @@ void DiskKeeper::Order(std::vector<Slot*>* joining) {
   Renumber(disks, plan);
 }
 
-void DiskKeeper::TakeIn(bool starting) {
+void DiskKeeper::TakeIn(bool starting, bool evenSick) {
   std::vector<Slot*> joining;
   std::vector<std::string> others;
   for (const Slot& slot : mSlots) {
     if (slot.state.use == DiskState::kUsed) others.push_back(slot.state.disk.name);
   }
   for (Slot& slot : mSlots) {
-    if (slot.state.use == DiskState::kUsed) continue;
+    if (slot.state.use == DiskState::kUsed || (!evenSick && Uptime() < slot.nextTry)) continue;
     const Disk& disk = slot.state.disk;
     const DiskState state = Vet(disk, others);
     if (state.use == DiskState::kUsed) {
       joining.push_back(&slot);
       others.push_back(disk.name);
     } else {
+      if (state.use == DiskState::kMissing) slot.wait = slot.nextTry = 0;  // who brings it back has seen to it
       NoteState(slot, state.use, state.what);
     }
   }
@@ -225,15 +238,33 @@ void DiskKeeper::TakeIn(bool starting) {
   if (!starting) Publish();
 }
 
-void DiskKeeper::SetAside(const std::string& path, const std::string& what, int error) {
+DiskKeeper::Slot* DiskKeeper::SlotOf(const std::string& path) {
   for (Slot& slot : mSlots) {
-    const Disk& disk = slot.state.disk;
-    if (slot.state.use != DiskState::kUsed || (path + "/").rfind(disk.path + "/", 0) != 0) continue;
-    mIndex.Close();
-    mDisks.Remove(disk);
-    mLocks.Release(disk.path);  // so that it can be unmounted
-    NoteState(slot, DiskState::kAside, error == 0 ? what : what + ": " + std::strerror(error));
+    const bool isOn = (path + "/").rfind(slot.state.disk.path + "/", 0) == 0;
+    if (isOn && slot.state.use == DiskState::kUsed) return &slot;
   }
+  return nullptr;
+}
+
+void DiskKeeper::TakeOff(Slot& slot, const std::string& what) {
+  const Disk& disk = slot.state.disk;
+  mIndex.Close();
+  mDisks.Remove(disk);
+  mLocks.Release(disk.path);  // so that it can be unmounted
+  NoteState(slot, DiskState::kAside, what);
+}
+
+void DiskKeeper::SetAside(const std::string& path, const std::string& what, int error) {
+  Slot* slot = SlotOf(path);
+  if (slot == nullptr) return;
+  const int64_t step = mOptions.retrySeconds;
+  slot->wait = slot->wait == 0 ? step : std::min(slot->wait * 2, kLongestWait * step);
+  slot->nextTry = slot->wait > step ? Uptime() + slot->wait : 0;
+  TakeOff(*slot, error == 0 ? what : what + ": " + std::strerror(error));
+}
+
+void DiskKeeper::NoteRecorded(const std::string& path) {
+  if (Slot* slot = SlotOf(path)) slot->wait = 0;
 }
 
 // One line whenever what is wrong with a disk is another thing than before.
@@ -243,9 +274,12 @@ void DiskKeeper::NoteState(Slot& slot, DiskState::Use use, const std::string& wh
   if (state.use != use || state.since == 0) state.since = std::time(nullptr);
   state.use = use;
   state.what = what;
-  Complain("disk %s is %s: %s; it is looked at again every %s", state.disk.name.c_str(),
-           use == DiskState::kMissing ? "missing" : "set aside", what.c_str(),
-           FormatDuration(mOptions.retrySeconds).c_str());
+  const int64_t left = slot.nextTry - Uptime();
+  const std::string when = left > mOptions.retrySeconds
+                               ? "in " + FormatDuration(static_cast<double>(left)) + ", since it failed again"
+                               : "every " + FormatDuration(mOptions.retrySeconds);
+  Complain("disk %s is %s: %s; it is looked at again %s", state.disk.name.c_str(),
+           use == DiskState::kMissing ? "missing" : "set aside", what.c_str(), when.c_str());
   Publish();
 }
 
@@ -271,7 +305,9 @@ void DiskKeeper::SayNoDisk(int64_t dropped) {
   mNextNoDisk = now + mOptions.retrySeconds;
   std::string disks;
   for (const Slot& slot : mSlots) {
-    disks += (disks.empty() ? "" : "; ") + slot.state.disk.name + ": " + slot.state.what;
+    const bool isFull = slot.state.use == DiskState::kUsed;  // else it would be recorded to
+    disks += (disks.empty() ? "" : "; ") + slot.state.disk.name + ": " +
+             (isFull ? "every file holds a recording" : slot.state.what);
   }
   Complain("nothing is recorded, no disk can be used (%s); %" PRId64 " packets dropped so far", disks.c_str(),
            dropped);

@@ -1,6 +1,8 @@
 // Keeps the disks of a recording. One that is missing, or does not do what a disk has to, is set aside, named
 // once and in `status`, looked at again every minute and whenever something is mounted, and taken back when it
-// is well: repaired, and in the order of time with the others. The rest goes on recording meanwhile.
+// is well: repaired, and in the order of time with the others. The rest goes on recording meanwhile. One that
+// fails in use again before it has taken a whole segment is left alone for longer each time, while there are
+// others.
 //
 // Nothing here is to be called while a record file is open, but SetAside().
 #pragma once
@@ -38,9 +40,13 @@ class DiskKeeper {
   void Start();
   // Sets aside what has gone, and looks at what isn't used when that is due.
   void Look();
+  // Looks at all that isn't used at once. Whether there is a disk then.
+  bool AskAgain();
   // Takes the disk on which `path` lies off the file manager: `what` it could not do, and the system's error
   // (0: none is known).
   void SetAside(const std::string& path, const std::string& what, int error);
+  // A whole segment has been recorded at `path`.
+  void NoteRecorded(const std::string& path);
 
   bool HasDisk() const;
   bool HasUnused() const;
@@ -58,11 +64,15 @@ class DiskKeeper {
   struct Slot {
     DiskState state;
     std::pair<dev_t, ino_t> identity;  // of its directory, while it is used
+    int64_t wait = 0;     // seconds that it was left alone for when it failed last; 0: it did well since
+    int64_t nextTry = 0;  // seconds of the monotonic clock
   };
 
+  Slot* SlotOf(const std::string& path);
+  void TakeOff(Slot& slot, const std::string& what);
   DiskState Vet(const Disk& disk, const std::vector<std::string>& others);
   void FindNew();
-  void TakeIn(bool starting);
+  void TakeIn(bool starting, bool evenSick);
   void Order(std::vector<Slot*>* joining);
   void NoteState(Slot& slot, DiskState::Use use, const std::string& what);
   void Publish();

@@ -187,7 +187,8 @@ int Record(const RecordOptions& options, const std::string& root) {
 
   av_log_set_level(AV_LOG_QUIET);  // what matters of it is said in lines of our own
   keeper.Start();
-  if (plan.streamClock && !keeper.HasDisk()) return kRefused;  // each disk has been named
+  // Each disk has been named. One that stumbled once is usable at the second asking.
+  if (plan.streamClock && !keeper.HasDisk() && !keeper.AskAgain()) return kRefused;
   Expiry expiry(disks, keeper, recovery, {plan.keepSeconds, options.trustClock});
   // What is read from files can be read again; what a camera sends can't.
   Segments segments(disks, keeper, expiry, index, recovery,

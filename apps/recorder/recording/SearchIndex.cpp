@@ -8,9 +8,12 @@
 #include "SystemHelper.h"
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
+#include "apps/recorder/disks/Inspection.h"
+#include "apps/recorder/disks/SetAside.h"
 #include "platform/host/imf/ImfCoverage.h"
 #include "platform/host/imf/RecordName.h"
 #include "platform/host/searchdb/SearchDbFile.h"
+#include "platform/host/searchdb/SearchDbRebuild.h"
 
 namespace recorder {
 
@@ -66,12 +69,25 @@ std::string CompareRows(const std::vector<std::string>& names, const std::vector
     if (hasRow) ++missing;
   }
   std::string what;
-  for (const std::string& part : {missing > 0 ? Plural(missing, "missing") : "",
-                                  surplus > 0 ? Plural(surplus, "that are no longer there") : "",
-                                  different > 0 ? Plural(different, "with other times or channels") : ""}) {
+  for (const std::string& part :
+       {missing > 0 ? Plural(missing, "missing") : "", surplus > 0 ? Plural(surplus, "no longer there") : "",
+        different > 0 ? Plural(different, "with other times or channels") : ""}) {
     if (!part.empty()) what += (what.empty() ? "is out of step with the file names: " : ", ") + part;
   }
   return what;
+}
+
+// What came since the disk was looked over.
+void SetOddAside(const std::string& directory) {
+  const std::string parent = DirectoryOf(directory.substr(0, directory.size() - 1));
+  for (const std::string& name : ListDirectory(directory)) {
+    const std::string path = directory + name;
+    const std::string why = name.rfind("search.fdb", 0) == 0 ? WhyNoDatabase(path) : "";
+    if (why.empty()) continue;
+    const SetAsideResult result = SetAside(parent.substr(0, parent.size() - 1), path);
+    Complain("%s %s%s", path.c_str(), why.c_str(),
+             result.to.empty() ? " and can't be set aside" : (": set aside as " + result.to).c_str());
+  }
 }
 
 }  // namespace
@@ -131,9 +147,12 @@ void SearchIndex::Mend(const std::string& disk) {
       if (HasSuffix(entry, ".imf")) records.push_back(entry);
       if (entry.rfind("search.fdb", 0) == 0) others.push_back(entry);
     }
-    const std::string what = Disagreement(directory, records, others);
+    bool isSound = false;
+    const std::string what = Disagreement(directory, records, others, &isSound);
     if (what.empty()) continue;
-    if (Rebuild(directory)) {
+    if (isSound && MendSearchDb(directory)) {
+      Print("mended search database %s: it %s\n", DbPath(directory).c_str(), what.c_str());
+    } else if (Rebuild(directory)) {
       Print("rebuilt search database %s: it %s\n", DbPath(directory).c_str(), what.c_str());
     } else {
       Complain("search database %s %s and could not be rebuilt", DbPath(directory).c_str(), what.c_str());
@@ -142,7 +161,7 @@ void SearchIndex::Mend(const std::string& disk) {
 }
 
 std::string SearchIndex::Disagreement(const std::string& directory, const std::vector<std::string>& names,
-                                      const std::vector<std::string>& others) {
+                                      const std::vector<std::string>& others, bool* isSound) {
   const std::string path = DbPath(directory);
   bool hasJournal = false;
   for (const std::string& name : others) {
@@ -167,12 +186,14 @@ std::string SearchIndex::Disagreement(const std::string& directory, const std::v
   TimeSearchChart chart;
   chart.endTime = static_cast<int32_t>(kTimeLimit);
   if (!database.CollectData(&chart)) return "can't be read: " + database.Error();
+  if (isSound != nullptr) *isSound = true;
   return CompareRows(names, chart.recordings);
 }
 
 // By the tool that the file manager uses as well. The marks go last, so that a rebuild that is cut off is done
 // again.
 bool SearchIndex::Rebuild(const std::string& directory) {
+  SetOddAside(directory);
   if (SystemFmt("/opt/app/filedb -f %s", directory.c_str()) != 0) return false;
   for (const std::string& name : ListDirectory(directory)) {
     if (name.rfind("search.fdb.", 0) == 0 && HasSuffix(name, ".err")) unlink((directory + name).c_str());

@@ -21,6 +21,7 @@ namespace {
 // SaveForeignFiles.
 constexpr int kPreserveRounds = 2;
 constexpr int kFailureLimit = 3;          // in a row, then the disk is set aside
+constexpr int kAskingLimit = 3;           // for a disk, where none is waited for
 constexpr size_t kEarlySoundLimit = 256;  // packets
 
 void Sync(const std::string& directory) {
@@ -159,7 +160,10 @@ Segments::Opened Segments::Begin(const Sample& sample) {
   mKeeper.Look();
   KeepHouse();
   for (Allocation::Result made = Allocation::kAgain; made != Allocation::kMade;) {
-    if (!mKeeper.HasDisk()) return Opened::kNoDisk;
+    while (!mKeeper.HasDisk()) {
+      if (mOptions.waitForDisks || mAskings++ >= kAskingLimit) return Opened::kNoDisk;
+      mKeeper.AskAgain();
+    }
     mStart = NextStart(wanted);
     made = mAllocation.Make(mStart, &mPath);
     if (made != Allocation::kFull) continue;
@@ -256,6 +260,8 @@ void Segments::Complete() {
     return mKeeper.SetAside(mPath, "cannot complete " + mPath, error);
   }
   mFailures = 0;
+  mAskings = 0;
+  mKeeper.NoteRecorded(path);
   mIndex.Add(path, spans);
   Sync(DirectoryOf(path));
 

@@ -99,6 +99,7 @@ class Segments {
   uint64_t mLargestBefore = 0;  // and in the one before
 
   int mFailures = 0;  // in a row
+  int mAskings = 0;   // for a disk, since a segment was completed
   bool mPaused = false;
   bool mSaidTooFast = false;
   std::set<int> mSaidTooLarge;  // channels with packets larger than a file

@@ -127,8 +127,19 @@ bool SearchDb::Refresh() {
   return IsCurrent() || Open();
 }
 
-bool SearchDb::Add(const TimeSearchRecording& recording) {
-  return Change([&](sqlite3* db) { return searchdb::AddRecording(db, recording); });
+bool SearchDb::Add(const TimeSearchRecording& recording) { return Amend({}, {recording}); }
+
+bool SearchDb::Amend(const std::vector<int32_t>& removed, const std::vector<TimeSearchRecording>& added) {
+  return Change([&](sqlite3* db) {
+    int result = SQLITE_OK;
+    for (size_t i = 0; result == SQLITE_OK && i < removed.size(); ++i) {
+      result = searchdb::RemoveRecording(db, removed[i]);
+    }
+    for (size_t i = 0; result == SQLITE_OK && i < added.size(); ++i) {
+      result = searchdb::AddRecording(db, added[i]);
+    }
+    return result;
+  });
 }
 
 bool SearchDb::Remove(int32_t startTime) {

@@ -1,12 +1,10 @@
 #include "platform/host/searchdb/SearchDbRebuild.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,50 +14,17 @@
 #include <utility>
 #include <vector>
 
-#include "ImfFile.h"
 #include "SearchDb.h"
 #include "platform/host/imf/ImfCoverage.h"
-#include "platform/host/imf/RecordName.h"
+#include "platform/host/searchdb/SearchDbEntries.h"
 #include "platform/host/searchdb/SearchDbFile.h"
 
 namespace {
 
+using searchdb::Entry;
+
 // Neither ends in ".imf" nor looks like a damage marker, so nobody else takes any notice of it.
 const std::string kTemporary = ".search.fdb.rebuild";
-constexpr uint32_t kTimeLimit = 2147483647;  // charts have signed times
-
-struct Entry {
-  std::string name;
-  RecordName record;
-  bool isRecord;  // a regular file with the name of a record file
-};
-
-bool IsRegular(int directory, const dirent& entry) {
-  if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_REG;
-  struct stat info = {};
-  return fstatat(directory, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode);
-}
-
-// All entries of the open directory that end in ".imf". False with errno.
-bool ListRecords(int parent, std::vector<Entry>* entries) {
-  const int descriptor = openat(parent, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (descriptor < 0) return false;
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(descriptor), closedir);
-  if (!directory) {
-    close(descriptor);
-    return false;
-  }
-  for (;;) {
-    errno = 0;
-    const dirent* entry = readdir(directory.get());
-    if (entry == nullptr) return errno == 0;
-    Entry next = {entry->d_name, {}, false};
-    const size_t length = next.name.size();
-    if (length < 4 || next.name.compare(length - 4, 4, ".imf") != 0) continue;
-    next.isRecord = IsRegular(dirfd(directory.get()), *entry) && ParseRecordName(next.name, &next.record);
-    entries->push_back(next);
-  }
-}
 
 class Rebuild {
  public:
@@ -98,7 +63,7 @@ void Rebuild::ReadFiles(const std::function<void(size_t, size_t)>& progress) {
   const int parent = searchdb::OpenDirectory(mDirectory);
   if (parent < 0) return;
   std::vector<Entry> entries;
-  ListRecords(parent, &entries);
+  searchdb::ListEntries(parent, &entries);
   close(parent);
   size_t done = 0;
   for (const Entry& entry : entries) {
@@ -136,39 +101,23 @@ bool Rebuild::Empty() {
 }
 
 bool Rebuild::AddEntry(const Entry& entry, uint32_t newestStart) {
-  RecordName record = entry.record;
-  const bool isNewest = record.startTime == newestStart;
-  if (entry.isRecord && record.endTime == 0 && isNewest) {
-    ++mReport->inProgress;
+  TimeSearchRecording recording = {};
+  const searchdb::RowKind kind = searchdb::RowOf(mDirectory, entry, newestStart, &recording);
+  if (kind != searchdb::RowKind::kRow) {
+    ++(kind == searchdb::RowKind::kInProgress ? mReport->inProgress : mReport->skipped);
     return true;
   }
-  if (entry.isRecord && (record.endTime == 0 || record.channelMask == 0)) {
-    imf_error_code_e error = IMF_ERROR_NONE;
-    const ImfFile file(error, Path(entry.name), IMF_OPEN_READ, "", "", 0, nullptr);
-    if (record.endTime == 0) record.endTime = static_cast<uint32_t>(file.GetEndTime());
-    if (record.channelMask == 0) record.channelMask = file.GetStreamCountSummary().GetVideoChannelMask(0);
-  }
-  if (!entry.isRecord || record.endTime < record.startTime || record.endTime > kTimeLimit) {
-    ++mReport->skipped;
-    return true;
-  }
-  TimeSearchRecording recording = {static_cast<int32_t>(record.startTime), static_cast<int32_t>(record.endTime),
-                                   record.channelMask};
   const auto known = mSpans.find(entry.name);
   if (known != mSpans.end()) {
     recording.spans = std::move(known->second);
   } else {
-    ReadCoverage(Path(entry.name), record.startTime, &recording.spans);
+    ReadCoverage(Path(entry.name), entry.record.startTime, &recording.spans);
   }
   return searchdb::AddRecording(mDb, recording) == SQLITE_OK;
 }
 
 bool Rebuild::Fill() {
-  // Only the newest file can be the one that is being recorded; an older one was left unfinished.
-  uint32_t newestStart = 0;
-  for (const Entry& entry : mEntries) {
-    if (entry.record.startTime <= kTimeLimit) newestStart = std::max(newestStart, entry.record.startTime);
-  }
+  const uint32_t newestStart = searchdb::NewestStart(mEntries);
   for (const Entry& entry : mEntries) {
     if (!AddEntry(entry, newestStart)) return false;
   }
@@ -192,7 +141,7 @@ SearchDbRebuildResult Rebuild::Run(const std::function<void(size_t, size_t)>& pr
   if (IsReplaceable()) ReadFiles(progress);
   if (!mLock.Acquire(mDirectory, -1)) return Stop(Result::kRefused, std::strerror(errno));
   if (!IsReplaceable()) return Stop(Result::kRefused, "search.fdb is not a regular file of this file system");
-  if (!ListRecords(mLock.Directory(), &mEntries)) return Stop(Result::kFailed, std::strerror(errno));
+  if (!searchdb::ListEntries(mLock.Directory(), &mEntries)) return Stop(Result::kFailed, std::strerror(errno));
   if (!Empty()) return Stop(Result::kFailed, std::strerror(errno));
 
   // No journal: a database that is not finished is thrown away.

@@ -1,5 +1,5 @@
-// Makes the search database of a data directory anew: what is recorded from the names of its record files, and
-// when each channel has pictures from the files themselves.
+// Makes the search database of a data directory anew, or changes what is out of step with the record files:
+// what is recorded is taken from their names, and when each channel has pictures from the files themselves.
 #pragma once
 
 #include <cstddef>
@@ -19,12 +19,18 @@ enum class SearchDbRebuildResult {
   kFailed,   // search.fdb is empty or as it was, and the next start rebuilds it
 };
 
-// `directory` with or without a trailing "/". Of each record file, its index is read, and what that does not list
-// is walked; none is written to. Of one that can't be read, what its name says is in the database. That may take
-// minutes, and nobody is kept waiting meanwhile. Then search.fdb is emptied, so that a rebuild that is cut off is
-// seen and done again; a complete database takes its place in one step, made durable. A second rebuild of the
-// same directory, in any process, waits for the first. `progress` (may be empty) hears how many of how many
-// entries were looked at.
+// `directory` with or without a trailing "/". Of each record file, its index is read, and what that does not
+// list is walked; none is written to. Of one that can't be read, what its name says is in the database. That
+// may take minutes, and nobody is kept waiting meanwhile. Then search.fdb is emptied, so that a rebuild that is
+// cut off is seen and done again; a complete database takes its place in one step, made durable. A second
+// rebuild of the same directory, in any process, waits for the first. `progress` (may be empty) hears how many
+// of how many entries were looked at.
 SearchDbRebuildResult RebuildSearchDb(const std::string& directory,
                                       const std::function<void(size_t done, size_t total)>& progress,
                                       SearchDbRebuildReport* report);
+
+// Changes a database that can be read until it says what a rebuild would make of it, in one step. Only the
+// files of rows that are missing or differ are read; a row that says what the file's name says keeps its spans.
+// False: it is as it was, and has to be rebuilt. Nobody may be recording to the directory. `directory` ends
+// with "/".
+bool MendSearchDb(const std::string& directory);
