@@ -64,7 +64,12 @@ Refusal MakeRootAbsolute(std::string* root) {
 Refusal ResolveRoot(std::string* root, bool disksNeeded) {
   if (Refusal refusal = MakeRootAbsolute(root)) return refusal;
   if (!IsDirectory(*root)) return "root directory " + *root + " does not exist or is not a directory";
-  if (disksNeeded && !IsDirectory(*root + "/disk")) {
+  if (!disksNeeded) return std::nullopt;
+  struct stat st = {};
+  const std::string disks = *root + "/disk";
+  const bool isSeen = stat(disks.c_str(), &st) == 0 || stat(disks.c_str(), &st) == 0;
+  if (!isSeen && errno != ENOENT && errno != ENOTDIR) return WhyNoDisk(*root, errno);
+  if (!isSeen || !S_ISDIR(st.st_mode)) {
     return *root + "/disk does not exist: there is no disk under this root directory";
   }
   return std::nullopt;
