@@ -18,5 +18,7 @@ void MeasureListMode(const Settings& settings, Report* report);
 void MeasureAdding(const Settings& settings, Report* report);
 void MeasureStartUp(const Settings& settings, Report* report);
 void MeasurePreparing(const Settings& settings, Report* report);
+// RecorderBench.cpp: what the recorder's commands cost that only look.
+void MeasureRecorder(const Settings& settings, Report* report);
 
 }  // namespace bench

@@ -1,5 +1,6 @@
 #include "bench/Rounds.h"
 
+#include <sys/resource.h>
 #include <algorithm>
 #include <ctime>
 
@@ -10,7 +11,13 @@ namespace {
 double Now() {
   timespec time = {};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-  return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+  rusage children = {};
+  getrusage(RUSAGE_CHILDREN, &children);
+  const auto seconds = [](const timeval& of) {
+    return static_cast<double>(of.tv_sec) + 1e-6 * static_cast<double>(of.tv_usec);
+  };
+  return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec) +
+         seconds(children.ru_utime) + seconds(children.ru_stime);
 }
 
 }  // namespace

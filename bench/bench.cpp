@@ -67,7 +67,7 @@ struct Group {
 constexpr Group kGroups[] = {
     {"hand-out", MeasureHandOut}, {"pool", MeasurePool},           {"questions", MeasureQuestions},
     {"overlap", MeasureOverlap},  {"list-mode", MeasureListMode},  {"adding", MeasureAdding},
-    {"start-up", MeasureStartUp}, {"preparing", MeasurePreparing},
+    {"start-up", MeasureStartUp}, {"preparing", MeasurePreparing}, {"recorder", MeasureRecorder},
 };
 
 std::string NamesOfGroups() {
@@ -117,6 +117,7 @@ int main(int argc, char** argv) {
     errno = error ? error.value() : EEXIST;
     Stop(settings.directory);
   }
+  settings.programs = fs::read_symlink("/proc/self/exe", error).parent_path().string();
   SilenceLogs();
   Report report;
   for (const Group& group : kGroups) {
