@@ -20,5 +20,7 @@ void MeasureStartUp(const Settings& settings, Report* report);
 void MeasurePreparing(const Settings& settings, Report* report);
 // RecorderBench.cpp: what the recorder's commands cost that only look.
 void MeasureRecorder(const Settings& settings, Report* report);
+// LatencyBench.cpp: how long a camera waits while others write.
+void MeasureLatency(const Settings& settings, Report* report);
 
 }  // namespace bench

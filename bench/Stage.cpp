@@ -17,8 +17,6 @@ namespace bench {
 
 namespace fs = std::filesystem;
 
-bool Settings::Root() const { return geteuid() == 0; }
-
 void Stop(const std::string& what) {
   Say(what + ": " + std::strerror(errno));
   std::exit(2);

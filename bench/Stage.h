@@ -12,8 +12,8 @@ namespace bench {
 struct Settings {
   std::string directory;  // on the file system that is measured; short, a disk's path may have 39 bytes
   std::string programs;   // where the recorder is
+  std::string picture;    // the latencies as a PNG; empty: none
   bool quick = false;
-  bool Root() const;
 };
 
 // A failure of the set-up: says what, with the system's error, and ends the program.

@@ -68,6 +68,7 @@ constexpr Group kGroups[] = {
     {"hand-out", MeasureHandOut}, {"pool", MeasurePool},           {"questions", MeasureQuestions},
     {"overlap", MeasureOverlap},  {"list-mode", MeasureListMode},  {"adding", MeasureAdding},
     {"start-up", MeasureStartUp}, {"preparing", MeasurePreparing}, {"recorder", MeasureRecorder},
+    {"latency", MeasureLatency},
 };
 
 std::string NamesOfGroups() {
@@ -91,6 +92,7 @@ int main(int argc, char** argv) {
   app.add_flag("--quick", settings.quick, "Fewer rounds, fewer files: under two minutes");
   app.add_flag("--json", json, "One JSON document instead of the table");
   app.add_flag("--markdown", markdown, "The table for a document");
+  app.add_option("--picture", settings.picture, "Draw the latencies of the hand-out into this PNG");
   app.add_option("--only", only, "Some groups of rows: " + NamesOfGroups())->delimiter(',');
   app.add_option("--file-system", fileSystem, "What the directory lies on, as the table shall say");
   app.add_option("--commit", commit, "Of the source, as the table shall say");

@@ -1,5 +1,6 @@
 #include "apps/recorder/base/Lines.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -50,6 +51,9 @@ __attribute__((format(printf, 1, 0))) std::string Formatted(const char* format, 
 }  // namespace
 
 std::string Printable(const std::string& text) {
+  const bool isPlain = std::all_of(text.begin(), text.end(),
+                                   [](char character) { return character >= 0x20 && character < 0x7f; });
+  if (isPlain) return text;
   std::string shown;
   for (size_t at = 0; at < text.size();) {
     size_t length = 0;

@@ -67,9 +67,22 @@ std::string FormatTime(int64_t seconds) {
   const time_t time = seconds;
   std::tm tm{};
   if (localtime_r(&time, &tm) == nullptr) return std::to_string(seconds);
-  char text[64];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &tm);
-  return std::string(text).insert(std::string(text).size() - 2, ":");
+  // Not by strftime(3), which takes five times as long: lists have hundreds of thousands of times.
+  std::string text = std::to_string(tm.tm_year + 1900);
+  const auto put = [&text](char before, int64_t number) {
+    text += before;
+    text += static_cast<char>('0' + number / 10 % 10);
+    text += static_cast<char>('0' + number % 10);
+  };
+  put('-', tm.tm_mon + 1);
+  put('-', tm.tm_mday);
+  put('T', tm.tm_hour);
+  put(':', tm.tm_min);
+  put(':', tm.tm_sec);
+  const int64_t minutes = std::abs(tm.tm_gmtoff) / 60;
+  put(tm.tm_gmtoff < 0 ? '-' : '+', minutes / 60);
+  put(':', minutes % 60);
+  return text;
 }
 
 std::string FormatExactTime(int64_t micros) {

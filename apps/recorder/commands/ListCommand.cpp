@@ -1,5 +1,8 @@
 // recorder list: the recordings of a span of time. Looks only.
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <memory>
 
 #include "apps/recorder/base/Files.h"
@@ -30,6 +33,8 @@ int List(RangeOptions options, std::string root, const ChannelNames& configured)
       return kRefused;
     }
   }
+  // A long list is not written line by line where nobody watches it.
+  if (isatty(STDOUT_FILENO) == 0) std::setvbuf(stdout, nullptr, _IOFBF, 1 << 16);
   const Coverage coverage(disks, range);
   bool isAny = false;
   for (Recording& recording : recordings.Find(range, options.channel)) {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <set>
 
 #include "SearchDb.h"
 #include "fmgr/FmgrFileManager.h"
@@ -26,16 +25,25 @@ Coverage::Coverage(const Disks& disks, const Range& range) : mRange(range) {
   chart.startTime = static_cast<int32_t>(range.since / kMicros);
   chart.endTime = static_cast<int32_t>(std::min(RoundedUp(range.until), kLatestTime));
   disks.Manager()->CollectSearchData(&chart);
+  mKnown.reserve(chart.recordings.size());
   for (TimeSearchRecording& each : chart.recordings) {
-    mKnown[{each.startTime, each.endTime, each.channelMask}] = std::move(each.spans);
+    mKnown.emplace_back(Key{each.startTime, each.endTime, each.channelMask}, std::move(each.spans));
+  }
+  const auto ascending = [](const auto& a, const auto& b) { return a.first < b.first; };
+  if (!std::is_sorted(mKnown.begin(), mKnown.end(), ascending)) {
+    std::stable_sort(mKnown.begin(), mKnown.end(), ascending);
   }
 }
 
 std::vector<PictureSpan> Coverage::Of(const Recording& recording) const {
-  const auto known = mKnown.find({recording.start, recording.end, recording.mask});
-  const bool isComplete = recording.state == Recording::State::kComplete;
-  if (isComplete && known != mKnown.end() && (!known->second.empty() || recording.mask == 0)) {
-    return known->second;
+  const Key key = {recording.start, recording.end, recording.mask};
+  // Of several the last, which was read last.
+  const auto behind = std::upper_bound(mKnown.begin(), mKnown.end(), key,
+                                       [](const Key& wanted, const auto& each) { return wanted < each.first; });
+  const bool isKnown = behind != mKnown.begin() && std::prev(behind)->first == key;
+  if (recording.state == Recording::State::kComplete && isKnown) {
+    const std::vector<PictureSpan>& spans = std::prev(behind)->second;
+    if (!spans.empty() || recording.mask == 0) return spans;
   }
   std::vector<PictureSpan> spans;
   if (ReadCoverage(recording.path, static_cast<uint32_t>(recording.start), &spans)) return spans;
@@ -51,16 +59,18 @@ size_t Coverage::CountDifferences(const std::vector<Recording>& recordings) cons
     return each.state != Recording::State::kComplete;
   });
   const int64_t settled = open != recordings.end() ? open->start : kLatestTime;
-  std::set<Key> named;
-  std::set<Key> known;
+  std::vector<Key> named;
+  std::vector<Key> known;
   for (const Recording& each : recordings) {
-    if (each.start < settled) named.emplace(each.start, each.end, each.mask);
+    if (each.start < settled) named.emplace_back(each.start, each.end, each.mask);
   }
   for (const auto& [key, spans] : mKnown) {
-    Recording recording;
-    recording.start = std::get<0>(key);
-    recording.end = std::get<1>(key);
-    if (recording.start < settled && recording.Overlaps(mRange)) known.insert(key);
+    if (std::get<0>(key) < settled && Overlaps(std::get<0>(key), std::get<1>(key), mRange))
+      known.push_back(key);
+  }
+  for (std::vector<Key>* keys : {&named, &known}) {
+    if (!std::is_sorted(keys->begin(), keys->end())) std::sort(keys->begin(), keys->end());
+    keys->erase(std::unique(keys->begin(), keys->end()), keys->end());
   }
   std::vector<Key> differences;
   std::set_symmetric_difference(named.begin(), named.end(), known.begin(), known.end(),
@@ -76,6 +86,18 @@ bool HasPictures(const std::vector<PictureSpan>& spans, int channel, const Range
 
 std::map<int, std::vector<PictureSpan>> PartlyCovered(const Recording& recording,
                                                       const std::vector<PictureSpan>& spans) {
+  const auto isThroughout = [&recording](const PictureSpan& span) {
+    return span.begin - recording.start * kMicros < kWholeMargin &&
+           recording.end * kMicros - span.end < kWholeMargin;
+  };
+  // Most recordings hold each channel from their begin to their end, in one span.
+  uint32_t whole = 0;
+  for (const PictureSpan& span : spans) {
+    const uint32_t channel = uint32_t{1} << span.channel;
+    if (!isThroughout(span) || (whole & channel) != 0) break;
+    whole |= channel;
+    if (&span == &spans.back() && (recording.mask & ~whole) == 0) return {};
+  }
   std::map<int, std::vector<PictureSpan>> partly;
   for (int channel = 0; channel < IMF_CHANNEL_LIMIT; channel++) {
     if (recording.HasChannel(channel)) partly[channel] = {};
@@ -83,8 +105,7 @@ std::map<int, std::vector<PictureSpan>> PartlyCovered(const Recording& recording
   for (const PictureSpan& span : spans) partly[span.channel].push_back(span);
   for (auto each = partly.begin(); each != partly.end();) {
     const std::vector<PictureSpan>& own = each->second;
-    const bool isWhole = own.size() == 1 && own.front().begin - recording.start * kMicros < kWholeMargin &&
-                         recording.end * kMicros - own.front().end < kWholeMargin;
+    const bool isWhole = own.size() == 1 && isThroughout(own.front());
     each = isWhole ? partly.erase(each) : std::next(each);
   }
   return partly;

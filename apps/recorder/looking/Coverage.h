@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "PictureSpan.h"
@@ -41,7 +42,7 @@ class Coverage {
   using Key = std::tuple<int64_t, int64_t, uint32_t>;  // start, end, mask
 
   const Range mRange;
-  std::map<Key, std::vector<PictureSpan>> mKnown;
+  std::vector<std::pair<Key, std::vector<PictureSpan>>> mKnown;  // ascending
 };
 
 // Whether a channel, or any of them, has pictures in the range.

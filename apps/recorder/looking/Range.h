@@ -19,6 +19,8 @@ constexpr int kAnyChannel = -1;
 struct Range {
   int64_t since = 0;
   int64_t until = kLatestTime * 1000000;
+
+  bool operator==(const Range& other) const { return since == other.since && until == other.until; }
 };
 
 struct RangeOptions {

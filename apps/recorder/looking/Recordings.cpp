@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <list>
 #include <nlohmann/json.hpp>
 
@@ -33,7 +34,7 @@ uint32_t ChannelsOf(const std::string& path) {
 
 }  // namespace
 
-bool Recording::Overlaps(const Range& range) const {
+bool Overlaps(int64_t start, int64_t end, const Range& range) {
   return start * kMicros < range.until && std::max(end, start + 1) * kMicros > range.since;
 }
 
@@ -56,11 +57,13 @@ Recording Recordings::Describe(const std::string& path) const {
   }
   Recording recording;
   recording.path = path;
-  recording.start = StartOf(path);
-  recording.end = EndOf(path);
-  recording.mask = FmgrDataRepository::FileNameToChannelMask(NameOf(path));
+  const std::string name = NameOf(path);
+  recording.start = FmgrDataRepository::FileNameToStartTimeSec(name);
+  recording.end = FmgrDataRepository::FileNameToEndTimeSec(name);
+  recording.mask = FmgrDataRepository::FileNameToChannelMask(name);
   for (const Disk& disk : mDisks.All()) {
-    if (path.rfind(disk.path + "/", 0) == 0) recording.disk = disk.name;
+    const size_t length = disk.path.size();
+    if (path.compare(0, length, disk.path) == 0 && path[length] == '/') recording.disk = disk.name;
   }
   if (recording.end == 0) {
     recording.state = Recording::State::kUnfinished;
@@ -94,27 +97,42 @@ void Recordings::FindOpen() {
   if (recording && !mOpen.empty()) mOpen.back().state = Recording::State::kGrowing;
 }
 
-std::vector<Recording> Recordings::Find(const Range& range, int channel) const {
+std::vector<Recording> Recordings::List(const Range& range, int channel) const {
   ImfSearchCondition condition;
   condition.startTime = range.since;
   condition.endTime = (range.until + kMicros - 1) / kMicros * kMicros;  // whole seconds count
   if (channel != kAnyChannel) condition.channelMask = 1u << channel;
   std::list<std::string> paths;
   mDisks.Manager()->CollectFileList(paths, condition);
-  std::vector<Recording> found = mOpen;
-  for (const std::string& path : paths) found.push_back(Describe(path));
-  found.erase(
-      std::remove_if(found.begin(), found.end(),
-                     [&](const Recording& each) { return !each.Overlaps(range) || !each.HasChannel(channel); }),
-      found.end());
-  std::stable_sort(found.begin(), found.end(),
-                   [](const Recording& a, const Recording& b) { return a.start < b.start; });
+  std::vector<Recording> found;
+  const auto take = [&](Recording recording) {
+    if (recording.Overlaps(range) && recording.HasChannel(channel)) found.push_back(std::move(recording));
+  };
+  for (const Recording& open : mOpen) take(open);
+  for (const std::string& path : paths) take(Describe(path));
+  const auto ascending = [](const Recording& a, const Recording& b) { return a.start < b.start; };
+  if (!std::is_sorted(found.begin(), found.end(), ascending)) {
+    std::stable_sort(found.begin(), found.end(), ascending);
+  }
+  return found;
+}
+
+const std::vector<Recording>& Recordings::All() const {
+  if (!mAll) mAll = List(Range(), kAnyChannel);
+  return *mAll;
+}
+
+std::vector<Recording> Recordings::Find(const Range& range, int channel) const {
+  if (!mAll && !(range == Range())) return List(range, channel);
+  std::vector<Recording> found;
+  std::copy_if(All().begin(), All().end(), std::back_inserter(found),
+               [&](const Recording& each) { return each.Overlaps(range) && each.HasChannel(channel); });
   return found;
 }
 
 uint32_t Recordings::Channels() const {
   uint32_t mask = 0;
-  for (const Recording& recording : Find(Range(), kAnyChannel)) mask |= recording.mask;
+  for (const Recording& recording : All()) mask |= recording.mask;
   return mask;
 }
 

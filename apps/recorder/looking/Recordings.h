@@ -13,6 +13,9 @@
 
 namespace recorder {
 
+// Of a recording from `start` to `end`, seconds since the epoch; it takes a second at least.
+bool Overlaps(int64_t start, int64_t end, const Range& range);
+
 struct Recording {
   enum class State {
     kComplete,
@@ -30,7 +33,7 @@ struct Recording {
   std::map<int, std::vector<PictureSpan>> partly = {};
 
   bool HasChannel(int channel) const { return channel == kAnyChannel || (mask >> channel & 1) != 0; }
-  bool Overlaps(const Range& range) const;
+  bool Overlaps(const Range& range) const { return recorder::Overlaps(start, end, range); }
 };
 
 // Makes `root` absolute and opens all of its disks for looking.
@@ -45,6 +48,9 @@ class Recordings {
   // `disks` are open and outlive the object.
   explicit Recordings(const Disks& disks);
 
+  // Every one, in ascending order, the ones in progress included. Listed once: what is recorded afterwards is
+  // not in it, nor in what is found from then on.
+  const std::vector<Recording>& All() const;
   // Those that overlap the range and hold the channel, in ascending order, the ones in progress included.
   std::vector<Recording> Find(const Range& range, int channel) const;
   // Those that are not complete, in ascending order.
@@ -66,9 +72,11 @@ class Recordings {
 
  private:
   void FindOpen();
+  std::vector<Recording> List(const Range& range, int channel) const;
 
   const Disks& mDisks;
   std::vector<Recording> mOpen;
+  mutable std::optional<std::vector<Recording>> mAll;
 };
 
 // One line, or one JSON object, on standard output, with the channels that are only partly in it. `note` is put

@@ -117,7 +117,9 @@ std::vector<Span> Merge(const std::vector<Span>& spans, int64_t since, int64_t u
     const Span cut = {std::max(span.begin, since), std::min(span.end, until), span.growing};
     if (cut.begin < cut.end) sorted.push_back(cut);
   }
-  std::sort(sorted.begin(), sorted.end(), [](const Span& a, const Span& b) { return a.begin < b.begin; });
+  const auto ascending = [](const Span& a, const Span& b) { return a.begin < b.begin; };
+  if (!std::is_sorted(sorted.begin(), sorted.end(), ascending))
+    std::sort(sorted.begin(), sorted.end(), ascending);
   std::vector<Span> merged;
   for (Span span : sorted) {
     if (!merged.empty()) span.begin = std::max(span.begin, merged.back().end);

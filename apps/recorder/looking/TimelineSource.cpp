@@ -15,9 +15,9 @@ namespace {
 
 constexpr int64_t kPresent = 5 * kMicros;  // so long before a growing recording's end counts as now
 
-// Spans in ascending order, as whole seconds: what is covered in part counts as covered, and a gap of more than
-// two seconds leaves a second open at least.
-void AddSpans(const Recording& recording, std::vector<PictureSpan> spans, int64_t* lastEnd, TimelineRow* row) {
+// Spans, put into ascending order, as whole seconds: what is covered in part counts as covered, and a gap of
+// more than two seconds leaves a second open at least.
+void AddSpans(const Recording& recording, std::vector<PictureSpan>& spans, int64_t* lastEnd, TimelineRow* row) {
   std::sort(spans.begin(), spans.end(),
             [](const PictureSpan& a, const PictureSpan& b) { return a.begin < b.begin; });
   int64_t latest = 0;
@@ -29,7 +29,13 @@ void AddSpans(const Recording& recording, std::vector<PictureSpan> spans, int64_
     }
     seconds.growing = recording.state == Recording::State::kGrowing && latest - span.end <= kPresent;
     *lastEnd = std::max(*lastEnd, span.end);
-    row->spans.push_back(seconds);
+    Span* const last = row->spans.empty() ? nullptr : &row->spans.back();
+    if (last != nullptr && last->growing == seconds.growing && last->begin <= seconds.begin &&
+        seconds.begin <= last->end) {
+      last->end = std::max(last->end, seconds.end);
+    } else {
+      row->spans.push_back(seconds);
+    }
   }
 }
 
@@ -68,15 +74,16 @@ Timeline CollectTimeline(const Disks& disks, const Recordings& recordings, const
   }
   std::map<std::string, TimelineRow> disksRows;
   std::map<std::string, int64_t> disksEnds;
+  std::vector<PictureSpan> own;
   for (const Recording& each : found) {
-    const std::vector<PictureSpan> spans = coverage.Of(each);
-    AddSpans(each, spans, &disksEnds[each.disk], &disksRows[each.disk]);
+    std::vector<PictureSpan> spans = coverage.Of(each);
     for (auto& [number, row] : rows) {
-      std::vector<PictureSpan> own;
+      own.clear();
       std::copy_if(spans.begin(), spans.end(), std::back_inserter(own),
                    [number = number](const PictureSpan& span) { return span.channel == number; });
       AddSpans(each, own, &ends[number], &row);
     }
+    AddSpans(each, spans, &disksEnds[each.disk], &disksRows[each.disk]);
   }
   for (const auto& [number, row] : rows) timeline.channels.push_back(row);
   for (const Disk& disk : disks.All()) {

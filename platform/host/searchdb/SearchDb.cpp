@@ -221,6 +221,8 @@ bool SearchDb::Read(const TimeSearchChart& chart, std::vector<TimeSearchRecordin
         while (owner != found->end() && owner->startTime < start) ++owner;
         if (owner == found->end() || owner->startTime != start) return;
         if (channel < 0 || channel > 31 || begin < 0 || end <= begin || end > kTimeLimit) return;
+        if (owner->spans.empty())
+          owner->spans.reserve(static_cast<size_t>(__builtin_popcount(owner->channelMask)));
         owner->spans.push_back({static_cast<int32_t>(channel), begin, end});
       });
 }
