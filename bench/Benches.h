@@ -22,5 +22,7 @@ void MeasurePreparing(const Settings& settings, Report* report);
 void MeasureRecorder(const Settings& settings, Report* report);
 // LatencyBench.cpp: how long a camera waits while others write.
 void MeasureLatency(const Settings& settings, Report* report);
+// RecordFileBench.cpp: what becomes of packets, on a disk that is full and cold.
+void MeasureRecordFile(const Settings& settings, Report* report);
 
 }  // namespace bench

@@ -64,9 +64,9 @@ class Plot {
     Text("time until there is a file to write to", (kLeft + kWidth - kRight) / 2, kHeight - 28, 0.5, kInk,
          kFont);
   }
-  // Steps down from all to the one that took longest, which is marked. `labelAt`: 0 to 1 along the line.
+  // Steps down from all to the one that took longest, which is marked. The name stands beside `labelShare`.
   void Curve(std::vector<double> seconds, const Colour& colour, const std::string& name, double labelShare,
-             bool left) {
+             bool isFirst) {
     std::sort(seconds.begin(), seconds.end());
     const auto count = static_cast<double>(seconds.size());
     Use(colour);
@@ -82,9 +82,11 @@ class Plot {
     cairo_fill(mCairo);
     char worst[48];
     std::snprintf(worst, sizeof worst, "worst %.*f ms", seconds.back() < 0.1 ? 1 : 0, seconds.back() * 1e3);
-    Text(worst, X(seconds.back()), Y(1 / count) + 28, seconds.back() > 0.3 ? 0.7 : 0.5, colour, kFont);
+    // Before the mark for the first curve, behind it for the other one where there is room: they may be close.
+    const bool before = isFirst || X(seconds.back()) > kWidth - kRight - 130;
+    Text(worst, X(seconds.back()) + (before ? -12 : 12), Y(1 / count) - 12, before ? 1 : 0, colour, kFont);
     const double at = seconds[static_cast<size_t>(count * (1 - labelShare))];
-    Text(name, X(at) + (left ? -16 : 16), Y(labelShare) + 6, left ? 1 : 0, colour, kFont + 1, true);
+    Text(name, X(at) + 16, Y(labelShare) - 10, 0, colour, kFont + 1, true);
   }
   void Text(const std::string& text, double x, double y, double align, const Colour& colour, double size,
             bool bold = false) {
@@ -140,8 +142,8 @@ std::string DrawLatencies(const std::string& path, std::vector<double> handOuts,
   plot.Text("Share that took longer than a time, " + std::to_string(count) +
                 " of each in turns; files of 256 MiB, written without pause; ext4",
             kLeft, 76, 0, kFaint, kFont);
-  plot.Curve(creations, kTheirs, "a file created by fallocate", 0.6, false);
-  plot.Curve(handOuts, kOurs, "a file handed out", 0.6, false);
+  plot.Curve(creations, kTheirs, "a file created by fallocate", 0.15, false);
+  plot.Curve(handOuts, kOurs, "a file handed out", 0.15, true);
   return plot.Write(path);
 }
 

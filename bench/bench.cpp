@@ -65,10 +65,12 @@ struct Group {
   void (*measure)(const Settings&, Report*);
 };
 constexpr Group kGroups[] = {
-    {"hand-out", MeasureHandOut}, {"pool", MeasurePool},           {"questions", MeasureQuestions},
-    {"overlap", MeasureOverlap},  {"list-mode", MeasureListMode},  {"adding", MeasureAdding},
-    {"start-up", MeasureStartUp}, {"preparing", MeasurePreparing}, {"recorder", MeasureRecorder},
-    {"latency", MeasureLatency},
+    {"hand-out", MeasureHandOut},       {"pool", MeasurePool},
+    {"questions", MeasureQuestions},    {"overlap", MeasureOverlap},
+    {"list-mode", MeasureListMode},     {"adding", MeasureAdding},
+    {"start-up", MeasureStartUp},       {"preparing", MeasurePreparing},
+    {"recorder", MeasureRecorder},      {"latency", MeasureLatency},
+    {"record-file", MeasureRecordFile},
 };
 
 std::string NamesOfGroups() {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Measures recording, export and a slow disk on an ext4 of its own, on a loop device, with the page cache emptied before
-# each pass. Needs root, ffmpeg, and 8 GiB of room in $TMPDIR. Called by `scripts/bench --disk`.
+# each pass, and prints rows for the table. Needs root, ffmpeg, and 8 GiB of room in $TMPDIR. Called by fmgr_bench.
 #   disk_bench.sh DIRECTORY_OF_PROGRAMS
 set -u
 BIN=$1
@@ -20,7 +20,15 @@ fail() {
   printf '%s\n' "$0: $*" >&2
   exit 1
 }
-row() { printf '%-52s %8s\n' "$1" "$2"; }
+# row FIGURE UNIT OURS [AGAINST THEIRS] [GOAL LIMIT], as Report.h reads it; GOAL is "<" or ">".
+row() {
+  local against='' theirs=0 share=0
+  if [ $# -ge 5 ]; then
+    against=$4 theirs=$5 share=$(awk -v a="$3" -v b="$5" 'BEGIN { print a / b }')
+    set -- "$1" "$2" "$3" "${6:-}" "${7:-}"
+  fi
+  printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$1" "$2" "$3" "$against" "$theirs" "$share" "${4:-}" "${5:-}"
+}
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 empty_cache() {
   sync
@@ -111,9 +119,7 @@ done
 least() { printf '%s\n' "$@" | sort -g | head -n 1; }
 OUR=$(ratio "$(least "${OURS[@]}")" "$GIGABYTES")
 THEIR=$(ratio "$(least "${THEIRS[@]}")" "$GIGABYTES")
-row "recording 16 channels, CPU seconds a GB" "$OUR"
-row "ffmpeg -c copy -f segment, CPU seconds a GB" "$THEIR"
-row "  recording, times ffmpeg" "$(ratio "$OUR" "$THEIR")"
+row "recording 16 channels, a GB" s "$OUR" "ffmpeg -c copy -f segment" "$THEIR" '<' 0.7
 
 # The last pass again: 60 seconds of one of 16 channels.
 ffmpeg -v error -i "$WORK/in.mp4" -t 60 -c copy "$WORK/m/own.mp4" || fail "no copy"
@@ -131,19 +137,18 @@ for state in cold warm; do
     measure "${COPY[@]}"
     THEIRS+=("$WALL")
   done
-  row "export of 1 of 16 channels, $state, seconds" "$(least "${OURS[@]}")"
-  row "stream copy of the same pictures, $state, seconds" "$(least "${THEIRS[@]}")"
-  row "  export, times the copy, $state" "$(ratio "$(least "${OURS[@]}")" "$(least "${THEIRS[@]}")")"
+  row "export of 1 of 16 channels, $state (time of day)" s "$(least "${OURS[@]}")" "ffmpeg -c copy of the same pictures" \
+    "$(least "${THEIRS[@]}")" '<' 1.5
 done
-row "bytes read from the device, times the clip's" "$(ratio "$CLIP_READ" "$(stat -c %s "$WORK/clip.mp4")")"
+row "  read from the device, cold" bytes "$CLIP_READ" "the clip" "$(stat -c %s "$WORK/clip.mp4")" '<' 1.3
 
 if ! throttle; then
-  row "a disk of 150 reads and 40 MB/s" "not measured: no io controller"
+  printf 'a disk held to 150 reads and 40 MB a second\t-\tno io controller\n'
   exit 0
 fi
 empty_cache
 measure dd if="$DEVICE" of="$WORK/blocks" bs=4k count=300 iflag=direct status=none
-row "a disk held to 150 reads and 40 MB/s: reads a second" "$(ratio 300 "$WALL")"
+row "a disk held to 40 MB and, by dd, reads a second" "" "$(ratio 300 "$WALL")"
 "$BIN/recorder" --root "$ROOT" record "${INPUTS[@]}" --segment 30 >"$WORK/out" 2>"$WORK/err" &
 RECORDER=$!
 PEAK=0
@@ -155,8 +160,8 @@ done
 BEGIN=$(date +%s.%N)
 kill -INT "$RECORDER"
 wait "$RECORDER"
-row "  stopping, seconds" "$(awk -v a="$BEGIN" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f", b - a }')"
-row "  memory at most, MiB" "$PEAK"
-row "  'does not keep up'" "$(grep -c 'keep up' "$WORK/err")"
-row "  packets dropped" "$(grep -o 'dropped [0-9]*' "$WORK/out" | tail -n 1 | cut -d' ' -f2)"
-row "  packets a second" "$(awk '/^recorded/ { for (i = 2; i <= NF; i++) if ($i == "packets;") print int($(i - 1) / 60) }' "$WORK/out")"
+row "  stopping (time of day)" s "$(awk -v a="$BEGIN" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f", b - a }')"
+row "  memory at most" MiB "$PEAK"
+row "  lines that it does not keep up" "" "$(grep -c 'keep up' "$WORK/err")" '<' 0
+row "  packets dropped" "" "$(grep -o 'dropped [0-9]*' "$WORK/out" | tail -n 1 | cut -d' ' -f2)" '<' 0
+row "  packets a second" "" "$(awk '/^recorded/ { for (i = 2; i <= NF; i++) if ($i == "packets;") print int($(i - 1) / 60) }' "$WORK/out")"
