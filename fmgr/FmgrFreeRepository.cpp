@@ -49,10 +49,10 @@ struct FmgrFreeRepository::Pool {
   std::string path;  // with a slash at its end
   // No pool name in the list has a number above this one, as long as the list is what it was.
   int highest = -1;
-  // By what it is known again: the number of entries, and where the first and the last one lie.
+  // By what it is known again: the number of entries, the first and the last one.
   size_t count = 0;
-  const std::string* first = nullptr;
-  const std::string* last = nullptr;
+  std::string first;
+  std::string last;
 };
 
 static_assert(sizeof(FmgrFreeRepository) == sizeof(FmgrRepository) + sizeof(std::string));
@@ -82,13 +82,13 @@ void FmgrFreeRepository::NoteList(bool isNew) {
     for (const std::string& name : files) mPool->highest = std::max(mPool->highest, NumberOf(name));
   }
   mPool->count = files.size();
-  mPool->first = files.empty() ? nullptr : &files.front();
-  mPool->last = files.empty() ? nullptr : &files.back();
+  mPool->first = files.empty() ? "" : files.front();
+  mPool->last = files.empty() ? "" : files.back();
 }
 
 bool FmgrFreeRepository::IsListAsNoted() const {
   if (files.size() != mPool->count) return false;
-  return files.empty() || (&files.front() == mPool->first && &files.back() == mPool->last);
+  return files.empty() || (files.front() == mPool->first && files.back() == mPool->last);
 }
 
 int FmgrFreeRepository::GetFileCount() const { return static_cast<int>(files.size()); }

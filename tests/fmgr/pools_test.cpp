@@ -193,10 +193,13 @@ TEST_F(Pools, APushReplacesNothing) {
   ExpectEachInOnePlace(mDisk, inodes);
   EXPECT_TRUE(fs::is_symlink(mDisk + "/imf_free/00000004.imf"));
   // Nor what only the list has, which the application may have put there.
-  pool.files = {"00000007.imf", "00000006.imf"};
+  pool.files = {"00000006.imf"};
   source = MakeTestFile(source);
   EXPECT_EQ(1, pool.Push(source));
-  EXPECT_EQ("00000008.imf", pool.files.back());
+  pool.files = {"00000009.imf", "00000008.imf"};  // as many as there were
+  source = MakeTestFile(source);
+  EXPECT_EQ(1, pool.Push(source));
+  EXPECT_EQ("00000010.imf", pool.files.back());
 }
 
 // Patterns are cut at 63 characters: at the bound a directory is listed, one character more matches nothing.
