@@ -16,54 +16,66 @@ constexpr int kPreviousFileQuery = -1;
 }  // namespace
 
 const char* DriverRecordList::Disk() const {
-  if (mDisk.empty()) mDisk = mOwner.GetDiskName();
-  return mDisk.empty() ? nullptr : mDisk.c_str();
+  if (!mDisk.empty()) return mDisk.c_str();
+  (void)mOwner.GetDiskName();  // tells what is wrong with the path
+  return nullptr;
 }
 
-DriverRecordList::Answers& DriverRecordList::Known() const {
+DriverRecordList::Answers* DriverRecordList::Known() const {
   const uint64_t call = OneCall::Current();
-  if (call == 0 || call != mKnown.call) {
+  if (call == 0) return nullptr;
+  if (call != mKnown.call) {
     mKnown.call = call;
     mKnown.hasCount = mKnown.hasOldest = mKnown.hasNewest = false;
   }
-  return mKnown;
+  return &mKnown;
 }
 
 int DriverRecordList::Count() const {
-  Answers& known = Known();
-  if (known.hasCount) return known.count;
-  const char* disk = Disk();
-  known.count = FlcGetFileCount(disk, mOwner.Index());
-  known.hasCount = disk != nullptr;  // what wasn't asked is refused again, and told again
-  return known.count;
+  Answers* known = Known();
+  if (known != nullptr && known->hasCount) return known->count;
+  const int count = FlcGetFileCount(Disk(), mOwner.Index());
+  if (known != nullptr && count >= 0) {
+    known->count = count;
+    known->hasCount = true;
+  }
+  return count;
 }
 
-// The results are not checked, deliberately: after a failure the zeroed record reads as a file in progress of
-// start 0, which no directory has, so whatever is done with it finds nothing.
-flc_file_info_param_t DriverRecordList::AskOldest() const {
-  flc_file_info_param_t param = FlcFileParam(nullptr, mOwner.Index());
-  FlcGetOldestFile(Disk(), &param);
-  return param;
+// The callers don't check the results, deliberately: after a failure the zeroed record reads as a file in
+// progress of start 0, which no directory has, so whatever is done with it finds nothing.
+int DriverRecordList::AskOldest(flc_file_info_param_t& file) const {
+  file = FlcFileParam(nullptr, mOwner.Index());
+  return FlcGetOldestFile(Disk(), &file);
 }
 
-flc_file_info_param_t DriverRecordList::AskNewest() const {
-  flc_file_info_param_t param = FlcFileParam(nullptr, mOwner.Index());
-  FlcGetNewestFile(Disk(), &param);
-  return param;
+int DriverRecordList::AskNewest(flc_file_info_param_t& file) const {
+  file = FlcFileParam(nullptr, mOwner.Index());
+  return FlcGetNewestFile(Disk(), &file);
 }
 
-const flc_file_info_param_t& DriverRecordList::KnownOldest() const {
-  Answers& known = Known();
-  if (!known.hasOldest) known.oldest = AskOldest();
-  known.hasOldest = !mDisk.empty();
-  return known.oldest;
+flc_file_info_param_t DriverRecordList::KnownOldest() const {
+  Answers* known = Known();
+  if (known != nullptr && known->hasOldest) return known->oldest;
+  flc_file_info_param_t file;
+  const bool isAnswered = AskOldest(file) >= 0;
+  if (known != nullptr && isAnswered) {
+    known->oldest = file;
+    known->hasOldest = true;
+  }
+  return file;
 }
 
-const flc_file_info_param_t& DriverRecordList::KnownNewest() const {
-  Answers& known = Known();
-  if (!known.hasNewest) known.newest = AskNewest();
-  known.hasNewest = !mDisk.empty();
-  return known.newest;
+flc_file_info_param_t DriverRecordList::KnownNewest() const {
+  Answers* known = Known();
+  if (known != nullptr && known->hasNewest) return known->newest;
+  flc_file_info_param_t file;
+  const bool isAnswered = AskNewest(file) >= 0;
+  if (known != nullptr && isAnswered) {
+    known->newest = file;
+    known->hasNewest = true;
+  }
+  return file;
 }
 
 std::string DriverRecordList::Oldest() const {
@@ -84,7 +96,7 @@ int DriverRecordList::OldestStart() const { return static_cast<int>(KnownOldest(
 int DriverRecordList::OldestEnd() const { return static_cast<int>(KnownOldest().endTime); }
 
 int DriverRecordList::NewestEnd(std::string& name) const {
-  const flc_file_info_param_t& newest = KnownNewest();
+  const flc_file_info_param_t newest = KnownNewest();
   const int end = static_cast<int>(newest.endTime);
   if (end < 1) FmgrDataRepository::FlcFileInfoToFileName(name, newest);
   return end;
@@ -97,7 +109,7 @@ int DriverRecordList::EndBeforeNewest(int count) const {
 
 void DriverRecordList::Add(const std::string& name) {
   const char* disk = Disk();
-  mKnown.call = 0;
+  OneCall::Forget();
   FlcAddFile(disk == nullptr ? "" : disk, mOwner.Index(),
              static_cast<uint32_t>(FmgrDataRepository::FileNameToStartTimeSec(name)),
              static_cast<uint32_t>(FmgrDataRepository::FileNameToEndTimeSec(name)),
@@ -106,7 +118,7 @@ void DriverRecordList::Add(const std::string& name) {
 
 void DriverRecordList::Remove(uint32_t start) {
   const char* disk = Disk();
-  mKnown.call = 0;
+  OneCall::Forget();
   FlcRemoveFile(disk == nullptr ? "" : disk, mOwner.Index(), start);
 }
 
@@ -116,14 +128,23 @@ void DriverRecordList::Rename(const std::string& oldName, const std::string& new
   Add(newName);
 }
 
-void DriverRecordList::DropOldest() { Remove(AskOldest().startTime); }
+void DriverRecordList::DropOldest() {
+  flc_file_info_param_t oldest;
+  AskOldest(oldest);
+  Remove(oldest.startTime);
+}
 
-void DriverRecordList::DropNewest() { Remove(AskNewest().startTime); }
+void DriverRecordList::DropNewest() {
+  flc_file_info_param_t newest;
+  AskNewest(newest);
+  Remove(newest.startTime);
+}
 
 bool DriverRecordList::DropOldestBefore(long limit) {
-  const uint32_t start = AskOldest().startTime;
-  if (static_cast<unsigned long>(limit) <= start) return false;
-  Remove(start);
+  flc_file_info_param_t oldest;
+  AskOldest(oldest);
+  if (static_cast<unsigned long>(limit) <= oldest.startTime) return false;
+  Remove(oldest.startTime);
   return true;
 }
 

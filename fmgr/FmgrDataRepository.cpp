@@ -15,6 +15,7 @@
 #include "fmgr/FmgrErrorRepository.h"
 #include "fmgr/FmgrFreeRepository.h"
 #include "fmgr/Log.h"
+#include "fmgr/OneCall.h"
 #include "fmgr/PathOrder.h"
 #include "fmgr/RecordFileName.h"
 #include "fmgr/RecordList.h"
@@ -26,8 +27,12 @@ constexpr char kUnit[] = "FmgrDataRepository";
 constexpr int kNotify = 1;  // the `mode` that tells the recovery observer
 
 std::unique_ptr<fmgr::RecordList> MakeRecordList(const FmgrDataRepository& owner, std::list<std::string>& names,
-                                                 unsigned useCache) {
-  if (useCache != 0) return std::make_unique<fmgr::DriverRecordList>(owner);
+                                                 const std::string& groupPath, unsigned useCache) {
+  if (useCache != 0) {
+    const size_t slash = groupPath.rfind('/');
+    return std::make_unique<fmgr::DriverRecordList>(
+        owner, slash == std::string::npos ? "" : groupPath.substr(slash + 1));
+  }
   return std::make_unique<fmgr::MemoryRecordList>(owner, names);
 }
 
@@ -37,7 +42,7 @@ std::unique_ptr<fmgr::RecordList> MakeRecordList(const FmgrDataRepository& owner
 
 FmgrDataRepository::FmgrDataRepository(std::string parent, std::string name, FmgrFreeRepository* freeRepository,
                                        FmgrErrorRepository* errorRepository, unsigned useCache)
-    : mRecords(MakeRecordList(*this, files, 0)) {
+    : mRecords(MakeRecordList(*this, files, "", 0)) {
   if (freeRepository == nullptr) {
     fmgr::LogError(kUnit, 32, "Invalid parameter. free repository is not initialized\n");
     return;
@@ -57,7 +62,7 @@ FmgrDataRepository::FmgrDataRepository(std::string parent, std::string name, Fmg
   }
   mIndex = std::atoi(name.c_str() + separator + 1);
   mUseCache = useCache;
-  mRecords = MakeRecordList(*this, files, useCache);
+  mRecords = MakeRecordList(*this, files, mGroupPath, useCache);
 }
 
 FmgrDataRepository::FmgrDataRepository(std::string parent, int index, FmgrFreeRepository* freeRepository,
@@ -67,8 +72,8 @@ FmgrDataRepository::FmgrDataRepository(std::string parent, int index, FmgrFreeRe
       mGroupPath(parent),
       mFreeRepository(freeRepository),
       mErrorRepository(errorRepository),
-      mUseCache(useCache),
-      mRecords(MakeRecordList(*this, files, useCache)) {}
+      mRecords(MakeRecordList(*this, files, mGroupPath, useCache)),
+      mUseCache(useCache) {}
 
 FmgrDataRepository::~FmgrDataRepository() { DeInitWatchDirectory(); }
 
@@ -90,6 +95,7 @@ unsigned FmgrDataRepository::Remove() {
                    mPath.c_str(), count);
     return 0;
   }
+  fmgr::OneCall::Forget();
   FlcUnregisterRepository(GetDiskName().c_str(), mIndex);
   const std::string command = "rm -rf " + fmgr::ShellPath(mPath);
   if (std::system(command.c_str()) != 0) {
@@ -153,6 +159,7 @@ int FmgrDataRepository::MakeRecordFile(timeval& time, std::string& newPath) {
 
 void FmgrDataRepository::NotifyRemoved(const std::string& path) const {
   const std::string name = PathToFileName(path);
+  const fmgr::OutsideCall outside;
   mRecoveryObserver->NotifyFileRemoved(path, static_cast<unsigned>(FileNameToStartTimeSec(name)),
                                        static_cast<unsigned>(FileNameToEndTimeSec(name)),
                                        FileNameToChannelMask(name));

@@ -191,9 +191,9 @@ class FMGR_EXPORT FmgrDataRepository : public FmgrRepository {
 
   FmgrFreeRepository* mFreeRepository = nullptr;
   FmgrErrorRepository* mErrorRepository = nullptr;
+  std::unique_ptr<fmgr::RecordList> mRecords;  // before the buffer: what every question reads lies together
   int mInotifyFd = -1;
   int mWatchFd = -1;
-  unsigned mUseCache = 0;
-  std::unique_ptr<fmgr::RecordList> mRecords;  // before the buffer: what every question reads lies together
   alignas(8) char mEventBuffer[32768];
+  unsigned mUseCache = 0;
 };

@@ -25,4 +25,10 @@ void OneCall::Forget() {
   if (tCurrent != 0) tCurrent = ++gLast;
 }
 
+OutsideCall::OutsideCall() : mIsWithin(tCurrent != 0) { tCurrent = 0; }
+
+OutsideCall::~OutsideCall() {
+  if (mIsWithin) tCurrent = ++gLast;
+}
+
 }  // namespace fmgr

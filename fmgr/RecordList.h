@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <list>
 #include <string>
+#include <utility>
 
 #include "Flc.h"
 
@@ -69,8 +70,8 @@ class RecordList {
 // The driver's list (cache mode). Within one call of the file manager its answers stand (OneCall.h).
 class DriverRecordList : public RecordList {
  public:
-  // `owner` outlives the list, and its disk's name doesn't change.
-  explicit DriverRecordList(const FmgrDataRepository& owner) : mOwner(owner) {}
+  // `owner` outlives the list; `disk` is what its GetDiskName() answers.
+  DriverRecordList(const FmgrDataRepository& owner, std::string disk) : mOwner(owner), mDisk(std::move(disk)) {}
 
   int Count() const override;
   bool IsEmpty() const override { return Count() == 0; }
@@ -93,10 +94,10 @@ class DriverRecordList : public RecordList {
  private:
   // Null for a disk without a name, which can't be asked about: the driver's wrappers refuse it with a line.
   const char* Disk() const;
-  flc_file_info_param_t AskOldest() const;
-  flc_file_info_param_t AskNewest() const;
-  const flc_file_info_param_t& KnownOldest() const;
-  const flc_file_info_param_t& KnownNewest() const;
+  int AskOldest(flc_file_info_param_t& file) const;
+  int AskNewest(flc_file_info_param_t& file) const;
+  flc_file_info_param_t KnownOldest() const;
+  flc_file_info_param_t KnownNewest() const;
   void SetPath(std::string& path, const flc_file_info_param_t& answer) const;
   void Remove(uint32_t start);
 
@@ -110,11 +111,11 @@ class DriverRecordList : public RecordList {
     flc_file_info_param_t oldest{};
     flc_file_info_param_t newest{};
   };
-  // Those of the call that goes on; empty when there is none.
-  Answers& Known() const;
+  // Those of the call that goes on; null when there is none, and nothing is kept then.
+  Answers* Known() const;
 
   const FmgrDataRepository& mOwner;
-  mutable std::string mDisk;  // read when it is needed first
+  const std::string mDisk;
   mutable Answers mKnown;
 };
 

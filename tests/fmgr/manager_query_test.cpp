@@ -246,6 +246,27 @@ TEST_F(MonthTest, ARecordingInProgressGoesOnForEver) {
   EXPECT_EQ(0, Ask(2024 * 12, 0));
 }
 
+// What one call asks once stands only while it can: not after a failure, nor after a change of a directory's
+// twin.
+TEST_F(ManagerQueryTest, AsksAgainWhatMayHaveChanged) {
+  Begin({"sda1 1 1:0-10 1:20"});
+  int out = 0, last = 0, counts = 0;
+  flc_spy::gAnswer = [&](unsigned long number, void*, int& result) {
+    result = -1;
+    return number == FLC_FILE_COUNT && counts++ == 0;
+  };
+  EXPECT_EQ(1, mManager->GetTimeRange(out, last));
+  flc_spy::gAnswer = nullptr;
+  EXPECT_EQ(kT + 10, last);
+
+  Begin({"sda1 1"});
+  EXPECT_EQ(0, mManager->MakeCheckInitDataRepository());
+  FmgrRepositoryGroup* group = mManager->CurrentRepositoryGroup();
+  EXPECT_EQ(1, group->DataRepositoryListUp(group->Path()));
+  EXPECT_EQ(0, mManager->RemoveOldestRecordFile());
+  EXPECT_EQ(1, group->GetDataRepositoryCount());
+}
+
 // What a call costs: the driver's requests, which a board pays for with system calls. None is made twice.
 TEST_F(ManagerQueryTest, RequestsPerCall) {
   const std::vector<std::string> paths = BeginWalk();
