@@ -343,7 +343,8 @@ TEST_F(CameraTest, DISABLED_StaysAlive) {
       const auto next = std::find_if(taken.begin(), taken.end(), [&](const Taken& t) { return t.time > time; });
       if (camera == channel && next != taken.end()) longest = std::max(longest, next->time - time);
     }
-    std::printf("channel %d: %zu pictures, back after %.1f s at most\n", channel, taken.size(), longest);
+    std::printf("channel %d: %zu pictures, back after %.1f s at most, the last %.1f s before the end\n", channel,
+                taken.size(), longest, end - taken.back().time);
   }
 }
 
