@@ -40,7 +40,7 @@ ChannelClock::Tie ChannelClock::Arrive(int64_t arrival, std::optional<StreamStam
   }
   State& tie = mTies.back();
   if (!stamps) return tie.number;
-  NoteOrder(&tie, *stamps);
+  NoteOrder(*stamps);
   mLastArrived = *stamps;
   NoteDifference(&tie, arrival, arrival - stamps->pts);
   if (camera) {
@@ -67,16 +67,11 @@ bool ChannelClock::HasJumped(const State& tie, int64_t arrival, const StreamStam
          (arrival - tie.firstArrival > kWindow && target > tie.offset + kJump);
 }
 
-void ChannelClock::NoteOrder(State* tie, const StreamStamps& stamps) {
-  const int64_t delay = stamps.pts - stamps.dts;
-  if (!mLastArrived) {
-    tie->leastDelay = tie->mostDelay = delay;
-    return;
-  }
-  tie->leastDelay = std::min(tie->leastDelay, delay);
-  tie->mostDelay = std::max(tie->mostDelay, delay);
-  const int64_t interval = std::abs(stamps.pts - mLastArrived->pts);
-  if (interval > 0 && (tie->interval == 0 || interval < tie->interval)) tie->interval = interval;
+void ChannelClock::NoteOrder(const StreamStamps& stamps) {
+  mLeastDelay = std::min(mLeastDelay, stamps.pts - stamps.dts);
+  mMostDelay = std::max(mMostDelay, stamps.pts - stamps.dts);
+  const int64_t interval = mLastArrived ? std::abs(stamps.pts - mLastArrived->pts) : 0;
+  if (interval > 0 && (mInterval == 0 || interval < mInterval)) mInterval = interval;
 }
 
 void ChannelClock::NoteDifference(State* tie, int64_t arrival, int64_t difference) {
@@ -98,9 +93,10 @@ int64_t ChannelClock::Least(const State& tie) {
 int64_t ChannelClock::Target(const State& tie) { return tie.camera ? *tie.camera : Least(tie); }
 
 // One thing at a time, since each goes as far as the order of the pictures allows.
-void ChannelClock::Correct(State* tie, int64_t step) {
+void ChannelClock::Correct(State* tie, int64_t step) const {
   if (tie->behind > 0) {
-    tie->behind -= std::min(tie->behind, static_cast<int64_t>(static_cast<double>(step) * tie->haste));
+    const double haste = tie->hurries ? Haste() : 1.0 / kQuick;
+    tie->behind -= std::min(tie->behind, static_cast<int64_t>(static_cast<double>(step) * haste));
     return;
   }
   const int64_t error = Target(*tie) - tie->offset;
@@ -114,11 +110,11 @@ void ChannelClock::Correct(State* tie, int64_t step) {
 // How much earlier a picture may be put than its distance in decoding from the one before says. One that is
 // decoded `d` before another and shown before it, too, is shown at least an interval before it, and `d` is no
 // more than that and the difference of their delays.
-double ChannelClock::QuickestHaste(const State& tie) {
+double ChannelClock::Haste() const {
   const double quick = 1.0 / kQuick;
-  const auto interval = static_cast<double>(tie.interval);
+  const auto interval = static_cast<double>(mInterval);
   if (interval <= 0) return quick;
-  return std::max(quick, kHaste * interval / (interval + static_cast<double>(tie.mostDelay - tie.leastDelay)));
+  return std::max(quick, kHaste * interval / (interval + static_cast<double>(mMostDelay - mLeastDelay)));
 }
 
 int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamStamps> stamps) {
@@ -131,7 +127,7 @@ int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamSta
       tie.offset = Target(tie);
       // What is shown first may be decoded later, but not before this.
       if (mAnyPlaced) tie.behind = std::max<int64_t>(0, mLatest + 1 - (stamps->dts + tie.offset));
-      tie.haste = tie.behind > kOverlap ? QuickestHaste(tie) : 1.0 / kQuick;
+      tie.hurries = tie.behind > kOverlap;
     } else {
       Correct(&tie, std::clamp<int64_t>(stamps->dts - tie.lastDts, 0, kLongestStep));
     }

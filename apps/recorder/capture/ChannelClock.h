@@ -59,26 +59,25 @@ class ChannelClock {
     int64_t lastDts = 0;
     // What would overlap the tie before comes behind it, later than it should by this, and less and less so:
     int64_t behind = 0;
-    double haste = 0;  // by this part of the time that passes
-
-    int64_t interval = 0;    // the least between pictures, 0: not known
-    int64_t leastDelay = 0;  // from decoding to presentation
-    int64_t mostDelay = 0;
+    bool hurries = false;
   };
 
   bool HasJumped(const State& tie, int64_t arrival, const StreamStamps& stamps) const;
-  void NoteOrder(State* tie, const StreamStamps& stamps);
+  void NoteOrder(const StreamStamps& stamps);
   void NoteDifference(State* tie, int64_t arrival, int64_t difference);
   static int64_t Least(const State& tie);
   static int64_t Target(const State& tie);
-  static void Correct(State* tie, int64_t step);
-  static double QuickestHaste(const State& tie);
+  void Correct(State* tie, int64_t step) const;
+  double Haste() const;
 
   std::deque<State>
       mTies;  // of which packets are still to be placed; the last is the one that packets arrive in
   Tie mNextTie = 0;
   bool mConnected = false;
   std::optional<StreamStamps> mLastArrived;  // by the last tie
+  int64_t mInterval = 0;                     // the least between pictures, 0: not known
+  int64_t mLeastDelay = INT64_MAX;           // from decoding to presentation
+  int64_t mMostDelay = INT64_MIN;
   bool mCameraRefused = false;
   bool mAnyPlaced = false;
   int64_t mLatest = 0;  // recording time placed so far
