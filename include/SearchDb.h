@@ -55,6 +55,7 @@ constexpr int SEARCH_DB_READ = 1;   // opened for reading only, never made
 namespace searchdb {
 class DirectoryLock;
 struct FileState;
+struct Knowledge;
 }  // namespace searchdb
 
 // "search.fdb" in a data directory. Operations return false on failure, say why in one line on standard error,
@@ -92,7 +93,7 @@ class SearchDb : public FileDb {
   void Close();
   bool IsCurrent() const;
   bool Refresh();
-  bool Read(const TimeSearchChart& chart, std::vector<TimeSearchRecording>* found);
+  bool Read(const TimeSearchChart& chart, searchdb::Knowledge* known, std::vector<TimeSearchRecording>* found);
   bool Change(const std::function<int(sqlite3*)>& change);
 
   const std::string mDirectory;
@@ -100,5 +101,6 @@ class SearchDb : public FileDb {
   std::unique_ptr<searchdb::FileState> mState;  // of the open file
   int mSteps = 0;                               // of the operation under way, towards its limit
   bool mIsBlank = false;
+  bool mIsFresh = false;  // opened, and not used yet
   std::chrono::steady_clock::time_point mRetryAt;
 };

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <random>
 #include <thread>
 
 #include "SearchDb.h"
@@ -139,6 +140,38 @@ TEST_F(SearchDbTest, FindsWhatOverlapsTheInterval) {
   fs::remove(mPath);
   EXPECT_TRUE(db.Remove(100));
   EXPECT_FALSE(fs::exists(mPath));
+}
+
+// A database that lies still is remembered, and how long its recordings are: searches don't read all before the
+// interval then. Whatever is known by then, the answers are the same.
+TEST_F(SearchDbTest, FindsTheSameInWhatIsRemembered) {
+  std::mt19937 random(7);
+  const auto below = [&random](int limit) {
+    return static_cast<int32_t>(random() % static_cast<unsigned>(limit));
+  };
+  std::string rows = "INSERT INTO recording VALUES(1, 2, 1)";
+  Recordings all = {{1, 2, 1}};
+  for (int32_t start = 100; start < 100000; start += 100) {
+    all.push_back({start, start + (below(100) == 0 ? below(20000) : below(200)), 1});
+    rows += ",(" + std::to_string(start) + "," + std::to_string(all.back().endTime) + ",1)";
+  }
+  ASSERT_TRUE(SearchDb(mDirectory, SEARCH_DB_WRITE).IsOpen());
+  Run(rows);
+  std::this_thread::sleep_for(std::chrono::seconds(4));  // the times of a file just changed say little
+  const auto compare = [&] {
+    const int32_t from = below(100000), to = from + below(3000);
+    Recordings expected;
+    for (const TimeSearchRecording& each : all) {
+      if (each.startTime <= to && each.endTime >= from) expected.push_back(each);
+    }
+    EXPECT_EQ(Search(from, to), expected) << from << " to " << to;
+  };
+  for (int i = 0; i < 100; ++i) compare();
+  all[0].endTime = 99999;
+  Run("UPDATE recording SET end_time = 99999 WHERE start_time = 1");
+  for (int i = 0; i < 10; ++i) compare();
+  Run("CREATE VIEW another AS SELECT 1");
+  EXPECT_EQ(Search(), kFailed);
 }
 
 TEST_F(SearchDbTest, LockedOrReadOnlyIsAFailureAndNoLoss) {

@@ -3,15 +3,20 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
+#include <iterator>
 #include <thread>
+#include <utility>
 
 #include "SystemHelper.h"
 #include "platform/host/searchdb/SearchDbFile.h"
 #include "platform/host/searchdb/SearchDbGuard.h"
+#include "platform/host/searchdb/SearchDbMemory.h"
 
 namespace {
 
@@ -31,7 +36,7 @@ FileDb::~FileDb() { sqlite3_close(mDb); }
 SearchDb::SearchDb(const std::string& directory, int mode)
     : mDirectory(directory), mMode(mode), mState(std::make_unique<searchdb::FileState>()) {
   searchdb::DirectoryLock lock;
-  if (Lock(&lock)) Open();
+  if (Lock(&lock)) mIsFresh = Open();
 }
 
 SearchDb::~SearchDb() = default;
@@ -91,6 +96,10 @@ bool SearchDb::Open() {
 // Makes the schema where there is nothing yet. Empty, or why the file can't be used.
 std::string SearchDb::CheckSchema(bool hasContent) {
   const bool isWriter = mMode == SEARCH_DB_WRITE;
+  if (!isWriter && searchdb::Recall(*mState)) {  // it was compared before
+    mIsBlank = false;
+    return "";
+  }
   if (isWriter && searchdb::Execute(mDb, "BEGIN IMMEDIATE") != SQLITE_OK) return searchdb::Message(mDb);
   const int result = searchdb::CompareSchema(mDb, &mIsBlank);
   if (result == SQLITE_ERROR || (mIsBlank && hasContent)) return "has another schema";
@@ -124,7 +133,9 @@ bool SearchDb::Refresh() {
   if (mDb == nullptr && std::chrono::steady_clock::now() < mRetryAt) return false;
   mError.clear();
   mSteps = 0;
-  return IsCurrent() || Open();
+  // A reader looks at the end once more, so what was opened a moment ago needs no look now.
+  const bool isFresh = std::exchange(mIsFresh, false) && mMode == SEARCH_DB_READ;
+  return isFresh || IsCurrent() || Open();
 }
 
 bool SearchDb::Add(const TimeSearchRecording& recording) { return Amend({}, {recording}); }
@@ -173,11 +184,18 @@ bool SearchDb::CollectData(TimeSearchChart* chart) {
     searchdb::DirectoryLock lock;
     if (!Lock(&lock) || !Refresh()) return false;
     std::vector<TimeSearchRecording> found;
-    const bool isRead = mIsBlank || Read(*chart, &found);
+    searchdb::Knowledge knowledge;
+    if (mMode == SEARCH_DB_READ) knowledge = searchdb::Recall(*mState).value_or(knowledge);
+    const bool isRead = mIsBlank || Read(*chart, &knowledge, &found);
     const std::string why = isRead ? "" : searchdb::Message(mDb);
     if (mMode == SEARCH_DB_WRITE || IsCurrent()) {
       if (!isRead) return Fail(why);
-      chart->recordings.insert(chart->recordings.end(), found.begin(), found.end());
+      if (mMode == SEARCH_DB_READ && !mIsBlank) searchdb::Keep(*mState, knowledge);
+      if (chart->recordings.empty()) {
+        chart->recordings = std::move(found);
+      } else {
+        std::move(found.begin(), found.end(), std::back_inserter(chart->recordings));
+      }
       return true;
     }
     Close();
@@ -187,33 +205,49 @@ bool SearchDb::CollectData(TimeSearchChart* chart) {
   }
 }
 
-bool SearchDb::Read(const TimeSearchChart& chart, std::vector<TimeSearchRecording>* found) {
-  const auto read = [this](const char* text, int64_t from, int64_t to,
+// What is known of the database's longest recording keeps the search from reading all before the interval; what
+// starts later than it is known of is read, so that it is known afterwards.
+bool SearchDb::Read(const TimeSearchChart& chart, searchdb::Knowledge* known,
+                    std::vector<TimeSearchRecording>* found) {
+  const auto read = [this](const char* text, std::initializer_list<int64_t> values,
                            const std::function<void(sqlite3_stmt*)>& take) {
     sqlite3_stmt* query = nullptr;
     int result = sqlite3_prepare_v2(mDb, text, -1, &query, nullptr);
+    int number = 0;
+    for (const int64_t value : values) {
+      if (result == SQLITE_OK) result = sqlite3_bind_int64(query, ++number, value);
+    }
     if (result == SQLITE_OK) {
-      sqlite3_bind_int64(query, 1, from);
-      sqlite3_bind_int64(query, 2, to);
       while ((result = sqlite3_step(query)) == SQLITE_ROW) take(query);
     }
     sqlite3_finalize(query);
     return result == SQLITE_DONE;
   };
-  if (!read("SELECT start_time, end_time, channel_mask FROM recording"
-            " WHERE start_time <= ?2 AND end_time >= ?1 ORDER BY start_time",
-            chart.startTime, chart.endTime, [found](sqlite3_stmt* row) {
-              found->push_back({sqlite3_column_int(row, 0), sqlite3_column_int(row, 1),
-                                static_cast<uint32_t>(sqlite3_column_int64(row, 2))});
-            })) {
+  const bool isNew = known->upTo < chart.endTime;
+  const int64_t first = chart.startTime - known->longest;
+  if (!read(
+          "SELECT start_time, end_time, channel_mask FROM recording WHERE start_time BETWEEN ?1 AND ?2"
+          " AND (end_time >= ?3 OR end_time - start_time > ?4) ORDER BY start_time",
+          {isNew && known->upTo < first ? known->upTo : first, chart.endTime, chart.startTime, known->longest},
+          [&](sqlite3_stmt* row) {
+            const int64_t start = sqlite3_column_int64(row, 0);
+            const int64_t end = sqlite3_column_int64(row, 1);
+            // Not of somebody else's making, where a difference might not fit.
+            const bool isTime = start >= -kTimeLimit && end <= kTimeLimit;
+            known->longest = std::max(known->longest, isTime ? end - start : 2 * kTimeLimit);
+            if (end < chart.startTime) return;
+            found->push_back({static_cast<int32_t>(start), static_cast<int32_t>(end),
+                              static_cast<uint32_t>(sqlite3_column_int64(row, 2))});
+          })) {
     return false;
   }
+  if (isNew) known->upTo = chart.endTime;
   if (found->empty()) return true;
   auto owner = found->begin();
   return read(
       "SELECT start_time, channel, begin_time, end_time FROM span WHERE start_time BETWEEN ?1 AND ?2"
       " ORDER BY start_time, channel, begin_time",
-      found->front().startTime, found->back().startTime, [&](sqlite3_stmt* row) {
+      {found->front().startTime, found->back().startTime}, [&](sqlite3_stmt* row) {
         const int64_t start = sqlite3_column_int64(row, 0);
         const int64_t channel = sqlite3_column_int64(row, 1);
         const int64_t begin = sqlite3_column_int64(row, 2);

@@ -16,6 +16,7 @@ struct FileState {
   uint64_t inode = 0;
   int64_t size = 0;
   int64_t written = 0;   // nanoseconds
+  int64_t changed = 0;   // the same for the inode, which nobody can set back
   uint32_t changes = 0;  // SQLite's counter; 0 in an empty file
 };
 bool operator==(const FileState& a, const FileState& b);
