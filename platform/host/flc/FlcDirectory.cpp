@@ -125,7 +125,7 @@ const FlcFile& FlcDirectory::At(size_t position) const {
 }
 
 size_t FlcDirectory::CountUpTo(uint32_t time) const {
-  if (LastStart() <= time) return mCount;
+  if (mCount == 0 || Newest().startTime <= time) return mCount;
   const size_t block = BlockOf(time);
   size_t count = UpperBound(mBlocks[block].files, time);
   for (size_t i = 0; i < block; ++i) count += mBlocks[i].files.size();
@@ -133,7 +133,7 @@ size_t FlcDirectory::CountUpTo(uint32_t time) const {
 }
 
 const FlcFile* FlcDirectory::FirstFrom(uint32_t time, uint32_t mask) const {
-  if (mCount == 0 || LastStart() < time) return nullptr;
+  if (mCount == 0 || Newest().startTime < time) return nullptr;
   size_t block = BlockOf(time);
   for (size_t i = LowerBound(mBlocks[block].files, time);; i = 0) {
     for (const std::vector<FlcFile>& files = mBlocks[block].files; i < files.size(); ++i) {
@@ -144,7 +144,7 @@ const FlcFile* FlcDirectory::FirstFrom(uint32_t time, uint32_t mask) const {
 }
 
 const FlcFile* FlcDirectory::LastUpTo(uint32_t time, uint32_t mask) const {
-  if (mCount == 0 || FirstStart() > time) return nullptr;
+  if (mCount == 0 || Oldest().startTime > time) return nullptr;
   size_t block = BlockOf(time);
   for (size_t i = UpperBound(mBlocks[block].files, time);; i = mBlocks[--block].files.size()) {
     for (const std::vector<FlcFile>& files = mBlocks[block].files; i > 0; --i) {
@@ -197,7 +197,8 @@ size_t FlcDirectory::InInterval(uint32_t from, uint32_t to, uint32_t mask, size_
 
 // The block that holds the last file that starts at or before the time, else the first.
 size_t FlcDirectory::BlockOf(uint32_t time) const {
-  if (!mBlocks.empty() && mBlocks.back().firstStart <= time) return mBlocks.size() - 1;
+  if (mBlocks.empty() || time <= mBlocks.front().firstStart) return 0;
+  if (time >= mBlocks.back().firstStart) return mBlocks.size() - 1;
   const auto after =
       std::upper_bound(mBlocks.begin(), mBlocks.end(), time,
                        [](uint32_t limit, const Block& block) { return limit < block.firstStart; });

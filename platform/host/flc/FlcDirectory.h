@@ -32,8 +32,8 @@ class FlcDirectory {
   explicit FlcDirectory(std::vector<FlcFile> files);
 
   size_t Count() const { return mCount; }
-  uint32_t FirstStart() const { return mCount > 0 ? mBlocks.front().files.front().startTime : UINT32_MAX; }
-  uint32_t LastStart() const { return mCount > 0 ? mBlocks.back().files.back().startTime : 0; }
+  const FlcFile& Oldest() const { return mBlocks.front().files.front(); }  // of at least one
+  const FlcFile& Newest() const { return mBlocks.back().files.back(); }
   // No file reaches (see Covering) any further. 0: there is none.
   uint32_t LatestEnd() const { return EndsOf(1).latest; }
 

@@ -45,9 +45,10 @@ void FlcDataDirectory::Become(State newState, std::unique_ptr<FlcDirectory> newF
 }
 
 void FlcDataDirectory::FilesChanged() {
-  firstStart = files != nullptr ? files->FirstStart() : UINT32_MAX;
-  lastStart = files != nullptr ? files->LastStart() : 0;
-  latestEnd = files != nullptr ? files->LatestEnd() : 0;
+  count = files != nullptr ? static_cast<uint32_t>(files->Count()) : 0;
+  latestEnd = count > 0 ? files->LatestEnd() : 0;
+  oldest = count > 0 ? files->Oldest() : FlcFile{UINT32_MAX, 0, 0};
+  newest = count > 0 ? files->Newest() : FlcFile{0, 0, 0};
 }
 
 FlcDataDirectory* FlcDisk::Find(int32_t index) {
@@ -166,25 +167,23 @@ int FlcDisks::Read(FlcDisk& disk, int32_t index) {
   return ENOENT;
 }
 
-// Opens every directory of one disk.
+// Opens every directory of a disk that isn't settled.
 void FlcDisks::OpenEach(FlcDisk& disk, FlcConcern* concern) {
-  if (!disk.isSettled) {
-    const int listing = ListDirectories(disk);
-    if (listing != 0) concern->error = listing;
-    bool isSettled = listing == 0;
-    for (size_t i = 0; i < disk.directories.size();) {
-      const int32_t index = disk.directories[i].index;
-      FlcDataDirectory* directory = nullptr;
-      const int error = Open(disk, index, &directory);
-      if (error != 0 && error != ENOENT) concern->error = error;
-      if (i == disk.directories.size() || disk.directories[i].index != index) continue;  // it has gone
-      const State state = disk.directories[i].state;
-      if (state == State::kUnread || (state == State::kMemoryOnly && !disk.path.empty())) isSettled = false;
-      ++i;
-    }
-    disk.isSettled = isSettled;
+  const int listing = ListDirectories(disk);
+  if (listing != 0) concern->error = listing;
+  disk.isSettled = false;
+  bool isSettled = listing == 0;
+  for (size_t i = 0; i < disk.directories.size();) {
+    const int32_t index = disk.directories[i].index;
+    FlcDataDirectory* directory = nullptr;
+    const int error = Open(disk, index, &directory);
+    if (error != 0 && error != ENOENT) concern->error = error;
+    if (i == disk.directories.size() || disk.directories[i].index != index) continue;  // it has gone
+    const State state = disk.directories[i].state;
+    if (state == State::kUnread || (state == State::kMemoryOnly && !disk.path.empty())) isSettled = false;
+    ++i;
   }
-  for (const FlcDataDirectory& directory : disk.directories) concern->ready += directory.isReady ? 1 : 0;
+  disk.isSettled = isSettled;
 }
 
 FlcConcern FlcDisks::Concerned(uint64_t key, int32_t index) {
@@ -196,23 +195,21 @@ FlcConcern FlcDisks::Concerned(uint64_t key, int32_t index) {
   if (key != 0 && index != FLC_ANY_REPOSITORY) {
     concern.disk = Find(key);
     concern.error = concern.disk != nullptr ? Open(*concern.disk, index, &concern.directory) : ENOENT;
-    concern.ready = concern.directory != nullptr ? 1 : 0;
     return concern;
   }
-  size_t disks = 0;
+  bool isKnown = false;
   for (FlcDisk& disk : mDisks) {
     if (key != 0 && disk.key != key) continue;
-    ++disks;
     if (index == FLC_ANY_REPOSITORY) {
-      OpenEach(disk, &concern);
+      isKnown = true;
+      if (!disk.isSettled) OpenEach(disk, &concern);
       continue;
     }
     FlcDataDirectory* directory = nullptr;
     const int error = Open(disk, index, &directory);
-    if (error == 0) ++concern.ready;
+    if (error == 0) isKnown = true;
     if (error != 0 && error != ENOENT) concern.error = error;
   }
-  const bool isUnknown = disks == 0 || (index != FLC_ANY_REPOSITORY && concern.ready == 0);
-  if (concern.error == 0 && isUnknown) concern.error = ENOENT;
+  if (concern.error == 0 && !isKnown) concern.error = ENOENT;
   return concern;
 }

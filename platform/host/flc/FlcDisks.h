@@ -29,10 +29,12 @@ struct FlcDataDirectory {
   int32_t index = 0;
   State state = State::kUnread;
   bool isReady = false;  // its files count in the request under way
-  // Copies of what `files` answers: questions about all directories pass over most by these alone.
-  uint32_t firstStart = UINT32_MAX;
-  uint32_t lastStart = 0;
+  // Copies of what `files` holds: most questions are answered, and most directories passed over, by these
+  // alone.
+  uint32_t count = 0;
   uint32_t latestEnd = 0;
+  FlcFile oldest = {UINT32_MAX, 0, 0};
+  FlcFile newest = {0, 0, 0};
   std::unique_ptr<FlcDirectory> files;  // null while unread or unregistered
 
   void Become(State newState, std::unique_ptr<FlcDirectory> newFiles);
@@ -54,10 +56,9 @@ struct FlcDisk {
 
 // What a request concerns.
 struct FlcConcern {
-  uint64_t key;      // 0: every disk
-  int32_t index;     // FLC_ANY_REPOSITORY: every data directory
-  int error = 0;     // errno: ENOENT, nothing of that name is known; else some directory could not be read
-  size_t ready = 0;  // directories whose files count
+  uint64_t key;   // 0: every disk
+  int32_t index;  // FLC_ANY_REPOSITORY: every data directory
+  int error = 0;  // errno: ENOENT, nothing of that name is known; else some directory could not be read
   // When disk and directory are named, and ready.
   FlcDisk* disk = nullptr;
   FlcDataDirectory* directory = nullptr;

@@ -57,14 +57,22 @@ Search SearchOf(unsigned long request, const flc_file_info_param_t& query) {
   }
 }
 
-const FlcFile* Find(const FlcDirectory& files, const Search& search) {
+const FlcFile* Find(const FlcDataDirectory& directory, const Search& search) {
+  const FlcFile& oldest = directory.oldest;
+  const FlcFile& newest = directory.newest;
+  if (directory.count == 0) return nullptr;
   switch (search.kind) {
     case Search::Kind::kFirstFrom:
-      return files.FirstFrom(search.time, search.mask);
+      if (search.time <= oldest.startTime && oldest.Passes(search.mask)) return &oldest;
+      return directory.files->FirstFrom(search.time, search.mask);
     case Search::Kind::kLastUpTo:
-      return files.LastUpTo(search.time, search.mask);
+      if (search.time >= newest.startTime && newest.Passes(search.mask)) return &newest;
+      return directory.files->LastUpTo(search.time, search.mask);
     case Search::Kind::kCovering:
-      return files.Covering(search.time, search.mask);
+      if (search.time <= oldest.startTime && search.time <= oldest.endTime && oldest.Passes(search.mask)) {
+        return &oldest;
+      }
+      return directory.files->Covering(search.time, search.mask);
     default:
       return nullptr;
   }
@@ -89,12 +97,15 @@ bool IsBetter(const Search& search, const FlcFile& a, const FlcFile& b) {
 bool IsWorthSearching(const Search& search, const FlcDataDirectory& directory, const FlcFile* best) {
   switch (search.kind) {
     case Search::Kind::kFirstFrom:
-      return directory.lastStart >= search.time && (best == nullptr || directory.firstStart < best->startTime);
+      return directory.newest.startTime >= search.time &&
+             (best == nullptr || directory.oldest.startTime < best->startTime);
     case Search::Kind::kLastUpTo:
-      return directory.firstStart <= search.time && (best == nullptr || directory.lastStart >= best->startTime);
+      return directory.oldest.startTime <= search.time &&
+             (best == nullptr || directory.newest.startTime >= best->startTime);
     case Search::Kind::kCovering:
-      if (directory.firstStart <= search.time && search.time <= directory.lastStart) return true;
-      return directory.latestEnd >= search.time && (best == nullptr || directory.firstStart < best->startTime);
+      if (directory.oldest.startTime <= search.time && search.time <= directory.newest.startTime) return true;
+      return directory.latestEnd >= search.time &&
+             (best == nullptr || directory.oldest.startTime < best->startTime);
     default:
       return false;
   }
@@ -161,8 +172,7 @@ int FlcCache::ServeRepository(unsigned long request, const flc_repository_param_
     const FlcConcern concern = mDisks.Concerned(key, param.repository);
     if (concern.error != 0) return Fail(concern.error);
     size_t count = 0;
-    mDisks.ForEach(concern,
-                   [&count](const FlcDisk&, const FlcDataDirectory& each) { count += each.files->Count(); });
+    mDisks.ForEach(concern, [&count](const FlcDisk&, const FlcDataDirectory& each) { count += each.count; });
     return static_cast<int>(count);
   }
   if (key == 0 || param.repository < 0) return Fail(EINVAL);
@@ -181,7 +191,11 @@ int FlcCache::ServeFile(unsigned long request, flc_file_info_param_t* param) {
   // can't be read: playback of the others must not end with it.
   const bool needsAll =
       request == FLC_OLDEST_FILE || request == FLC_NEWEST_FILE || request == FLC_FILE_AT_POSITION;
-  if (concern.error != 0 && (needsAll || concern.ready == 0)) return Fail(concern.error);
+  if (concern.error != 0) {
+    bool isAnyReady = false;
+    mDisks.ForEach(concern, [&isAnyReady](const FlcDisk&, const FlcDataDirectory&) { isAnyReady = true; });
+    if (needsAll || !isAnyReady) return Fail(concern.error);
+  }
   if (request == FLC_FILE_AT_POSITION) return AtPosition(concern, param);
   if (request == FLC_FILES_IN_INTERVAL) return InInterval(concern, param);
   return LookUp(SearchOf(request, *param), concern, param);
@@ -236,7 +250,7 @@ int FlcCache::LookUp(const Search& search, const FlcConcern& concern, flc_file_i
   const FlcFile* best = nullptr;
   const auto look = [&](const FlcDisk& eachDisk, const FlcDataDirectory& each) {
     if (!IsWorthSearching(search, each, best)) return;
-    const FlcFile* file = Find(*each.files, search);
+    const FlcFile* file = Find(each, search);
     if (file == nullptr || (best != nullptr && !IsBetter(search, *file, *best))) return;
     disk = &eachDisk;
     directory = &each;
@@ -252,7 +266,7 @@ int FlcCache::AtPosition(const FlcConcern& concern, flc_file_info_param_t* param
   const auto countUpTo = [&](uint32_t time) {
     size_t count = 0;
     mDisks.ForEach(concern, [&](const FlcDisk&, const FlcDataDirectory& each) {
-      if (each.firstStart <= time) count += each.files->CountUpTo(time);
+      if (each.oldest.startTime <= time) count += each.files->CountUpTo(time);
     });
     return count;
   };
@@ -293,7 +307,7 @@ int FlcCache::InInterval(const FlcConcern& concern, flc_file_info_param_t* page)
   FlcFile files[FLC_PAGE_SIZE];
   int count = 0;
   mDisks.ForEach(concern, [&](const FlcDisk& disk, const FlcDataDirectory& each) {
-    if (each.latestEnd < query.startTime || each.firstStart >= query.endTime) return;
+    if (each.latestEnd < query.startTime || each.oldest.startTime >= query.endTime) return;
     const size_t here =
         each.files->InInterval(query.startTime, query.endTime, query.channelMask, FLC_PAGE_SIZE, files);
     if (concern.directory == nullptr) {
