@@ -153,7 +153,7 @@ TEST_F(AllocationTest, RecordingsBeyondThePreservationLimitGo) {
   for (const char* missing : {"4:180-240", "4:240-300"}) ASSERT_EQ(0, unlink(PathOf(b, missing).c_str()));
   const std::string log = StderrOf([&] { mManager->CheckPreserveTime(9); });
   const std::string line = ":1100) Timeover file remove failure!!";
-  EXPECT_NE(std::string::npos, log.find(line)) << log;
+  EXPECT_TRUE(Has(log, line));
   EXPECT_EQ(log.rfind(line), log.find(line));
 }
 

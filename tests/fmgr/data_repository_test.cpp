@@ -195,7 +195,7 @@ TEST_P(DataRepository, RemovesAFileThatWasCompletedMeanwhile) {
   // Gone altogether, and the entry stays: the list is the callers' business.
   ExpectRefusal([&] { return mRepository.RemoveOldestRecordFile(); });
   const std::string log = StderrOf([&] { mRepository.RemoveLatestRecordFile(0); });
-  EXPECT_NE(std::string::npos, log.find("Can't remove oldest record file!")) << "deliberate: not \"latest\"";
+  EXPECT_TRUE(Has(log, "Can't remove oldest record file!")) << "deliberate: not \"latest\"";
 }
 
 TEST_P(DataRepository, QuarantineDropsTheNewestEntry) {

@@ -235,7 +235,7 @@ TEST_F(Pools, AListingThatBreaksOffHasFailed) {
     for (const char* line : {"/FmgrFreeRepository:41) glob failure! (2)\n", "free repo list-up failure!",
                              "/FmgrErrorRepository:45) glob failure! (2)\n", "error repo list-up failure!",
                              "/FmgrRepositoryGroup:85) glob failure! (2)\n"})
-      EXPECT_NE(std::string::npos, log.find(line)) << entries << log;
+      EXPECT_TRUE(Has(log, line)) << entries;
   }
   fs::remove_all(mDisk + "/imf_free");
   fs::create_symlink("imf_free", mDisk + "/imf_free");

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
 
 #include "ImfFile.h"
 #include "SearchDb.h"
@@ -103,7 +102,7 @@ TEST_P(DatabaseRecovery, RebuildsAnEmptyOrMarkedDatabase) {
   const auto expectRebuilt = [&](const Names& files, const char* content, const Names& marks, bool isRebuilt) {
     TestDirectory directory(disk, ++index, kCache);
     directory.Put(files);
-    if (content != nullptr) std::ofstream(directory.path + "search.fdb") << content;
+    if (content != nullptr) WriteText(directory.path + "search.fdb", content);
     for (const std::string& mark : marks) MakeTestFile(directory.path + "search.fdb" + mark);
     const Names before = NamesIn(directory.path);
     RecordingObserver observer;

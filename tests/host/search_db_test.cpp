@@ -48,7 +48,7 @@ class SearchDbTest : public testing::Test {
     return chart.recordings;
   }
   void Write(const std::string& name, const std::string& content) const {
-    std::ofstream(mDirectory + name, std::ios::binary) << content;
+    WriteText(mDirectory + name, content);
   }
   std::string Content() const {
     std::ifstream file(mPath, std::ios::binary);

@@ -1,26 +1,18 @@
 // Cameras as they are: an RTSP server that is killed, frozen and started late, a network that stalls, and
 // sources that say nothing. Everything on the loopback address.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
 #include <random>
 #include <thread>
 
 #include "platform/host/imf/ImfRecord.h"
 #include "tests/support/Process.h"
 #include "tests/support/RecorderProgram.h"
-#include "tests/support/TestDisk.h"
 
 namespace {
-
-using Clock = std::chrono::system_clock;
-using Strings = std::vector<std::string>;
 
 // --- Sources ---
 
@@ -35,39 +27,23 @@ struct Port {
     EXPECT_EQ(bind(socket, any, size), 0);
     getsockname(socket, any, &size);
     number = std::to_string(ntohs(address.sin_port));
-    if (listening) {
-      listen(socket, 5);
-      return;
-    }
-    close(socket);
-    socket = -1;
+    if (listening) listen(socket, 5);
+    if (!listening) close(std::exchange(socket, -1));
   }
-  ~Port() {
-    if (socket >= 0) close(socket);
-  }
+  ~Port() { close(socket); }
 
   int socket;
   std::string number;
 };
 
-class Source {
- public:
+struct Source : Process {
   // Listens when the constructor is through.
-  Source(const std::string& directory, const std::string& script, const std::string& arguments)
-      : mOutput(directory + "/" + std::to_string(sNumber++)) {
-    mProcess = std::make_unique<Process>("/usr/bin/python3 " TEST_SUPPORT "/" + script + " " + arguments +
-                                         " >" + mOutput + " 2>&1");
-    for (int i = 0; i < 200 && ReadText(mOutput).find("ready") == std::string::npos; i++) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_EQ(ReadText(mOutput).rfind("ready", 0), 0u) << ReadText(mOutput);
+  Source(const std::string& directory, const std::string& arguments)
+      : Process((fs::remove(directory + "/source"),
+                 "/usr/bin/python3 " TEST_SUPPORT "/" + arguments + " >" + directory + "/source 2>&1")) {
+    const auto said = [&] { return ReadText(directory + "/source"); };
+    EXPECT_TRUE(Await([&] { return said().rfind("ready", 0) == 0; })) << said();
   }
-  Process* operator->() const { return mProcess.get(); }
-
- private:
-  static inline int sNumber = 0;
-  const std::string mOutput;
-  std::unique_ptr<Process> mProcess;
 };
 
 // --- What was recorded ---
@@ -79,15 +55,10 @@ struct Taken {
 
 // Of a channel, as written.
 std::vector<Taken> PicturesOf(const std::string& root, int channel) {
-  std::map<std::string, std::string> files;
-  for (const auto& entry : fs::recursive_directory_iterator(root + "/disk")) {
-    const fs::path& path = entry.path();
-    if (path.parent_path().filename().string().rfind("data_", 0) == 0) files[path.filename()] = path;
-  }
   std::vector<Taken> taken;
-  for (const auto& file : files) {
+  for (const auto& [name, path] : RecordFilesIn(root)) {
     ImfReader reader;
-    if (fs::path(file.first).extension() != ".imf" || !reader.Open(file.second)) continue;
+    if (!reader.Open(path)) continue;
     double timeBase = 0;
     for (ImfReader::Item item; (item = reader.Next()) != ImfReader::Item::kEnd;) {
       if (item == ImfReader::Item::kStream && reader.Stream().channel == channel) {
@@ -125,7 +96,9 @@ void ExpectAscending(const std::vector<Taken>& taken, int channel) {
   }
 }
 
-double Now() { return std::chrono::duration<double>(Clock::now().time_since_epoch()).count(); }
+double Now() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
 
 void Sleep(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
 
@@ -139,21 +112,18 @@ class CameraTest : public testing::Test {
   }
   ~CameraTest() override { fs::remove_all(mDirectory); }
 
-  void Record(const std::string& arguments, const std::string& from = "") {
-    mRecorder = std::make_unique<Process>((from.empty() ? "" : from + " | ") + std::string(RECORDER_PROGRAM) +
-                                          " --root " + mRoot.Path() + " record " + arguments + " >" +
-                                          mDirectory + "/record.out 2>" + mDirectory + "/record.err");
+  void Record(const std::string& arguments) {
+    mRecorder = std::make_unique<Process>(RECORDER_PROGRAM " --root " + mRoot.Path() + " record " + arguments +
+                                          " >" + mDirectory + "/record.out 2>" + mDirectory + "/record.err");
   }
   // What the recorder said, without the library's lines. Stopping takes less than 5 s, whatever hangs.
   std::string Stop() {
     const double begin = Now();
     EXPECT_EQ(mRecorder->Stop(SIGINT), 0);
     EXPECT_LT(Now() - begin, 5);
-    std::istringstream text(ReadText(mDirectory + "/record.err"));
     std::string said;
-    for (std::string line; std::getline(text, line);) {
+    for (const std::string& line : LinesOf(ReadText(mDirectory + "/record.err")))
       if (line.rfind("recorder:", 0) == 0) said += line + "\n";
-    }
     return said;
   }
   std::string Export(int channel) {
@@ -165,14 +135,12 @@ class CameraTest : public testing::Test {
     return path;
   }
   // A checksum of each decoded picture, in the order in which they are shown.
-  Strings DecodedOf(const std::string& path) {
+  Names DecodedOf(const std::string& path) {
     EXPECT_EQ(mProgram.Shell("ffmpeg -v error -i " + path + " -map 0:v -vsync passthrough -f framemd5 -"), 0)
         << mProgram.err;
-    std::istringstream text(mProgram.out);
-    Strings sums;
-    for (std::string line; std::getline(text, line);) {
+    Names sums;
+    for (const std::string& line : LinesOf(mProgram.out))
       if (line[0] != '#') sums.push_back(line.substr(line.rfind(',')));
-    }
     return sums;
   }
   // Holds the times of a channel's pictures against the clock that is drawn into them; returns the largest
@@ -215,11 +183,11 @@ class CameraTest : public testing::Test {
 
 void CameraTest::LoseCameras(double away, double frozen, int timeout) {
   const Port killed, freezing, late, steady, network;
-  const std::string secret = "--bframes 2 --user viewer --password hush --port ";
-  Source first(mDirectory, "rtsp_server.py", secret + killed.number);
-  const Source second(mDirectory, "rtsp_server.py", "--codec h265 --bframes 1 --port " + freezing.number);
-  const Source third(mDirectory, "rtsp_server.py", "--bframes 2 --port " + steady.number);
-  const Source relay(mDirectory, "relay.py", network.number + " " + steady.number);
+  const std::string secret = "rtsp_server.py --bframes 2 --user viewer --password hush --port " + killed.number;
+  const Source first(mDirectory, secret);
+  const Source second(mDirectory, "rtsp_server.py --codec h265 --bframes 1 --port " + freezing.number);
+  const Source third(mDirectory, "rtsp_server.py --bframes 2 --port " + steady.number);
+  const Source relay(mDirectory, "relay.py " + network.number + " " + steady.number);
   std::string inputs;
   for (const std::string& address : {"viewer:hush@127.0.0.1:" + killed.number, "127.0.0.1:" + freezing.number,
                                      "127.0.0.1:" + network.number, "127.0.0.1:" + late.number}) {
@@ -229,17 +197,17 @@ void CameraTest::LoseCameras(double away, double frozen, int timeout) {
   Sleep(5);
 
   const double lost = Now();
-  first->Send(SIGKILL);
-  second->Send(SIGSTOP);
-  relay->Send(SIGSTOP);
+  first.Send(SIGKILL);
+  second.Send(SIGSTOP);
+  relay.Send(SIGSTOP);
   Sleep(away);
-  const Source back(mDirectory, "rtsp_server.py", secret + killed.number);
+  const Source back(mDirectory, secret);
   const double again = Now();
-  relay->Send(SIGCONT);
-  const Source fourth(mDirectory, "rtsp_server.py", "--port " + late.number);
+  relay.Send(SIGCONT);
+  const Source fourth(mDirectory, "rtsp_server.py --port " + late.number);
   Sleep(frozen - (Now() - lost));
   const double thawed = Now();
-  second->Send(SIGCONT);
+  second.Send(SIGCONT);
   Sleep(5);
   const std::string said = Stop();
 
@@ -258,18 +226,16 @@ void CameraTest::LoseCameras(double away, double frozen, int timeout) {
     ExpectAscending(PicturesOf(mRoot.Path(), channel), channel);
   }
   for (const int channel : {0, 2, 3}) EXPECT_LT(LargestError(channel), 100) << "channel " << channel;
-
+  const std::string host = "127.0.0.1:", late3 = "rtsp://" + host + late.number + "/cam";
   for (const std::string& line :
-       {"channel 0: rtsp://***@127.0.0.1:" + killed.number + "/cam is lost: ",
-        "channel 0: rtsp://***@127.0.0.1:" + killed.number + "/cam is back after 0:0",
-        "channel 1: rtsp://127.0.0.1:" + freezing.number + "/cam is lost: no picture for 0:",
-        "channel 1: rtsp://127.0.0.1:" + freezing.number + "/cam is back after 0:",
-        "channel 3: cannot read rtsp://127.0.0.1:" + late.number +
-            "/cam: Connection refused; it is tried again",
-        "channel 3: rtsp://127.0.0.1:" + late.number + "/cam is back after 0:"}) {
-    EXPECT_NE(said.find(line), std::string::npos) << line << " in\n" << said;
-  }
-  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 6) << said;
+       {"channel 0: rtsp://***@" + host + killed.number + "/cam is lost: ",
+        "channel 0: rtsp://***@" + host + killed.number + "/cam is back after 0:0",
+        "channel 1: rtsp://" + host + freezing.number + "/cam is lost: no picture for 0:",
+        "channel 1: rtsp://" + host + freezing.number + "/cam is back after 0:",
+        "channel 3: cannot read " + late3 + ": Connection refused; it is tried again",
+        "channel 3: " + late3 + " is back after 0:"})
+    EXPECT_TRUE(Has(said, line));
+  EXPECT_EQ(LinesOf(said).size(), 6u) << said;
 }
 
 TEST_F(CameraTest, ComesBackWhileOthersGoOn) { LoseCameras(5, 9, 6); }
@@ -277,19 +243,16 @@ TEST_F(CameraTest, DISABLED_ComesBackAfterTwentySeconds) { LoseCameras(5, 20, 10
 
 // Two cameras that are killed and frozen at random for SOAK_SECONDS; the same again with the SOAK_SEED it says.
 TEST_F(CameraTest, DISABLED_StaysAlive) {
-  const char* given = std::getenv("SOAK_SEED");
-  const unsigned seed =
-      given != nullptr ? static_cast<unsigned>(std::atoi(given)) : std::random_device()() % 100000;
+  const char* const given = std::getenv("SOAK_SEED");
+  const unsigned seed = given != nullptr ? std::stoul(given) : std::random_device()() % 100000;
   std::mt19937 random(seed);
-  const auto between = [&](int from, int to) {
-    return from + static_cast<int>(random() % static_cast<unsigned>(to - from));
-  };
+  const auto between = [&](int from, int to) { return std::uniform_int_distribution(from, to - 1)(random); };
   const Port ports[2];
   std::string inputs;
   std::unique_ptr<Source> cameras[2];
   const auto start = [&](int camera) {
-    cameras[camera] =
-        std::make_unique<Source>(mDirectory, "rtsp_server.py", "--bframes 2 --port " + ports[camera].number);
+    const std::string arguments = "rtsp_server.py --bframes 2 --port " + ports[camera].number;
+    cameras[camera] = std::make_unique<Source>(mDirectory, arguments);
   };
   for (int camera = 0; camera < 2; camera++) {
     start(camera);
@@ -297,42 +260,34 @@ TEST_F(CameraTest, DISABLED_StaysAlive) {
   }
   Record("--segment 4 --input-timeout 3" + inputs);
   const std::string process = "/proc/" + std::to_string(mRecorder->Id());
-  const auto descriptors = [&] {
-    return std::distance(fs::directory_iterator(process + "/fd"), fs::directory_iterator());
-  };
   const auto memory = [&] {  // KiB
     const std::string status = ReadText(process + "/status");
     return std::atoi(status.c_str() + status.find("VmRSS:") + 6);
   };
   const double begin = Now();
-  int kills = 0;
-  int memoryBefore = 0;
+  int kills = 0, memoryBefore = 0;
   std::vector<std::pair<int, double>> back;  // which camera, when
   while (Now() - begin < mSoakSeconds) {
     Sleep(between(2, 12));
     const int camera = between(0, 2);
-    if (between(0, 2) == 0) {
-      kills++;
-      (*cameras[camera])->Send(SIGKILL);
-      Sleep(between(0, 8));
-      start(camera);
-    } else {
-      (*cameras[camera])->Send(SIGSTOP);
-      Sleep(between(0, 12));
-      (*cameras[camera])->Send(SIGCONT);
-    }
+    const bool isKilled = between(0, 2) == 0;
+    kills += isKilled;
+    cameras[camera]->Send(isKilled ? SIGKILL : SIGSTOP);
+    Sleep(between(0, isKilled ? 8 : 12));
+    if (isKilled) start(camera);
+    cameras[camera]->Send(SIGCONT);
     back.push_back({camera, Now()});
     if (memoryBefore == 0 && Now() - begin > mSoakSeconds / 4) memoryBefore = memory();
   }
   Sleep(40);  // the longest time between two attempts, and what an attempt takes
   const int memoryAfter = memory();
-  const auto descriptorsAfter = descriptors();
+  const size_t descriptorsAfter = NamesIn(process + "/fd").size();
   const double end = Now();
   Stop();
-  std::printf("seed %u: %zu losses in %.0f s, %d of them kills; %d KiB, before %d KiB, %td descriptors\n", seed,
+  std::printf("seed %u: %zu losses in %.0f s, %d of them kills; %d KiB, before %d KiB, %zu descriptors\n", seed,
               back.size(), end - begin, kills, memoryAfter, memoryBefore, descriptorsAfter);
   EXPECT_LT(memoryAfter, memoryBefore + 8 * 1024) << "seed " << seed;
-  EXPECT_LT(descriptorsAfter, 30);
+  EXPECT_LT(descriptorsAfter, 30u);
   for (int channel = 0; channel < 2; channel++) {
     const std::vector<Taken> taken = PicturesOf(mRoot.Path(), channel);
     ASSERT_FALSE(taken.empty());
@@ -351,16 +306,12 @@ TEST_F(CameraTest, DISABLED_StaysAlive) {
 // Pictures lost, doubled or shuffled on their way, with pictures that are shown later than they are decoded.
 TEST_F(CameraTest, GivesBackEveryPicture) {
   const std::string video = mDirectory + "/video.mp4";
-  ASSERT_EQ(
-      mProgram.Shell("ffmpeg -v error -f lavfi -i testsrc2=size=320x240:rate=25 -t 9 -c:v libx264 -preset "
-                     "veryfast -bf 3 -g 50 " +
-                     video + "; ffmpeg -v error -i " + video + " -c copy " + mDirectory + "/video.mkv"),
-      0)
-      << mProgram.err;
-  const Strings source = DecodedOf(video);
+  mProgram.MakeVideo(video, "-preset veryfast -bf 3 -g 50 -t 9");
+  ASSERT_EQ(mProgram.Shell("ffmpeg -v error -i " + video + " -c copy " + mDirectory + "/video.mkv"), 0);
+  const Names source = DecodedOf(video);
   ASSERT_EQ(source.size(), 225u);
   const Port port;
-  const Source camera(mDirectory, "rtsp_server.py", "--file " + video + " --port " + port.number);
+  const Source camera(mDirectory, "rtsp_server.py --file " + video + " --port " + port.number);
   Process pipe("sh -c '{ sleep 1; ffmpeg -v error -re -i " + video +
                " -c copy -f mpegts -; } | exec " RECORDER_PROGRAM " --root " + mRoot.Path() +
                " record --segment 3 --input " + mDirectory +
@@ -370,7 +321,7 @@ TEST_F(CameraTest, GivesBackEveryPicture) {
   mProgram.Shell("kill -INT $(cat " + mDirectory + "/pid)");
   Sleep(1);
   for (int channel = 0; channel < 3; channel++) {
-    Strings recorded = DecodedOf(Export(channel));
+    Names recorded = DecodedOf(Export(channel));
     ASSERT_GE(recorded.size(), source.size()) << "channel " << channel;
     if (channel == 2) recorded.resize(source.size());  // it begins again
     EXPECT_EQ(recorded, source) << "channel " << channel;
@@ -393,9 +344,8 @@ TEST_F(CameraTest, WaitsForNothingForEver) {
        {"channel 0: cannot read rtsp://127.0.0.1:" + silent.number + "/a: nothing came within 0:02",
         "channel 1: cannot read udp://127.0.0.1:" + nobody.number + ": nothing came within 0:02",
         "channel 2: cannot read tcp://127.0.0.1:" + listening.number,
-        std::string("channel 4: cannot read nothing://127.0.0.1/: Protocol not found\n")}) {
-    EXPECT_NE(said.find(line), std::string::npos) << line << " in\n" << said;
-  }
+        std::string("channel 4: cannot read nothing://127.0.0.1/: Protocol not found\n")})
+    EXPECT_TRUE(Has(said, line));
   const std::vector<Taken> taken = PicturesOf(mRoot.Path(), 3);
   ASSERT_GT(taken.size(), 20u);
   EXPECT_NEAR(taken.back().time - taken[taken.size() - 16].time, 3, 0.4);  // the first come in a burst

@@ -134,7 +134,7 @@ TEST_F(CheckTest, HealthyDisk) {
 // The packet of each recording is of channel 0 and stands behind its stream's parameters.
 TEST_F(CheckTest, OnlyReadingEveryPacketFindsADamagedOne) {
   EXPECT_EQ(0, Check("--packets"));
-  EXPECT_NE(mProgram.out.find("read 4 packets of 4 of 4 recordings"), std::string::npos) << mProgram.out;
+  EXPECT_TRUE(Has(mProgram.out, "read 4 packets of 4 of 4 recordings"));
   ImfReader reader;
   ASSERT_TRUE(reader.Open(mDisk + kData + kFirst));
   uint64_t offset = 0;
@@ -149,7 +149,7 @@ TEST_F(CheckTest, OnlyReadingEveryPacketFindsADamagedOne) {
     EXPECT_EQ("damaged", finding["finding"]);
     EXPECT_EQ(mDisk + kData + kFirst, finding["path"]);
     const std::string what = finding["what"];
-    EXPECT_NE(what.find(" at " + at + " (channel 0, 2023-09-12T"), std::string::npos) << what;
+    EXPECT_TRUE(Has(what, " at " + at + " (channel 0, 2023-09-12T"));
   }
 }
 

@@ -70,7 +70,7 @@ class Locks : public testing::Test {
 };
 
 TEST_F(Locks, ARefusalNamesWhoHasItAndAStaleTextIsNotBelieved) {
-  std::ofstream(mFile) << "1 record 1700000000 elsewhere\n";
+  WriteText(mFile, "1 record 1700000000 elsewhere\n");
   EXPECT_FALSE(HolderOf(mDisk)) << "a text without a lock";
   OtherHolder other(mDisk);
   char host[65] = "";
@@ -78,7 +78,7 @@ TEST_F(Locks, ARefusalNamesWhoHasItAndAStaleTextIsNotBelieved) {
   const std::string name = "recorder record (pid " + std::to_string(other.pid) + " on " + host + " since 20";
   DirectoryLock lock;
   const std::string refusal = lock.Take(mDisk, "prepare").value_or("");
-  EXPECT_NE(std::string::npos, refusal.find(mDisk + " is in use by " + name)) << refusal;
+  EXPECT_TRUE(Has(refusal, mDisk + " is in use by " + name));
   EXPECT_EQ(0u, HolderOf(mDisk).value_or("").find(name));
   std::ofstream(mFile) << "1 record 1700000000 " << host << "\n";  // not its holder's
   EXPECT_EQ("another process (pid " + std::to_string(other.pid) + ")", HolderOf(mDisk).value_or(""));
@@ -116,10 +116,10 @@ TEST_F(Locks, ADiskByTwoRootsIsRefusedAndAStandbyTakesOver) {
   for (const char* command :
        {"record --input none", "check --repair-names", "prepare --disk a --size 1M --count 3"}) {
     EXPECT_EQ(2, program.Run(other.Path(), command));
-    EXPECT_NE(std::string::npos, program.err.find("pid " + pid)) << program.err;
+    EXPECT_TRUE(Has(program.err, "pid " + pid));
   }
   EXPECT_EQ(0, program.Run(other.Path(), "status"));
-  EXPECT_NE(std::string::npos, program.out.find("in use by recorder record (pid " + pid)) << program.out;
+  EXPECT_TRUE(Has(program.out, "in use by recorder record (pid " + pid));
 
   const std::string fifo = other.Path() + "/camera";
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
@@ -137,7 +137,7 @@ TEST_F(Locks, ADiskByTwoRootsIsRefusedAndAStandbyTakesOver) {
     return seen();
   };
   EXPECT_TRUE(waitFor([&] { return ReadText(log).find("standing by: in use by") != std::string::npos; }));
-  EXPECT_NE(std::string::npos, HolderOf(mDisk).value_or("").find("pid " + pid));
+  EXPECT_TRUE(Has(HolderOf(mDisk).value_or(""), "pid " + pid));
   EXPECT_FALSE(HolderOf(other.Path())) << "whoever waits holds nothing";
   first.End();
   EXPECT_TRUE(waitFor([&] {

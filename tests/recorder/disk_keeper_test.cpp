@@ -198,7 +198,7 @@ TEST_F(DiskKeeperTest, GoesOnWithoutADiskAndTakesItBack) {
     EXPECT_LE(start, end) << name;
     end = until;
   }
-  EXPECT_NE(std::string::npos, ReadText(output).find("dropped 0 packets"));
+  EXPECT_TRUE(Has(ReadText(output), "dropped 0 packets"));
   EXPECT_EQ(0, Run("check")) << mProgram.out;
 }
 
@@ -241,13 +241,13 @@ TEST_F(DiskKeeperTest, ExpiresNothingByAClockThatNothingBearsOut) {
   const std::set<std::string> before = Recordings(mRoot.Path());
   ASSERT_EQ(0,
             Run("record --clock stream --segment 4 --keep 24 --start 2024-05-02T12:00:00Z --input " + mVideo));
-  EXPECT_NE(std::string::npos, mProgram.err.find("nothing bears out")) << mProgram.err;
+  EXPECT_TRUE(Has(mProgram.err, "nothing bears out"));
   EXPECT_TRUE(Recycled(mProgram.out).empty());
   for (const std::string& name : before) EXPECT_EQ(1u, Recordings(mRoot.Path()).count(name)) << name;
   ASSERT_EQ(
       0, Run("record --clock stream --segment 4 --keep 24 --trust-clock --start 2024-05-03T12:00:00Z --input " +
              mVideo));
-  EXPECT_NE(std::string::npos, mProgram.err.find("are older than")) << "more than half: said";
+  EXPECT_TRUE(Has(mProgram.err, "are older than")) << "more than half: said";
   EXPECT_FALSE(Recycled(mProgram.out).empty());
 }
 

@@ -1,9 +1,6 @@
 // One odd thing on a disk is set aside or passed over, and everything else goes on.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
 
 #include "apps/recorder/base/Files.h"
@@ -16,14 +13,10 @@
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "platform/host/HostSystem.h"
 #include "tests/support/RecorderProgram.h"
-#include "tests/support/TestDisk.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace recorder;
-
-void Write(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
 TEST(DiskManifest, IsReadBackAndPassedOverWhenItIsNoManifest) {
   TestRoot root;
@@ -41,10 +34,10 @@ TEST(DiskManifest, IsReadBackAndPassedOverWhenItIsNoManifest) {
        {std::string(), std::string("files 35\n"), whole.substr(0, whole.size() - 1), whole.substr(0, 20),
         std::string("recorder disk 2\nfiles 35\nfile-bytes 4096\n"), "x" + whole, std::string(5000, '9'),
         std::string("recorder disk 1\nfiles -3\nfile-bytes 4096\n")}) {
-    Write(path, text);
+    WriteText(path, text);
     EXPECT_FALSE(ReadManifest(disk)) << text;
   }
-  Write(path, whole + "reserve 1\n");
+  WriteText(path, whole + "reserve 1\n");
   EXPECT_TRUE(ReadManifest(disk)) << "later versions may know more";
 
   fs::rename(path, root.Path() + "/elsewhere");
@@ -73,26 +66,21 @@ struct Odd {
   const char* name;
   std::string path;  // on the disk
   bool isMoved;      // into set_aside; else it stays and does no harm
-  std::function<void(const std::string& path)> make;
+  void (*make)(const std::string& path);
   int recordings = 1;
 };
 
 void MakeFile(const std::string& path) { MakeTestFile(path, kSize); }
-
 void MakeDirectory(const std::string& path) { fs::create_directory(path); }
-void MakeEmpty(const std::string& path) { Write(path, ""); }
-void MakeSmall(const std::string& path) { MakeTestFile(path, 99); }
+void MakeEmpty(const std::string& path) { WriteText(path, ""); }
 void MakeFifo(const std::string& path) { mkfifo(path.c_str(), 0600); }
 void MakeLink(const std::string& path) {
-  fs::create_symlink(path[path.size() - 1] == '9' ? "data_00000002" : "/etc/passwd", path);
+  fs::create_symlink(path.back() == '9' ? "data_00000002" : "/etc/passwd", path);
 }
 void MakeSecondName(const std::string& path) {
   fs::create_hard_link(fs::path(path).parent_path().parent_path().string() + kRecording, path);
 }
-void MakeAhead(const std::string& path) {
-  MakeFile(path);
-  WriteTestRecording(path, 0x7ffffff0, 8, 1);
-}
+void MakeAhead(const std::string& path) { WriteTestRecording(MakeTestFile(path, kSize), 0x7ffffff0, 8, 1); }
 
 const Odd kOdd[] = {
     {"NumberBelowZero", "/data_-1", true, MakeDirectory},
@@ -111,7 +99,7 @@ const Odd kOdd[] = {
     {"LinkInPool", "/imf_free/00000007.imf", true, MakeLink},
     {"DirectoryInPool", "/imf_free/00000007.imf", true, MakeDirectory},
     {"EmptyInPool", "/imf_free/00000007.imf", true, MakeEmpty},
-    {"OtherSizeInPool", "/imf_free/00000007.imf", true, MakeSmall},
+    {"OtherSizeInPool", "/imf_free/00000007.imf", true, [](const auto& path) { MakeTestFile(path, 99); }},
     {"NumberBelowZeroInPool", "/imf_free/-5.imf", true, MakeFile},
     {"RecordingInPool", "/imf_free/00000007.imf", true, MakeSecondName},
     {"LinkAsDatabase", "/data_00000002/search.fdb", true, MakeLink},
@@ -126,32 +114,26 @@ void PrintTo(const Odd& odd, std::ostream* out) { *out << odd.name; }
 class OddDisk : public testing::TestWithParam<Odd> {};
 
 TEST_P(OddDisk, IsUsedWithoutIt) {
+  const auto& [name, path, isMoved, make, recordings] = GetParam();
   TestRoot root;
   const std::string disk = MakeDisk(root);
-  GetParam().make(disk + GetParam().path);
-  const auto use = [&](Refusal (*open)(Disks&)) {
+  make(disk + path);
+  for (const bool toRecord : {false, true}) {
+    EXPECT_TRUE(fs::exists(fs::symlink_status(disk + path))) << "looking moves nothing";
     Disks disks;
     ASSERT_FALSE(disks.Choose(root.Path(), {}));
-    ASSERT_FALSE(open(disks));
-    const FmgrRepositoryGroup* group = disks.Group(disks.All().at(0));
+    const Disk first = disks.All().at(0);
+    ASSERT_FALSE(toRecord ? disks.OpenForRecording({}) : disks.OpenForLooking());
+    ASSERT_FALSE(toRecord ? disks.Add(first) : Refusal());
+    const FmgrRepositoryGroup* group = disks.Group(first);
     ASSERT_NE(nullptr, group);
     EXPECT_EQ(2, group->GetFreeFileCount());
-    EXPECT_EQ(GetParam().recordings, group->GetRecordFileCount());
+    EXPECT_EQ(recordings, group->GetRecordFileCount());
     EXPECT_EQ(2, group->GetLastIndex());
     EXPECT_EQ(kSize, group->GetFileSize());
-  };
-  const auto isThere = [&](const std::string& path) {
-    return fs::symlink_status(disk + path).type() != fs::file_type::not_found;
-  };
-  use([](Disks& disks) { return disks.OpenForLooking(); });
-  EXPECT_TRUE(isThere(GetParam().path)) << "looking moves nothing";
-  use([](Disks& disks) {
-    const std::vector<Disk> all = disks.All();
-    Refusal refusal = disks.OpenForRecording({});
-    return refusal ? refusal : disks.Add(all.at(0));
-  });
-  EXPECT_EQ(GetParam().isMoved, !isThere(GetParam().path));
-  EXPECT_EQ(GetParam().isMoved, isThere("/set_aside/" + fs::path(GetParam().path).filename().string()));
+  }
+  EXPECT_EQ(isMoved, !fs::exists(fs::symlink_status(disk + path)));
+  EXPECT_EQ(isMoved, fs::exists(fs::symlink_status(disk + "/set_aside/" + fs::path(path).filename().string())));
   EXPECT_EQ(0, Inspect(disk, kStart).Missing());
   HostAllowCommands(true);
   SearchIndex::Mend(disk);
@@ -194,9 +176,8 @@ class MountedDisk : public testing::Test {
     const std::string image = mRoot.Path() + "/ext4";
     mDisk = mRoot.Path() + "/disk/d";
     fs::create_directories(mDisk);
-    mIsMounted = geteuid() == 0 && Shell("truncate -s 64M " + image + " && mkfs.ext4 -q " + image +
-                                         " && mount -o loop " + image + " " + mDisk) == 0;
-    if (!mIsMounted)
+    if (Shell("truncate -s 64M " + image + " && mkfs.ext4 -q " + image + " && mount -o loop " + image + " " +
+              mDisk) != 0)
       GTEST_SKIP() << "only root can mount an ext4 from a file, and not everywhere: " << mProgram.err;
     mProgram.MakeVideo(mRoot.Path() + "/v.mp4", 25, "200k");
     ASSERT_EQ(0, Run("prepare --disk d --size 1M --count 12")) << mProgram.err;
@@ -214,16 +195,19 @@ class MountedDisk : public testing::Test {
     ASSERT_EQ(0, Run("record --input " + mRoot.Path() + "/v.mp4 --clock stream --segment 5 --start " +
                      std::to_string(mStart)))
         << mProgram.err;
-    EXPECT_NE(std::string::npos, mProgram.out.find("recorded 8 segments")) << mProgram.out;
+    EXPECT_TRUE(Has(mProgram.out, "recorded 8 segments"));
     mLines = mProgram.out + mProgram.err;
   }
   std::string Oldest() { return mDisk + "/data_00000001/" + NamesIn(mDisk + "/data_00000001").front(); }
-  bool Said(const std::string& text) const { return mLines.find(text) != std::string::npos; }
+  // The first disk, as status has it.
+  nlohmann::json Status() {
+    EXPECT_EQ(0, Run("status --json"));
+    return mProgram.JsonLines().at(0);
+  }
 
   TestRoot mRoot;
   RecorderProgram mProgram{mRoot.Path()};
   std::string mDisk;
-  bool mIsMounted = false;
   unsigned mStart = kStart;
   std::string mLines;
 };
@@ -234,16 +218,16 @@ TEST_F(MountedDisk, PassesOverWhatCannotBeMoved) {
   const std::string pool = mDisk + "/imf_free/" + NamesIn(mDisk + "/imf_free").front();
   ASSERT_EQ(0, Shell("chattr +i " + oldest + " " + pool));
   Record();
-  EXPECT_TRUE(Said(oldest + " cannot be recycled: Operation not permitted: it is passed over")) << mLines;
-  EXPECT_TRUE(Said(pool + " is immutable: it is passed over")) << mLines;
+  EXPECT_TRUE(Has(mLines, oldest + " cannot be recycled: Operation not permitted: it is passed over"));
+  EXPECT_TRUE(Has(mLines, pool + " is immutable: it is passed over"));
   Record();
   EXPECT_TRUE(fs::exists(oldest));
-  ASSERT_EQ(0, Run("status --json"));
-  EXPECT_EQ(2, mProgram.JsonLines().at(0)["setAside"]);
-  EXPECT_EQ(12, mProgram.JsonLines().at(0)["free"].get<int>() + mProgram.JsonLines().at(0)["used"].get<int>());
+  const nlohmann::json status = Status();
+  EXPECT_EQ(2, status["setAside"]);
+  EXPECT_EQ(12, status["free"].get<int>() + status["used"].get<int>());
   EXPECT_EQ(1, Run("check"));
-  EXPECT_NE(std::string::npos, mProgram.out.find("immovable: " + oldest));
-  EXPECT_NE(std::string::npos, mProgram.out.find("immovable: " + pool));
+  EXPECT_TRUE(Has(mProgram.out, "immovable: " + oldest));
+  EXPECT_TRUE(Has(mProgram.out, "immovable: " + pool));
   Shell("chattr -i " + oldest + " " + pool);
   Record();
   Record();
@@ -270,7 +254,7 @@ TEST_F(MountedDisk, NeverRemovesADirectoryWithSomebodyElsesFilesInIt) {
   const std::string mount = mDisk + "/data_00000001/mnt";
   ASSERT_EQ(
       0, Shell("mkdir " + mount + " && mount -t tmpfs none " + mount + " && echo x >" + mount + "/precious"));
-  Write(mDisk + "/imf_error", "");
+  WriteText(mDisk + "/imf_error", "");
   for (int i = 0; i < 3; ++i) Record();
   EXPECT_TRUE(fs::exists(mount + "/precious"));
   EXPECT_TRUE(fs::exists(mDisk + "/set_aside/imf_error"));
@@ -282,12 +266,12 @@ TEST_F(MountedDisk, LeavesADirectoryOutWhileSomethingIsMountedOverIt) {
   const std::string directory = mDisk + "/data_00000001";
   ASSERT_EQ(0, Shell("mount -t tmpfs none " + directory));
   Record();
-  EXPECT_TRUE(Said(directory + "/ is another file system: it is passed over")) << mLines;
+  EXPECT_TRUE(Has(mLines, directory + "/ is another file system: it is passed over"));
   EXPECT_TRUE(fs::is_empty(directory));
-  ASSERT_EQ(0, Run("status --json"));
-  EXPECT_EQ(1, mProgram.JsonLines().at(0)["setAside"]);
-  EXPECT_EQ(4, mProgram.JsonLines().at(0)["used"]);
-  EXPECT_EQ(0, mProgram.JsonLines().at(0)["missingFiles"]) << "nobody can tell";
+  const nlohmann::json status = Status();
+  EXPECT_EQ(1, status["setAside"]);
+  EXPECT_EQ(4, status["used"]);
+  EXPECT_EQ(0, status["missingFiles"]) << "nobody can tell";
   ASSERT_EQ(0, Shell("umount " + directory));
   Record();
   EXPECT_EQ(0, Run("check")) << mProgram.out;

@@ -2,7 +2,6 @@
 #include <sys/mount.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/disks/PreparationPlan.h"
@@ -72,7 +71,7 @@ TEST(PreparationPlan, CountsAndReserves) {
     plan.path = "/d";
     const recorder::Refusal refusal = PlanFiles(c.options, c.room, &plan);
     EXPECT_EQ(c.count == 0, refusal.has_value()) << c.what << ": " << refusal.value_or("");
-    EXPECT_NE(std::string::npos, refusal.value_or("").find(c.refusal)) << c.what << ": " << *refusal;
+    EXPECT_TRUE(Has(refusal.value_or(""), c.refusal)) << c.what << *refusal;
     if (refusal) continue;
     EXPECT_EQ(c.count, plan.count) << c.what;
     EXPECT_EQ(c.reserveMiB * kMiB, plan.reserve) << c.what;
@@ -120,7 +119,7 @@ TEST_F(Preparation, FillsADiskOfItsOwnAndMakesTheRoot) {
 
   const std::string fresh = mRoot.Path() + "/x/y";
   EXPECT_EQ(0, mProgram.Run(fresh, "prepare --on-system-disk --disk b --size 1M --count 3")) << mProgram.err;
-  EXPECT_NE(std::string::npos, mProgram.out.find("is no mount point of its own"));
+  EXPECT_TRUE(Has(mProgram.out, "is no mount point of its own"));
   EXPECT_EQ(3u, NamesIn(fresh + "/disk/b/imf_free").size());
 }
 
@@ -133,9 +132,9 @@ TEST_F(Preparation, WhatAnEarlierVersionLeftIsFinishedOrUndone) {
     for (int i = 0; i < 5; ++i)
       MakeTestFile(mDisk + "/imf_prealloc/0000000" + std::to_string(i) + ".imf", kMiB);
     MakeTestFile(mDisk + "/imf_prealloc/00000005.imf", 0);  // the disk was full
-    std::ofstream(mDisk + "/imf_prealloc/notes") << "mine";
+    WriteText(mDisk + "/imf_prealloc/notes", "mine");
     EXPECT_EQ(1, Run("check"));
-    EXPECT_NE(std::string::npos, mProgram.out.find("prepare --disk a --resume")) << mProgram.out;
+    EXPECT_TRUE(Has(mProgram.out, "prepare --disk a --resume"));
     EXPECT_EQ(1, Run("check --return-orphans")) << "names the command";
     EXPECT_EQ(2, Run("prepare --disk a --resume --count 4"));
     EXPECT_TRUE(Said("5 files are laid down")) << mProgram.err;

@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <future>
 #include <thread>
 
@@ -153,14 +152,14 @@ TEST_F(RecorderTest, StopsAndComesBack) {
   EXPECT_EQ(mProgram.Shell("kill -TERM $(cat " + pid + ")"), 0);
   EXPECT_EQ(status.get(), 0);
   ASSERT_EQ(RecordFiles().size(), 1u);
-  EXPECT_NE(RecordFiles().begin()->first.find("_cm1.imf"), std::string::npos) << "completed";
+  EXPECT_TRUE(Has(RecordFiles().begin()->first, "_cm1.imf")) << "completed";
 
   status = begin();
   EXPECT_EQ(mProgram.Shell("kill -KILL $(cat " + pid + ")"), 0);
   EXPECT_EQ(status.get(), 128 + SIGKILL);
   ASSERT_EQ(RecordFiles().size(), 2u);
   const std::string unfinished = RecordFiles().rbegin()->first;
-  EXPECT_NE(unfinished.find("_00000000.imf"), std::string::npos);
+  EXPECT_TRUE(Has(unfinished, "_00000000.imf"));
   ExpectSound();
   EXPECT_EQ(RecordFiles().rbegin()->first, unfinished) << "looking repairs nothing";
 
@@ -226,7 +225,7 @@ TEST_F(RecorderTest, SoundStaysWithItsPictures) {
   ASSERT_EQ(Run("record --no-audio --clock stream --start " + std::to_string(start) + " --input " +
                 mRoot.Path() + "/in.mp4"),
             0);
-  EXPECT_NE(mProgram.out.find(" 300 packets"), std::string::npos) << mProgram.out;
+  EXPECT_TRUE(Has(mProgram.out, " 300 packets"));
 }
 
 // A header that does not fit what comes later; standard output that holds anything else than the clip.
@@ -244,7 +243,7 @@ TEST_F(RecorderTest, NewParametersBeginANewPart) {
   ASSERT_EQ(Run("record --segment 3 --clock stream --start 1717199980 --input " + in), 0);
   const std::string range = " --since 1717199980 --until 1717199988 -o ";
   ASSERT_EQ(Run("export" + range + clip), 0) << mProgram.err;
-  EXPECT_NE(mProgram.out.find("/x-2.mp4: channel 0"), std::string::npos) << mProgram.out;
+  EXPECT_TRUE(Has(mProgram.out, "/x-2.mp4: channel 0"));
   const std::string probe =
       "ffprobe -v error -count_packets -show_entries stream=width,nb_read_packets -of csv=p=0 ";
   EXPECT_EQ(mProgram.Shell(probe + clip + "; " + probe + mRoot.Path() + "/x-2.mp4"), 0);
@@ -252,7 +251,7 @@ TEST_F(RecorderTest, NewParametersBeginANewPart) {
   for (const char* format : {"mp4", "mkv"}) {
     const std::string piped = mRoot.Path() + "/piped";
     EXPECT_EQ(Run("export --format " + std::string(format) + range + "- | cat >" + piped), 0);
-    EXPECT_NE(mProgram.err.find("parameters of pictures or sound change"), std::string::npos) << mProgram.err;
+    EXPECT_TRUE(Has(mProgram.err, "parameters of pictures or sound change"));
     EXPECT_EQ(mProgram.Shell(probe + piped), 0);
     EXPECT_EQ(mProgram.out, "320,100\n");
   }
@@ -263,7 +262,7 @@ TEST_F(RecorderTest, SavesWhatOthersLeft) {
   Prepare("a", 3);
   ASSERT_EQ(Record("2024-05-01T12:00:00Z"), 0) << mProgram.err;
   const std::string oldest = fs::path(RecordFiles().begin()->second).parent_path();
-  for (const char* name : {"holiday.imf", "notes.txt"}) std::ofstream(oldest + "/" + name) << name;
+  for (const char* name : {"holiday.imf", "notes.txt"}) WriteText(oldest + "/" + name, name);
   ASSERT_EQ(Record("2024-05-01T13:00:00Z"), 0) << mProgram.err;
   EXPECT_FALSE(fs::exists(oldest));
   EXPECT_EQ(ReadText(DiskPath("a") + "/imf_error/holiday.imf"), "holiday.imf");
@@ -280,8 +279,7 @@ TEST_F(RecorderTest, RefusesAndStops) {
   EXPECT_TRUE(RecordFiles().empty());
   EXPECT_EQ(Record("2024-05-01T12:00:00Z", "--no-overwrite"), 1) << "full";
   EXPECT_EQ(RecordFiles().size(), 3u);
-  for (const auto& file : RecordFiles())
-    EXPECT_NE(file.first.find("_cm3.imf"), std::string::npos) << "completed";
+  for (const auto& file : RecordFiles()) EXPECT_TRUE(Has(file.first, "_cm3.imf")) << "completed";
 }
 
 }  // namespace

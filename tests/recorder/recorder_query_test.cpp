@@ -140,8 +140,8 @@ TEST_F(RecorderQuery, ExportsExactlyTheRange) {
 TEST_F(RecorderQuery, FailsWhenMostIsMissing) {
   const std::string clip = sWork + "/most.mp4";
   EXPECT_EQ(Run("export --force -o " + clip + Since(38, 50)), 1);
-  EXPECT_NE(sProgram->out.find("; 83.3 % of the range is missing\n"), std::string::npos) << sProgram->out;
-  EXPECT_NE(sProgram->err.find("(nothing is recorded)"), std::string::npos) << sProgram->err;
+  EXPECT_TRUE(Has(sProgram->out, "; 83.3 % of the range is missing\n"));
+  EXPECT_TRUE(Has(sProgram->err, "(nothing is recorded)"));
   EXPECT_EQ(Run("export --force -o " + clip + Since(33, 46)), 0);
   EXPECT_EQ(Run("list >/dev/full"), 2);
 }
@@ -178,7 +178,7 @@ TEST_F(RecorderQuery, ExportGoesOnBehindDamage) {
   const std::string clip = sWork + "/damaged.mp4";
   for (int channel : {0, 1}) {
     EXPECT_EQ(Export(clip, 4, 16, channel, root)["missing"].size(), 1u);
-    EXPECT_NE(sProgram->err.find("damaged in " + damaged), std::string::npos) << sProgram->err;
+    EXPECT_TRUE(Has(sProgram->err, "damaged in " + damaged));
     const std::vector<Picture> pictures = sProgram->PicturesOf(clip);
     EXPECT_LT(pictures.size(), 12u * kRate);
     EXPECT_GE(pictures.size(), 12u * kRate - 2 * kGroups[channel]);
@@ -201,8 +201,7 @@ TEST_F(RecorderQuery, ListsAgreeWithTheNames) {
   EXPECT_EQ(Run("play-list --json --at " + std::to_string(kStart + 62)), 0);
   EXPECT_EQ(listed(), Names(names.begin(), names.end())) << "back to the first and on to the last, each once";
   EXPECT_EQ(Run("list --json --channel 1" + Since(41, 59)), 1) << "a gap";
-  EXPECT_NE(sProgram->err.find(*std::next(names.begin(), names.size() / 2)), std::string::npos)
-      << "the next: " << sProgram->err;
+  EXPECT_TRUE(Has(sProgram->err, *std::next(names.begin(), names.size() / 2))) << "the next: ";
 
   EXPECT_EQ(Run("menu --json"), 0);
   int64_t megabytes = 0;
@@ -220,13 +219,13 @@ TEST_F(RecorderQuery, DrawsTimelines) {
   EXPECT_EQ(sProgram->out.find('\033'), std::string::npos) << "no colours in a file";
   for (const char* row :
        {"\nchannel 0 \u2588\u2588", "\nchannel 1 ", "\ndisk a ", "\ndisk b ", "\u2588 recorded"}) {
-    EXPECT_NE(sProgram->out.find(row), std::string::npos) << row << sProgram->out;
+    EXPECT_TRUE(Has(sProgram->out, row));
   }
 }
 
 TEST_F(RecorderQuery, RefusesInOneLine) {
   const std::string there = sWork + "/there.mp4";
-  std::ofstream(there) << "mine";
+  WriteText(there, "mine");
   const std::string good = Since(1, 2);
   const std::string out = " -o " + sWork + "/new/x.mp4";
   fs::create_directory(sWork + "/new");
@@ -242,7 +241,7 @@ TEST_F(RecorderQuery, RefusesInOneLine) {
   };
   for (const auto& [arguments, status, line] : cases) {
     EXPECT_EQ(Run(arguments), status) << arguments;
-    EXPECT_NE(sProgram->err.find(line), std::string::npos) << arguments << ": " << sProgram->err;
+    EXPECT_TRUE(Has(sProgram->err, line)) << arguments;
     EXPECT_EQ(std::count(sProgram->err.begin(), sProgram->err.end(), '\n'), 1) << sProgram->err;
   }
   EXPECT_TRUE(fs::is_empty(sWork + "/new"));
@@ -354,7 +353,7 @@ TEST_F(ChangingRecordings, AreNotMixedUpWithWhatReplacesThem) {
     Put(&newer, 0, 50, 'C');
   });
   EXPECT_EQ(pictures, "20A50B0C");
-  EXPECT_NE(mMissing.find("recycled meanwhile"), std::string::npos) << mMissing;
+  EXPECT_TRUE(Has(mMissing, "recycled meanwhile"));
 }
 
 // Under the sanitizers: sums of such times overflow.
@@ -381,7 +380,7 @@ TEST_F(ChangingRecordings, TimesNearTheEndsOf64BitsAreLeftOut) {
   const std::string pictures = Export(-1, [] {});
   EXPECT_EQ(mResult, Clip::Result::kDone);
   EXPECT_EQ(pictures.substr(0, 4), "100A") << pictures << mMissing;
-  EXPECT_NE(mMissing.find("has a time that can't be"), std::string::npos) << mMissing;
+  EXPECT_TRUE(Has(mMissing, "has a time that can't be"));
 }
 
 }  // namespace

@@ -26,8 +26,8 @@ class StrangersDisk : public testing::Test {
     MakeTestFile(mOutside + "00000007.imf", kSize);
     MakeTestFile(mOutside + "5f5e2000_00000000.imf", kSize);
     WriteTestRecording(mOutside + "5f5e2000_00000000.imf", 0x5f5e2000, 5, 1);
-    std::ofstream(mOutside + "search.fdb") << "somebody's text";
-    std::ofstream(mOutside + "search.fdb.0.err") << "more of it";
+    WriteText(mOutside + "search.fdb", "somebody's text");
+    WriteText(mOutside + "search.fdb.0.err", "more of it");
     mBefore = Outside();
   }
 
@@ -171,7 +171,7 @@ TEST_F(StrangersDisk, ADirectoryTurnedIntoALinkIsNotRemoved) {
   EXPECT_EQ(mProgram.Shell(script), 0) << mProgram.err;
   EXPECT_EQ(mBefore, Outside());
   const std::string finished = mProgram.out;
-  EXPECT_NE(std::string::npos, finished.find("recycled ")) << finished << mProgram.err;
+  EXPECT_TRUE(Has(finished, "recycled "));
 }
 
 }  // namespace

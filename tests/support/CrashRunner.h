@@ -32,8 +32,8 @@ struct CrashRun {
   std::vector<std::string> calls;  // the same of every call; only when they are counted
 };
 
-// Why no program can be traced here; empty when one can.
-std::string WhyNotTraceable();
+// Why no program can be traced here, or none of its calls be made to fail (`fails`); empty when one can.
+std::string WhyNotTraceable(bool fails);
 
 // `arguments` starts with the program's path.
 CrashRun RunAndCrash(const std::vector<std::string>& arguments, const CrashPlan& plan);

@@ -1,18 +1,11 @@
 #include "tests/support/CrashStage.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <map>
-#include <sstream>
 
 #include "apps/recorder/check/Checker.h"
 #include "platform/host/imf/RecordName.h"
-#include "tests/support/TestDisk.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -32,8 +25,7 @@ std::set<uint32_t> StartsWritten(const CrashRun& run) {
 // Starts of the completed recordings in the lines of output with `word` in them, in front of a path.
 std::set<uint32_t> StartsTold(const std::string& out, const std::string& word) {
   std::set<uint32_t> starts;
-  std::istringstream lines(out);
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string& line : LinesOf(out)) {
     if (line.find(word) == std::string::npos || line.find("_00000000.imf") != std::string::npos) continue;
     starts.insert(StartOf(line.substr(0, line.find(':'))));
   }
@@ -48,6 +40,11 @@ Stage::Stage() {
   if (mkdtemp(path) == nullptr) std::abort();
   mRoot = path;
   mCopy = mRoot + ".s";
+  for (const int segments : {1, 3, 6}) {
+    const std::string command = "ffmpeg -v error -f lavfi -i testsrc=size=64x64:rate=2 -t " +
+                                std::to_string(2 * segments) + " -c:v mpeg4 -g 2 " + Input(segments);
+    EXPECT_EQ(0, std::system(command.c_str())) << "no input";
+  }
 }
 
 Stage::~Stage() {
@@ -59,13 +56,6 @@ std::vector<std::string> Stage::Disks() const {
   std::vector<std::string> disks;
   for (const std::string& name : NamesIn(mRoot + "/disk")) disks.push_back(mRoot + "/disk/" + name);
   return disks;
-}
-
-bool Stage::MakeInput(int segments) const {
-  const std::string command =
-      "ffmpeg -v error -f lavfi -i testsrc=size=64x64:rate=2:duration=" + std::to_string(2 * segments) +
-      " -c:v mpeg4 -g 2 " + Input(segments);
-  return std::system(command.c_str()) == 0;
 }
 
 CrashRun Stage::Run(Arguments arguments, CrashPlan plan) const {
@@ -108,6 +98,13 @@ void Stage::BuildCutOff() {
 void Stage::Copy(const std::string& from, const std::string& to) {
   const std::string command = "rm -rf " + to + " && cp -a --sparse=always " + from + " " + to;
   if (std::system(command.c_str()) != 0) std::abort();
+}
+
+bool Passes(const std::function<void()>& body) {
+  const testing::TestResult& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
+  const int before = result.total_part_count();
+  body();
+  return result.total_part_count() == before;
 }
 
 uint32_t StartOf(const std::string& text, bool unfinishedToo) {

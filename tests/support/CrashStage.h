@@ -3,11 +3,10 @@
 #pragma once
 
 #include <cstdint>
-#include <set>
-#include <string>
-#include <vector>
+#include <functional>
 
 #include "tests/support/CrashRunner.h"
+#include "tests/support/TestDisk.h"
 
 // Start times of the runs, in seconds since the epoch.
 constexpr int kFillTime = 1700000000;  // of what is on the disks before
@@ -17,7 +16,7 @@ constexpr int kLastTime = 1700003000;
 
 using Arguments = std::vector<std::string>;
 
-// A root directory, and a copy of it to start over from. Both go with the object.
+// A root directory with inputs to record, and a copy of it to start over from. Both go with the object.
 class Stage {
  public:
   Stage();
@@ -30,13 +29,11 @@ class Stage {
 
   const std::string& Root() const { return mRoot; }
   std::vector<std::string> Disks() const;
-  // Two seconds a segment of two seconds, four pictures.
-  std::string Input(int segments) const { return mRoot + "/in" + std::to_string(segments) + ".mp4"; }
-  bool MakeInput(int segments) const;
 
   // Runs the recorder with `arguments`; the plan's root is this one.
   CrashRun Run(Arguments arguments, CrashPlan plan = {}) const;
   Arguments Prepare(const std::string& disk, int count) const;
+  // 1, 3 or 6 segments.
   Arguments Record(int segments, int start) const;
 
   // Two disks, all of whose files hold a recording.
@@ -46,10 +43,30 @@ class Stage {
 
  private:
   static void Copy(const std::string& from, const std::string& to);
+  // Two seconds a segment of two seconds, four pictures.
+  std::string Input(int segments) const { return mRoot + "/in" + std::to_string(segments) + ".mp4"; }
 
   std::string mRoot;
   std::string mCopy;
 };
+
+struct Scenario {
+  const char* name;
+  std::function<void(Stage&)> build;         // the state to start from
+  std::function<Arguments(Stage&)> command;  // the one that is killed, or whose calls fail
+  size_t failPacketAt = 0;                   // besides, a disk that does not take this packet
+  const char* landmark = "";
+};
+inline void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
+inline std::string NameOf(const testing::TestParamInfo<Scenario>& scenario) { return scenario.param.name; }
+inline auto Preparing(const char* disk, int count) {
+  return [=](Stage& stage) { return stage.Prepare(disk, count); };
+}
+inline auto Recording(int segments, int start) {
+  return [=](Stage& stage) { return stage.Record(segments, start); };
+}
+// Whether no expectation of `body` fails.
+bool Passes(const std::function<void()>& body);
 
 // Start of the recording whose path ends `text`; 0: none, or one in progress that isn't asked for.
 uint32_t StartOf(const std::string& text, bool unfinishedToo = true);

@@ -1,4 +1,4 @@
-// A program under way.
+// A program under way, and waiting for what it does.
 #pragma once
 
 #include <sys/wait.h>
@@ -35,3 +35,10 @@ class Process {
  private:
   pid_t mPid;
 };
+
+// Whether `condition` comes true within `seconds`.
+template <typename Condition>
+bool Await(Condition condition, int seconds = 20) {
+  for (int i = 0; i < seconds * 20 && !condition(); i++) usleep(50000);
+  return condition();
+}

@@ -1,20 +1,12 @@
 // The recorder's program and the video tools, run by a shell.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
-#include <string>
-#include <vector>
 
-inline std::string ReadText(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
+#include "tests/support/TestDisk.h"
 
 struct Picture {
   double time;
@@ -40,16 +32,19 @@ class RecorderProgram {
   }
   std::vector<nlohmann::json> JsonLines() const {
     std::vector<nlohmann::json> lines;
-    std::istringstream text(out);
-    for (std::string line; std::getline(text, line);) lines.push_back(nlohmann::json::parse(line));
+    for (const std::string& line : LinesOf(out)) lines.push_back(nlohmann::json::parse(line));
     return lines;
   }
 
-  // Makes a video of 40 seconds with 25 pictures each, `group` pictures from key frame to key frame.
+  // Makes a file of H.264 by ffmpeg; `options` come behind its coder's name.
+  void MakeVideo(const std::string& path, const std::string& options,
+                 const std::string& source = "testsrc2=size=320x240:rate=25") {
+    ASSERT_EQ(Shell("ffmpeg -y -v error -f lavfi -i " + source + " -c:v libx264 " + options + " " + path), 0)
+        << err;
+  }
+  // Of 40 seconds with 25 pictures each, `group` pictures from key frame to key frame.
   void MakeVideo(const std::string& path, int group, const std::string& rate) {
-    const std::string command =
-        "ffmpeg -v error -f lavfi -i testsrc2=size=320x240:rate=25 -t 40 -c:v libx264 -preset veryfast -bf 2";
-    ASSERT_EQ(Shell(command + " -b:v " + rate + " -g " + std::to_string(group) + " " + path), 0) << err;
+    MakeVideo(path, Text("-preset veryfast -bf 2 -t 40 -g %d -b:v ", group) + rate);
   }
   // Of a video file, in the order in which they are decoded, as a program that is not ours sees them; or, as
   // "a", packets of sound.

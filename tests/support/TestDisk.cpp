@@ -7,6 +7,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 
 #include "platform/host/flc/FlcHost.h"
 #include "platform/host/imf/ImfRecord.h"
@@ -97,6 +99,37 @@ std::set<unsigned long> InodesOf(const std::string& disk) {
   std::set<unsigned long> inodes;
   for (const auto& [inode, where] : PlacesOf(disk)) inodes.insert(inode);
   return inodes;
+}
+
+std::map<std::string, std::string> RecordFilesIn(const std::string& root, const char* part) {
+  std::map<std::string, std::string> files;
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    const fs::path& path = entry.path();
+    const bool isRecord = path.parent_path().filename().string().rfind("data_", 0) == 0;
+    if (isRecord && path.filename().string().find(part) != std::string::npos) files[path.filename()] = path;
+  }
+  return files;
+}
+
+std::string ReadText(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void WriteText(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+Names LinesOf(const std::string& text) {
+  std::istringstream all(text);
+  Names lines;
+  for (std::string line; std::getline(all, line);) lines.push_back(line);
+  return lines;
+}
+
+testing::AssertionResult Has(const std::string& text, const std::string& part) {
+  const bool has = text.find(part) != std::string::npos;
+  return testing::AssertionResult(has) << "'" << part << (has ? "' is in\n" : "' is not in\n") << text;
 }
 
 void ExpectEachInOnePlace(const std::string& disk, const std::set<unsigned long>& inodes) {

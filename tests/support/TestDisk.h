@@ -52,6 +52,15 @@ std::map<unsigned long, std::multiset<std::string>> PlacesOf(const std::string& 
 // Expects each of the files known by inode in exactly one place, and none besides.
 void ExpectEachInOnePlace(const std::string& disk, const std::set<unsigned long>& inodes);
 std::set<unsigned long> InodesOf(const std::string& disk);
+// The record files in data directories below `root` whose names have `part` in them ("_cm": the completed
+// ones), as name -> path; names ascend with time.
+std::map<std::string, std::string> RecordFilesIn(const std::string& root, const char* part = ".imf");
+
+std::string ReadText(const std::string& path);
+void WriteText(const std::string& path, const std::string& text);
+Names LinesOf(const std::string& text);
+// Whether `part` stands in `text`; a failure shows both.
+testing::AssertionResult Has(const std::string& text, const std::string& part);
 
 // Runs `body` and returns what it wrote to standard error.
 template <typename Body>

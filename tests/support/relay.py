@@ -1,38 +1,19 @@
 #!/usr/bin/python3
-"""relay.py FROM TO [DELAY]: a network that stalls. Passes connections to 127.0.0.1:FROM on to 127.0.0.1:TO, what
-the server sends DELAY seconds later. While it is stopped (SIGSTOP) everything waits and comes in a burst
-afterwards."""
-import queue
+"""relay.py FROM TO: a network that stalls. Passes connections to 127.0.0.1:FROM on to 127.0.0.1:TO. While it is
+stopped (SIGSTOP) everything waits and comes in a burst afterwards."""
+import contextlib
 import socket
 import sys
 import threading
-import time
 
 
-def pump(source, target, delay):
-    chunks = queue.Queue()
-
-    def send():
-        while chunk := chunks.get():
-            due, data = chunk
-            time.sleep(max(0, due - time.monotonic()))
-            try:
-                target.sendall(data)
-            except OSError:
-                break
-        for end in (source, target):
-            try:
-                end.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
-
-    threading.Thread(target=send, daemon=True).start()
-    try:
+def pump(source, target):
+    with contextlib.suppress(OSError):
         while data := source.recv(65536):
-            chunks.put((time.monotonic() + delay, data))
-    except OSError:
-        pass
-    chunks.put(None)
+            target.sendall(data)
+    for end in (source, target):
+        with contextlib.suppress(OSError):
+            end.shutdown(socket.SHUT_RDWR)
 
 
 listener = socket.create_server(("127.0.0.1", int(sys.argv[1])))
@@ -44,6 +25,5 @@ while True:
     except OSError:
         client.close()
         continue
-    threading.Thread(target=pump, args=(client, server, 0), daemon=True).start()
-    late = float(sys.argv[3]) if len(sys.argv) > 3 else 0
-    threading.Thread(target=pump, args=(server, client, late), daemon=True).start()
+    for ends in ((client, server), (server, client)):
+        threading.Thread(target=pump, args=ends, daemon=True).start()

@@ -16,7 +16,7 @@ gi.require_version("GstRtspServer", "1.0")
 from gi.repository import GLib, Gst, GstRtspServer  # noqa: E402
 
 BITS, ROW, FIELD = 48, 12, 16
-WIDTH, HEIGHT = ROW * FIELD, 128
+WIDTH, HEIGHT, FPS = ROW * FIELD, 128, 25
 
 
 def clock_picture(millis):
@@ -31,30 +31,25 @@ def clock_picture(millis):
 
 
 class Factory(GstRtspServer.RTSPMediaFactory):
-    def __init__(self, options):
-        super().__init__()
-        self.options = options
+    options = None
 
     def do_create_element(self, _url):
         o = self.options
-        h264 = o.codec == "h264"
-        pay = f"rtp{o.codec}pay name=pay0 pt=96 config-interval={o.config_interval}"
+        pay = f"rtp{o.codec}pay name=pay0 pt=96 config-interval=-1"
         parse = f"{o.codec}parse"
         if o.file:
             return Gst.parse_launch(f"( filesrc location={o.file} ! qtdemux ! {parse} ! {pay} )")
-        if h264:
+        if o.codec == "h264":
             coder = (
-                f"x264enc speed-preset=superfast key-int-max={o.group} rc-lookahead=0 sync-lookahead=0 threads=1 "
+                f"x264enc speed-preset=superfast key-int-max=25 rc-lookahead=0 sync-lookahead=0 threads=1 "
                 f"bframes={o.bframes} b-adapt=false bitrate=500 "
             )
-            if not o.bframes:
-                coder += "tune=zerolatency"
-            coder += " ! video/x-h264,profile=main"
+            coder += ("" if o.bframes else "tune=zerolatency ") + "! video/x-h264,profile=main"
         else:
             zero = "" if o.bframes else "tune=zerolatency "
             more = f"bframes={o.bframes}:b-adapt=0:rc-lookahead={o.bframes + 1}:frame-threads=1"
-            coder = f"x265enc speed-preset=ultrafast {zero}key-int-max={o.group} option-string={more}"
-        caps = f"video/x-raw,format=I420,width={WIDTH},height={HEIGHT},framerate={o.fps}/1"
+            coder = f"x265enc speed-preset=ultrafast {zero}key-int-max=25 option-string={more}"
+        caps = f"video/x-raw,format=I420,width={WIDTH},height={HEIGHT},framerate={FPS}/1"
         pipeline = Gst.parse_launch(
             f"( appsrc name=source is-live=true do-timestamp=false format=time caps={caps} ! {coder} ! {parse} ! {pay} )"
         )
@@ -64,7 +59,7 @@ class Factory(GstRtspServer.RTSPMediaFactory):
 
     def draw(self, pipeline, source):
         """Pushes pictures, each stamped with the moment it was drawn; those of a standstill are left out."""
-        interval = Gst.SECOND // self.options.fps
+        interval = Gst.SECOND // FPS
         while pipeline.get_clock() is None or pipeline.current_state != Gst.State.PLAYING:
             time.sleep(0.005)
         due = 0
@@ -89,10 +84,7 @@ def main():
     parser.add_argument("--port", required=True)
     parser.add_argument("--codec", choices=["h264", "h265"], default="h264")
     parser.add_argument("--bframes", type=int, default=0)
-    parser.add_argument("--group", type=int, default=25, help="pictures from key frame to key frame")
-    parser.add_argument("--fps", type=int, default=25)
     parser.add_argument("--file", help="an MP4 file to play instead of the clock")
-    parser.add_argument("--config-interval", type=int, default=-1, help="as the payloader's: -1 with each key frame")
     parser.add_argument("--user")
     parser.add_argument("--password")
     options = parser.parse_args()
@@ -101,7 +93,8 @@ def main():
     server = GstRtspServer.RTSPServer.new()
     server.set_address("127.0.0.1")
     server.set_service(options.port)
-    factory = Factory(options)
+    factory = Factory()
+    factory.options = options
     if options.user:
         auth = GstRtspServer.RTSPAuth.new()
         auth.set_supported_methods(GstRtspServer.RTSPAuthMethod.DIGEST if hasattr(GstRtspServer, "RTSPAuthMethod") else 2)
