@@ -1,19 +1,11 @@
 // One process at a time works on a disk, whichever way it came there.
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <functional>
 
 #include "apps/recorder/disks/DirectoryLock.h"
+#include "tests/support/Process.h"
 #include "tests/support/RecorderProgram.h"
-#include "tests/support/TestDisk.h"
 
-namespace fs = std::filesystem;
 using recorder::DirectoryLock;
 using recorder::HolderOf;
 using recorder::LockSet;
@@ -80,7 +72,7 @@ TEST_F(Locks, ARefusalNamesWhoHasItAndAStaleTextIsNotBelieved) {
   const std::string refusal = lock.Take(mDisk, "prepare").value_or("");
   EXPECT_TRUE(Has(refusal, mDisk + " is in use by " + name));
   EXPECT_EQ(0u, HolderOf(mDisk).value_or("").find(name));
-  std::ofstream(mFile) << "1 record 1700000000 " << host << "\n";  // not its holder's
+  WriteText(mFile, std::string("1 record 1700000000 ") + host + "\n");  // not its holder's
   EXPECT_EQ("another process (pid " + std::to_string(other.pid) + ")", HolderOf(mDisk).value_or(""));
   other.End();
   EXPECT_FALSE(HolderOf(mDisk));
@@ -124,27 +116,14 @@ TEST_F(Locks, ADiskByTwoRootsIsRefusedAndAStandbyTakesOver) {
   const std::string fifo = other.Path() + "/camera";
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
   const std::string log = other.Path() + "/log";
-  const pid_t standby = fork();
-  if (standby == 0) {
-    const int out = open(log.c_str(), O_WRONLY | O_CREAT, 0600);
-    dup2(out, STDERR_FILENO);
-    execl(RECORDER_PROGRAM, "recorder", "--root", other.Path().c_str(), "record", "--standby", "--input",
-          fifo.c_str(), nullptr);
-    _exit(127);
-  }
-  const auto waitFor = [](const std::function<bool()>& seen) {
-    for (int i = 0; i < 100 && !seen(); ++i) usleep(100000);
-    return seen();
-  };
-  EXPECT_TRUE(waitFor([&] { return ReadText(log).find("standing by: in use by") != std::string::npos; }));
+  const Process standby(RECORDER_PROGRAM " --root " + other.Path() + " record --standby --input " + fifo +
+                        " 2>" + log);
+  EXPECT_TRUE(Await([&] { return bool{Has(ReadText(log), "standing by: in use by")}; }));
   EXPECT_TRUE(Has(HolderOf(mDisk).value_or(""), "pid " + pid));
   EXPECT_FALSE(HolderOf(other.Path())) << "whoever waits holds nothing";
   first.End();
-  EXPECT_TRUE(waitFor([&] {
-    return HolderOf(mDisk).value_or("").find("pid " + std::to_string(standby)) != std::string::npos;
-  })) << "ten seconds";
-  kill(standby, SIGKILL);
-  waitpid(standby, nullptr, 0);
+  const std::string next = "pid " + std::to_string(standby.Id());
+  EXPECT_TRUE(Await([&] { return bool{Has(HolderOf(mDisk).value_or(""), next)}; })) << "within ten seconds";
 }
 
 }  // namespace

@@ -1,26 +1,15 @@
 // Disks that come and go while it is recorded, and in what order their recordings are recycled.
-#include <gtest/gtest.h>
 #include <sys/timex.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <set>
-#include <sstream>
-#include <thread>
 
 #include "apps/recorder/recording/DirectoryNumbers.h"
 #include "apps/recorder/recording/DiskKeeper.h"
+#include "tests/support/Process.h"
 #include "tests/support/RecorderProgram.h"
-#include "tests/support/TestDisk.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using recorder::DirectoryList;
 
 constexpr int64_t kNow = 1000;
@@ -29,10 +18,8 @@ constexpr int64_t kNow = 1000;
 std::string PlanOf(const std::vector<DirectoryList>& disks) {
   std::string text;
   const auto plan = recorder::PlanNumbers(disks, kNow);
-  for (auto each = plan.rbegin(); each != plan.rend(); ++each) {
-    text += (text.empty() ? "" : " ") + std::string(1, static_cast<char>('a' + each->disk)) +
-            std::to_string(each->from.number) + ">" + std::to_string(each->number);
-  }
+  for (auto each = plan.rbegin(); each != plan.rend(); ++each)
+    text += Text(" %c%d>%d", static_cast<char>('a' + each->disk), each->from.number, each->number);
   return text;
 }
 
@@ -44,13 +31,13 @@ TEST(DirectoryNumbers, AscendWithTime) {
   } kCases[] = {
       {"nothing", {{}, {}}, ""},
       {"in order", {{{1, 100, ""}, {3, 300, ""}}, {{2, 200, ""}}}, ""},
-      {"one number twice", {{{3, 200, ""}}, {{2, 100, ""}, {3, 300, ""}}}, "b3>4"},
-      {"numbered from 1 again", {{{1, 100, ""}, {2, 200, ""}}, {{1, 300, ""}, {2, 400, ""}}}, "b1>3 b2>4"},
-      {"newer before older", {{{4, 100, ""}, {5, 400, ""}}, {{2, 200, ""}, {3, 300, ""}}}, "b2>6 b3>7 a5>8"},
+      {"one number twice", {{{3, 200, ""}}, {{2, 100, ""}, {3, 300, ""}}}, " b3>4"},
+      {"numbered from 1 again", {{{1, 100, ""}, {2, 200, ""}}, {{1, 300, ""}, {2, 400, ""}}}, " b1>3 b2>4"},
+      {"newer before older", {{{4, 100, ""}, {5, 400, ""}}, {{2, 200, ""}, {3, 300, ""}}}, " b2>6 b3>7 a5>8"},
       {"a clock set back keeps its disk's order", {{{1, 500, ""}, {2, 400, ""}}, {{3, 600, ""}}}, ""},
       {"a clock that was ahead",
        {{{1, 5000, ""}, {3, 300, ""}}, {{2, 200, ""}, {4, 400, ""}}},
-       "a1>5 a3>6 b4>7"},
+       " a1>5 a3>6 b4>7"},
       {"an empty one", {{{1, 0, ""}, {9, 0, ""}}, {{1, 100, ""}, {2, 200, ""}}}, ""},
       {"no numbers left", {{{99999999, 200, ""}}, {{99999999, 100, ""}}}, ""},
   };
@@ -66,8 +53,8 @@ class DiskKeeperTest : public testing::Test {
   }
 
   int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
-  int Record(const std::string& start) {
-    return Run("record --clock stream --segment 4 --input " + mVideo + " --start " + start);
+  int Record(const std::string& start, const std::string& more = "") {
+    return Run("record --clock stream --segment 4 --input " + mVideo + " --start " + start + more);
   }
   std::string DiskPath(const std::string& disk) { return mRoot.Path() + "/disk/" + disk; }
   void Prepare(const std::string& disk, int count) {
@@ -75,27 +62,15 @@ class DiskKeeperTest : public testing::Test {
         << mProgram.err;
   }
   // Names of all recordings, which are in order of time, of one disk or of all.
-  std::set<std::string> Recordings(const std::string& below) {
-    std::set<std::string> names;
-    std::error_code ignored;
-    for (const auto& entry : fs::recursive_directory_iterator(below, ignored)) {
-      const std::string name = entry.path().filename();
-      if (name.find("_cm") != std::string::npos) names.insert(name);
-    }
+  static Names Recordings(const std::string& below) {
+    Names names;
+    for (const auto& [name, path] : RecordFilesIn(below, "_cm")) names.push_back(name);
     return names;
   }
-  size_t DataDirectories() {
-    size_t count = 0;
-    for (const char* disk : {"a", "b"}) {
-      for (const std::string& name : NamesIn(DiskPath(disk))) count += name.rfind("data_", 0) == 0 ? 1 : 0;
-    }
-    return count;
-  }
   // In the order in which they went.
-  static std::vector<std::string> Recycled(const std::string& out) {
-    std::vector<std::string> names;
-    std::istringstream lines(out);
-    for (std::string line; std::getline(lines, line);) {
+  static Names Recycled(const std::string& out) {
+    Names names;
+    for (const std::string& line : LinesOf(out)) {
       if (line.rfind("recycled ", 0) != 0) continue;
       names.push_back(fs::path(line.substr(9, line.find(':') - 9)).filename());
     }
@@ -121,13 +96,14 @@ TEST_F(DiskKeeperTest, RecyclesTheOldestFirstAfterADiskWasAway) {
   EXPECT_FALSE(Recycled(mProgram.out).empty());
   fs::rename(mRoot.Path() + "/away", DiskPath("b"));
   for (const char* start : {"2024-05-01T14:00:00Z", "2024-05-01T15:00:00Z", "2024-05-01T16:00:00Z"}) {
-    const std::set<std::string> before = Recordings(mRoot.Path());
+    const Names before = Recordings(mRoot.Path());
     ASSERT_EQ(0, Record(start)) << mProgram.err;
-    const std::vector<std::string> recycled = Recycled(mProgram.out);
+    Names recycled = Recycled(mProgram.out);
     ASSERT_EQ(10u, recycled.size());
-    EXPECT_EQ(std::vector<std::string>(before.begin(), before.end()),
-              std::vector<std::string>(recycled.begin(), recycled.begin() + static_cast<long>(before.size())));
-    EXPECT_LE(DataDirectories(), 4u);
+    recycled.resize(before.size());
+    EXPECT_EQ(before, recycled);
+    ASSERT_EQ(0, mProgram.Shell("ls -d " + DiskPath("?") + "/data_*"));
+    EXPECT_LE(LinesOf(mProgram.out).size(), 4u);
   }
   EXPECT_EQ(0, Run("check")) << mProgram.out;
 }
@@ -151,25 +127,15 @@ TEST_F(DiskKeeperTest, GoesOnWithoutADiskAndTakesItBack) {
   if (!fs::exists(trigger)) GTEST_SKIP() << "this kernel can't make a file system read-only on demand";
 
   const std::string output = mDirectory + "/record";
-  const std::string record = std::string(RECORDER_PROGRAM) + " --root " + mRoot.Path() +
-                             " record --segment 1 --retry 1 --input " + mVideo + " >" + output +
-                             " 2>&1 & echo $!";
-  ASSERT_EQ(0, mProgram.Shell(record));
-  const std::string pid = mProgram.out.substr(0, mProgram.out.find('\n'));
-  const auto wait = [](double seconds) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<int>(seconds * 1000)));
-  };
+  Process recorder(RECORDER_PROGRAM " --root " + mRoot.Path() + " record --segment 1 --retry 1 --input " +
+                   mVideo + " >" + output + " 2>&1");
   const auto told = [&](const std::string& text) {
-    for (int i = 0; i < 150; ++i) {
-      if (ReadText(output).find(text) != std::string::npos) return true;
-      wait(0.1);
-    }
-    return false;
+    return Await([&] { return bool{Has(ReadText(output), text)}; });
   };
-  wait(3);
+  sleep(3);
   ASSERT_EQ(0, mProgram.Shell("echo 1 >" + trigger));
   EXPECT_TRUE(told("disk a is set aside: ")) << ReadText(output);
-  wait(2);
+  sleep(2);
   ASSERT_EQ(0, Run("status --json"));
   EXPECT_EQ("aside", mProgram.JsonLines().at(0)["state"]);
   EXPECT_EQ("used", mProgram.JsonLines().at(1)["state"]);
@@ -181,19 +147,17 @@ TEST_F(DiskKeeperTest, GoesOnWithoutADiskAndTakesItBack) {
   mProgram.Shell("e2fsck -fy " + mDirectory + "/a");
   ASSERT_EQ(0, mProgram.Shell("mount -o loop " + mDirectory + "/a " + DiskPath("a"))) << mProgram.err;
   EXPECT_TRUE(told("disk a is used from now on")) << ReadText(output);
-  const std::set<std::string> before = Recordings(DiskPath("a"));
-  for (int i = 0; i < 150 && Recordings(DiskPath("a")) == before; ++i) wait(0.1);
-  EXPECT_NE(Recordings(DiskPath("a")), before) << "both are in use again";
-  ASSERT_EQ(0, mProgram.Shell("kill " + pid + "; while kill -0 " + pid + " 2>/dev/null; do sleep 0.1; done"));
+  const Names before = Recordings(DiskPath("a"));
+  EXPECT_TRUE(Await([&] { return Recordings(DiskPath("a")) != before; })) << "both are in use again";
+  ASSERT_EQ(0, recorder.Stop(SIGTERM));
 
-  const std::vector<std::string> recycled = Recycled(ReadText(output));
+  const Names recycled = Recycled(ReadText(output));
   EXPECT_TRUE(std::is_sorted(recycled.begin(), recycled.end())) << "oldest first";
   // No gap between recordings: each begins before the one before it has ended, by whole seconds. What the disk
   // held when it failed was completed when it came back.
   unsigned end = UINT32_MAX;
   for (const std::string& name : Recordings(mRoot.Path())) {
-    unsigned start = 0;
-    unsigned until = 0;
+    unsigned start = 0, until = 0;
     ASSERT_EQ(2, std::sscanf(name.c_str(), "%x_%x", &start, &until));
     EXPECT_LE(start, end) << name;
     end = until;
@@ -238,15 +202,12 @@ TEST_F(DiskKeeperTest, ExpiresNothingByAClockThatNothingBearsOut) {
   }
   Prepare("a", 20);
   ASSERT_EQ(0, Record("2024-05-01T12:00:00Z")) << mProgram.err;
-  const std::set<std::string> before = Recordings(mRoot.Path());
-  ASSERT_EQ(0,
-            Run("record --clock stream --segment 4 --keep 24 --start 2024-05-02T12:00:00Z --input " + mVideo));
+  const Names before = Recordings(mRoot.Path());
+  ASSERT_EQ(0, Record("2024-05-02T12:00:00Z", " --keep 24"));
   EXPECT_TRUE(Has(mProgram.err, "nothing bears out"));
   EXPECT_TRUE(Recycled(mProgram.out).empty());
-  for (const std::string& name : before) EXPECT_EQ(1u, Recordings(mRoot.Path()).count(name)) << name;
-  ASSERT_EQ(
-      0, Run("record --clock stream --segment 4 --keep 24 --trust-clock --start 2024-05-03T12:00:00Z --input " +
-             mVideo));
+  for (const std::string& name : before) EXPECT_EQ(1u, RecordFilesIn(mRoot.Path()).count(name)) << name;
+  ASSERT_EQ(0, Record("2024-05-03T12:00:00Z", " --keep 24 --trust-clock"));
   EXPECT_TRUE(Has(mProgram.err, "are older than")) << "more than half: said";
   EXPECT_FALSE(Recycled(mProgram.out).empty());
 }

@@ -239,12 +239,12 @@ TEST_F(MountedDisk, RecordsWithoutAFreeBlock) {
   const std::string fill = "dd if=/dev/zero bs=4k of=" + mDisk + "/filler";
   EXPECT_NE(0, Shell(fill));
   Record();  // makes a data directory
-  EXPECT_TRUE(Said("the file system is full; ")) << mLines;
+  EXPECT_TRUE(Has(mLines, "the file system is full; "));
   EXPECT_NE(0, Shell(fill + "2")) << "the reserve, too";
   Record();  // recycles within it
   ASSERT_EQ(0, Shell("rm " + mDisk + "/filler*"));
   Record();
-  EXPECT_TRUE(Said(" is laid down again")) << mLines;
+  EXPECT_TRUE(Has(mLines, " is laid down again"));
   EXPECT_EQ(12u, InodesOf(mDisk).size());
   EXPECT_EQ(0, Run("check")) << mProgram.out;
 }

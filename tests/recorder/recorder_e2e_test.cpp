@@ -1,15 +1,8 @@
 // The recorder as its users run it: the program itself, real H.264, small disks.
-#include <unistd.h>
-
-#include <chrono>
-#include <csignal>
-#include <future>
-#include <thread>
-
 #include "platform/host/imf/ImfFormat.h"
 #include "platform/host/imf/ImfRecord.h"
+#include "tests/support/Process.h"
 #include "tests/support/RecorderProgram.h"
-#include "tests/support/TestDisk.h"
 
 namespace {
 
@@ -50,16 +43,7 @@ class RecorderTest : public testing::Test {
   }
   std::string DiskPath(const std::string& disk) { return mRoot.Path() + "/disk/" + disk; }
 
-  // Paths of all record files by name, which is by start time.
-  std::map<std::string, std::string> RecordFiles() {
-    std::map<std::string, std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(mRoot.Path())) {
-      const fs::path& path = entry.path();
-      if (path.extension() == ".imf" && path.string().find("/data_") != std::string::npos)
-        files[path.filename()] = path;
-    }
-    return files;
-  }
+  std::map<std::string, std::string> RecordFiles() { return RecordFilesIn(mRoot.Path()); }
   // Per disk, status agrees with the directories, and no file was made or lost.
   void ExpectSound(bool writing = false) {
     ASSERT_EQ(Run("status --json"), 0) << mProgram.err;
@@ -135,28 +119,21 @@ TEST_F(RecorderTest, KeepsTheLatestPacketsWithoutKeyFrames) { ExpectLatestPacket
 
 TEST_F(RecorderTest, StopsAndComesBack) {
   Prepare("a", 20);
-  RecorderProgram other(mRoot.Path());
-  const std::string pid = mRoot.Path() + "/pid";
-  const std::string record =
-      "record --input " + sVideos[0].path + " --input /nonexistent.mp4 & echo $! >" + pid;
-  const auto begin = [&] {
-    auto status = std::async(std::launch::async, [&] { return other.Run(mRoot.Path(), record + "; wait $!"); });
-    for (int i = 0; i < 100 && RecordFiles().empty(); i++)
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-    return status;
+  const auto begin = [&](size_t files) {
+    auto recorder = std::make_unique<Process>(RECORDER_PROGRAM " --root " + mRoot.Path() + " record --input " +
+                                              sVideos[0].path + " --input /nonexistent.mp4 >/dev/null 2>&1");
+    EXPECT_TRUE(Await([&] { return RecordFiles().size() == files; }));
+    usleep(1200000);
+    return recorder;
   };
-  auto status = begin();
+  auto recorder = begin(1);
   ExpectSound(true);
   EXPECT_EQ(Run("record --input " + sVideos[1].path), 2) << "in use";
-  EXPECT_EQ(mProgram.Shell("kill -TERM $(cat " + pid + ")"), 0);
-  EXPECT_EQ(status.get(), 0);
+  EXPECT_EQ(recorder->Stop(SIGTERM), 0);
   ASSERT_EQ(RecordFiles().size(), 1u);
   EXPECT_TRUE(Has(RecordFiles().begin()->first, "_cm1.imf")) << "completed";
 
-  status = begin();
-  EXPECT_EQ(mProgram.Shell("kill -KILL $(cat " + pid + ")"), 0);
-  EXPECT_EQ(status.get(), 128 + SIGKILL);
+  EXPECT_EQ(begin(2)->Stop(SIGKILL), -SIGKILL);
   ASSERT_EQ(RecordFiles().size(), 2u);
   const std::string unfinished = RecordFiles().rbegin()->first;
   EXPECT_TRUE(Has(unfinished, "_00000000.imf"));
@@ -192,12 +169,8 @@ TEST_F(RecorderTest, SoundStaysWithItsPictures) {
   for (const SoundCase& row : rows) {
     SCOPED_TRACE(std::string(row.input) + " " + row.options + " " + row.output);
     const std::string input = mRoot.Path() + "/in." + row.input, clip = mRoot.Path() + "/clip." + row.output;
-    ASSERT_EQ(
-        mProgram.Shell("ffmpeg -v error -y -f lavfi -i testsrc2=s=320x240:r=25 -f lavfi -i sine=r=48000 -t 12 "
-                       "-c:v libx264 -preset ultrafast -bf 2 -g 25 -b:v 200k " +
-                       std::string(row.options) + " " + input),
-        0)
-        << mProgram.err;
+    mProgram.MakeVideo(input, std::string("-preset ultrafast -bf 2 -g 25 -b:v 200k ") + row.options,
+                       "testsrc2=s=320x240:r=25 -f lavfi -i sine=r=48000 -t 12");
     ASSERT_EQ(Run("record --segment 3 --clock stream --start " + std::to_string(start) + " --input " + input),
               0);
     ASSERT_EQ(Run(Text("export --force --since %ld.3 --until %ld -o ", start + 2, start + 10) + clip), 0);
@@ -232,14 +205,8 @@ TEST_F(RecorderTest, SoundStaysWithItsPictures) {
 TEST_F(RecorderTest, NewParametersBeginANewPart) {
   Prepare("a", 9);
   const std::string in = mRoot.Path() + "/in.ts", clip = mRoot.Path() + "/x.mp4";
-  std::string make;
-  for (const char* size : {"320x240", "640x480"}) {
-    make += Text(
-        "ffmpeg -v error -f lavfi -i testsrc2=s=%s:r=25 -t 4 -c:v libx264 -preset ultrafast -g 25 -f mpegts - "
-        ">>%s; ",
-        size, in.c_str());
-  }
-  ASSERT_EQ(mProgram.Shell(make + "true"), 0);
+  for (const char* size : {"320x240", "640x480"})
+    mProgram.MakeVideo("- >>" + in, "-preset ultrafast -g 25 -f mpegts", Text("testsrc2=s=%s:r=25 -t 4", size));
   ASSERT_EQ(Run("record --segment 3 --clock stream --start 1717199980 --input " + in), 0);
   const std::string range = " --since 1717199980 --until 1717199988 -o ";
   ASSERT_EQ(Run("export" + range + clip), 0) << mProgram.err;
@@ -274,7 +241,7 @@ TEST_F(RecorderTest, RefusesAndStops) {
   EXPECT_EQ(Record("2024-05-01T12:00:00Z"), 2) << "no disk is there";
   EXPECT_TRUE(NamesIn(DiskPath("gone")).empty()) << "nothing was written to where it belongs";
   Prepare("a", 3);
-  EXPECT_EQ(Run("prepare --disk a --size 1M --count 3"), 2) << "prepared already";
+
   EXPECT_EQ(Record("2024-05-01T12:00:00Z", "--disk gone"), 2);
   EXPECT_TRUE(RecordFiles().empty());
   EXPECT_EQ(Record("2024-05-01T12:00:00Z", "--no-overwrite"), 1) << "full";

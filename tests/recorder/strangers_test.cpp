@@ -1,18 +1,13 @@
 // A disk that somebody else made: links, second names and pipes in the places of files and directories.
 // Whatever the command, nothing outside the disk changes, nothing waits for ever, and nothing acts on the
 // terminal.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <functional>
 
 #include "tests/support/RecorderProgram.h"
-#include "tests/support/TestDisk.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr int kSize = 262144;
 constexpr unsigned kStart = 0x5f5e1000;
@@ -56,15 +51,12 @@ class StrangersDisk : public testing::Test {
 
   // What would act on a terminal in what the recorder said; the library's lines are for logs.
   static std::string ActsOnTerminal(const std::string& text) {
-    std::istringstream lines(text);
-    std::string found;
-    for (std::string line; std::getline(lines, line);) {
-      const bool isLibrarys = line.rfind("Dbg (", 0) == 0 || line.find("Err (") != std::string::npos;
-      for (const char c : isLibrarys ? std::string() : line) {
-        if (static_cast<unsigned char>(c) < ' ' || c == 0x7f) return line;
-      }
+    for (const std::string& line : LinesOf(text)) {
+      const bool isLibrarys = line.rfind("Dbg (", 0) == 0 || Has(line, "Err (");
+      const auto acts = [](unsigned char c) { return c < ' ' || c == 0x7f; };
+      if (!isLibrarys && std::any_of(line.begin(), line.end(), acts)) return line;
     }
-    return found;
+    return "";
   }
 
   TestRoot mRoot;
@@ -75,20 +67,21 @@ class StrangersDisk : public testing::Test {
 };
 
 TEST_F(StrangersDisk, DoesNoHarm) {
+  // The `by` of outside is linked to in the place of `name`, or has it as its second name; or a pipe has it.
   const auto replaced = [this](const std::string& name, const std::string& by) {
-    return [this, name, by] {
+    return [=] {
       fs::remove_all(mDisk + name);
-      fs::create_symlink(by.empty() ? mOutside : mOutside + by, mDisk + name);
+      fs::create_symlink(mOutside + by, mDisk + name);
     };
   };
-  const auto second = [this](const std::string& name, const std::string& of) {
-    return [this, name, of] {
+  const auto second = [this](const std::string& name, const std::string& by) {
+    return [=] {
       fs::remove(mDisk + name);
-      fs::create_hard_link(mOutside + of, mDisk + name);
+      fs::create_hard_link(mOutside + by, mDisk + name);
     };
   };
   const auto pipe = [this](const std::string& name) {
-    return [this, name] {
+    return [=] {
       fs::remove(mDisk + name);
       mkfifo((mDisk + name).c_str(), 0600);
     };
@@ -127,9 +120,7 @@ TEST_F(StrangersDisk, DoesNoHarm) {
        }},
   };
   const std::string video = mRoot.Path() + "/v.mp4";
-  ASSERT_EQ(
-      mProgram.Shell("ffmpeg -v error -f lavfi -i testsrc2=size=64x48:rate=5 -t 3 -c:v libx264 -g 5 " + video),
-      0);
+  mProgram.MakeVideo(video, "-g 5", "testsrc2=size=64x48:rate=5 -t 3");
   for (const auto& c : cases) {
     MakeDisk();
     c.make();
@@ -157,11 +148,9 @@ TEST_F(StrangersDisk, ADirectoryTurnedIntoALinkIsNotRemoved) {
   fs::copy(mDisk + "data_00000001/" + old, mOutside + old);
   mBefore = Outside();
   // Twenty segments in two halves, for twelve free files.
+  mProgram.MakeVideo(mRoot.Path() + "/v.ts", "-preset ultrafast -g 25", "testsrc2=size=64x48:rate=25 -t 20");
   const std::string script =
-      "cd " + mRoot.Path() +
-      " && ffmpeg -v error -f lavfi -i testsrc2=size=64x48:rate=25 -t 20 -c:v libx264 -preset ultrafast -g 25 "
-      "v.ts"
-      " && mkfifo in.ts && { timeout -s KILL 60 " RECORDER_PROGRAM " --root " +
+      "cd " + mRoot.Path() + " && mkfifo in.ts && { timeout -s KILL 60 " RECORDER_PROGRAM " --root " +
       mRoot.Path() +
       " record --clock stream --start 1700000000 --segment 1 --input in.ts & exec 9>in.ts"
       "; head -c $(($(stat -c %s v.ts) / 2)) v.ts >&9"
@@ -170,8 +159,7 @@ TEST_F(StrangersDisk, ADirectoryTurnedIntoALinkIsNotRemoved) {
       "; tail -c +$(($(stat -c %s v.ts) / 2 + 1)) v.ts >&9; exec 9>&-; wait $!; }";
   EXPECT_EQ(mProgram.Shell(script), 0) << mProgram.err;
   EXPECT_EQ(mBefore, Outside());
-  const std::string finished = mProgram.out;
-  EXPECT_TRUE(Has(finished, "recycled "));
+  EXPECT_TRUE(Has(mProgram.out, "recycled "));
 }
 
 }  // namespace
