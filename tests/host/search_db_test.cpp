@@ -1,13 +1,7 @@
 // The search database, the tool that rebuilds it, and the helpers that run the tool.
-#include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
-#include <cstdio>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <random>
@@ -17,6 +11,7 @@
 #include "SystemHelper.h"
 #include "platform/host/HostSystem.h"
 #include "platform/host/searchdb/SearchDbRebuild.h"
+#include "tests/support/Process.h"
 #include "tests/support/TestDisk.h"
 
 static bool operator==(const TimeSearchRecording& a, const TimeSearchRecording& b) {
@@ -50,29 +45,21 @@ class SearchDbTest : public testing::Test {
   void Write(const std::string& name, const std::string& content) const {
     WriteText(mDirectory + name, content);
   }
-  std::string Content() const {
-    std::ifstream file(mPath, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-  }
+  std::string Content() const { return ReadText(mPath); }
   bool IsMarked() const { return fs::exists(mPath + ".0.err"); }
-  pid_t StartTool() const {
-    const pid_t child = fork();
-    if (child != 0) return child;
-    dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
-    execl(FILEDB_TOOL, FILEDB_TOOL, "-f", mDirectory.c_str(), nullptr);
-    _exit(127);
+  // That rebuilds; for a shell, which the directory's name must not reach.
+  std::string Tool() const {
+    setenv("FILEDB_TEST_DIRECTORY", mDirectory.c_str(), 1);
+    return FILEDB_TOOL " -f \"$FILEDB_TEST_DIRECTORY\" 2>/dev/null";
   }
-  static int Result(pid_t child) {
-    int status = -1;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  int Rebuild() const { return Result(StartTool()); }
+  int Rebuild() const { return Process(Tool()).Stop(0); }
   // By SQLite as it is, without any caution.
-  void Run(const std::string& statements) const {
+  void Run(
+      const std::string& statements, const std::function<void()>& whileOpen = [] {}) const {
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open(mPath.c_str(), &db), SQLITE_OK);
     ASSERT_EQ(sqlite3_exec(db, statements.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+    whileOpen();
     sqlite3_close(db);
   }
   static std::string Number(size_t number, int size = 4) {
@@ -83,15 +70,13 @@ class SearchDbTest : public testing::Test {
   void CutOffChange() const {
     const pid_t child = fork();
     if (child == 0) {
-      sqlite3* db = nullptr;
-      if (sqlite3_open(mPath.c_str(), &db) != SQLITE_OK) _exit(1);
-      const char* change =
-          "PRAGMA cache_size=1; BEGIN; UPDATE recording SET end_time=0;"
+      Run("PRAGMA cache_size=1; BEGIN; UPDATE recording SET end_time=0;"
           "WITH RECURSIVE n(i) AS (VALUES(200) UNION ALL SELECT i + 1 FROM n WHERE i < 9000)"
-          "INSERT INTO recording SELECT i, i, 1 FROM n";
-      _exit(sqlite3_exec(db, change, nullptr, nullptr, nullptr));
+          "INSERT INTO recording SELECT i, i, 1 FROM n",
+          [] { _exit(0); });
+      _exit(1);
     }
-    ASSERT_EQ(Result(child), 0);
+    waitpid(child, nullptr, 0);
     ASSERT_GT(fs::file_size(mPath), 50000u) << "the change is to be half in the database";
     ASSERT_TRUE(fs::exists(mPath + "-journal"));
   }
@@ -179,13 +164,9 @@ TEST_F(SearchDbTest, LockedOrReadOnlyIsAFailureAndNoLoss) {
   EXPECT_EQ(Search(), Recordings());
   EXPECT_FALSE(IsMarked());
   ASSERT_TRUE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({100, 199, 1}));
-  sqlite3* holder = nullptr;
-  ASSERT_EQ(sqlite3_open(mPath.c_str(), &holder), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
   EXPECT_TRUE(fs::remove(mPath + ".0.err")) << "what the empty one should have held is missing";
-  EXPECT_FALSE(SearchDb(mDirectory, SEARCH_DB_WRITE).Remove(100));
+  Run("BEGIN EXCLUSIVE", [&] { EXPECT_FALSE(SearchDb(mDirectory, SEARCH_DB_WRITE).Remove(100)); });
   EXPECT_TRUE(IsMarked()) << "a change that could not be made: the next start rebuilds";
-  sqlite3_close(holder);
 
   SearchDb db(mDirectory, SEARCH_DB_WRITE);
   EXPECT_TRUE(db.Add({100, 199, 1}));
@@ -209,7 +190,7 @@ TEST_F(SearchDbTest, LockedOrReadOnlyIsAFailureAndNoLoss) {
 TEST_F(SearchDbTest, UnsoundDatabases) {
   const std::string endless =
       "(WITH RECURSIVE n(i) AS (VALUES(1) UNION ALL SELECT i + 1 FROM n) SELECT max(i) FROM n)";
-  const std::string table = "recording(start_time INTEGER PRIMARY KEY, end_time INTEGER NOT NULL";
+  const auto run = [this](const std::string& statements) { return [=] { Run(statements); }; };
   const struct {
     const char* what;
     std::function<void()> make;
@@ -217,18 +198,16 @@ TEST_F(SearchDbTest, UnsoundDatabases) {
       {"a text file", [&] { Write("search.fdb", std::string(5000, 'x')); }},
       {"the first half", [&] { fs::resize_file(mPath, fs::file_size(mPath) / 2); }},
       {"a change cut off", [&] { CutOffChange(); }},
-      {"a trigger",
-       [&] { Run("CREATE TRIGGER t BEFORE INSERT ON recording BEGIN SELECT " + endless + "; END"); }},
+      {"a trigger", run("CREATE TRIGGER t BEFORE INSERT ON recording BEGIN SELECT " + endless + "; END")},
       {"a view in the table's place",
-       [&] {
-         Run("DROP TABLE recording; CREATE VIEW recording AS SELECT 1 AS start_time, " + endless +
-             " AS end_time, 1 AS channel_mask");
-       }},
-      {"a table too many", [&] { Run("CREATE TABLE more(x)"); }},
-      {"another table", [&] { Run("DROP TABLE recording; CREATE TABLE " + table + ", channel_mask AS (1))"); }},
-      {"the version before", [&] { Run("DROP TABLE span; PRAGMA user_version=1"); }},
-      {"no table", [&] { Run("DROP TABLE recording"); }},
-      {"a write-ahead log", [&] { Run("PRAGMA journal_mode=WAL"); }},
+       run("DROP TABLE recording; CREATE VIEW recording AS SELECT 1 AS start_time, " + endless +
+           " AS end_time, 1 AS channel_mask")},
+      {"a table too many", run("CREATE TABLE more(x)")},
+      {"another table", run("DROP TABLE recording; CREATE TABLE recording(start_time INTEGER PRIMARY KEY, "
+                            "end_time INTEGER NOT NULL, channel_mask AS (1))")},
+      {"the version before", run("DROP TABLE span; PRAGMA user_version=1")},
+      {"no table", run("DROP TABLE recording")},
+      {"a write-ahead log", run("PRAGMA journal_mode=WAL")},
       {"a recording's second name",
        [&] {
          fs::rename(mPath, mDirectory + "60000000_60000010_cm1.imf");
@@ -297,14 +276,13 @@ TEST_F(SearchDbTest, RebuildCutOffIsSeenAndDoneAgain) {
   ASSERT_EQ(Search().size(), kCount);
   int cut = 0;
   for (int round = 0; round < 40; ++round) {
-    const pid_t tool = StartTool();
+    Process tool(Tool());
     siginfo_t ended = {};
     while (GetFileSize(mPath.c_str()) != 0 && ended.si_pid == 0) {
-      waitid(P_PID, static_cast<id_t>(tool), &ended, WEXITED | WNOHANG | WNOWAIT);
+      waitid(P_PID, static_cast<id_t>(tool.Id()), &ended, WEXITED | WNOHANG | WNOWAIT);
     }
-    std::this_thread::sleep_for(std::chrono::microseconds(250 * round));  // it takes some ten milliseconds
-    kill(tool, SIGKILL);
-    if (Result(tool) == 0) continue;
+    usleep(250 * round);  // it takes some ten milliseconds
+    if (tool.Stop(SIGKILL) == 0) continue;
     const size_t found = Search().size();
     if (GetFileSize(mPath.c_str()) == 0) {
       ++cut;

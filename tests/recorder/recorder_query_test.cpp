@@ -70,15 +70,8 @@ class RecorderQuery : public testing::Test {
         << "most of the range is missing";
     return report;
   }
-  // Names of the completed recordings on the disks, which ascend with time.
-  static std::set<std::string> AllNames() {
-    std::set<std::string> names;
-    for (const auto& entry : fs::recursive_directory_iterator(sRoot->Path() + "/disk")) {
-      const std::string name = entry.path().filename();
-      if (name.find("_cm") != std::string::npos) names.insert(name);
-    }
-    return names;
-  }
+  // Completed recordings.
+  static std::map<std::string, std::string> All() { return RecordFilesIn(sRoot->Path(), "_cm"); }
 
   static void ExpectDecodable(const std::string& clip) {
     EXPECT_EQ(sProgram->Shell("ffmpeg -v error -i " + clip + " -f null -"), 0);
@@ -168,10 +161,7 @@ TEST_F(RecorderQuery, ExportGoesOnBehindDamage) {
   const std::string root = sRoot->Path() + "x";
   fs::create_directory(root);
   fs::copy(sRoot->Path() + "/disk", root + "/disk", fs::copy_options::recursive);
-  std::string damaged;
-  for (const auto& entry : fs::recursive_directory_iterator(root + "/disk")) {
-    if (entry.path().filename() == *std::next(AllNames().begin())) damaged = entry.path();
-  }
+  const std::string damaged = std::next(RecordFilesIn(root, "_cm").begin())->second;
   std::fstream file(damaged);
   file.seekp(400000).write(std::string(20000, 'x').data(), 20000);
   file.close();
@@ -188,20 +178,19 @@ TEST_F(RecorderQuery, ExportGoesOnBehindDamage) {
 }
 
 TEST_F(RecorderQuery, ListsAgreeWithTheNames) {
-  const std::set<std::string> names = AllNames();
+  const std::map<std::string, std::string> names = All();
   ASSERT_GT(names.size(), 9u) << "both disks are in use";
-  const auto listed = [&] {
-    Names found;
-    for (const Json& line : sProgram->JsonLines())
-      found.push_back(fs::path(line["path"].get<std::string>()).filename());
-    return found;
-  };
-  EXPECT_EQ(Run("list --json"), 0);
-  EXPECT_EQ(listed(), Names(names.begin(), names.end()));
-  EXPECT_EQ(Run("play-list --json --at " + std::to_string(kStart + 62)), 0);
-  EXPECT_EQ(listed(), Names(names.begin(), names.end())) << "back to the first and on to the last, each once";
+  Names paths;
+  for (const auto& [name, path] : names) paths.push_back(path);
+  // The walk goes back to the first and on to the last.
+  for (const std::string command : {"list", "play-list --at " + std::to_string(kStart + 62)}) {
+    EXPECT_EQ(Run(command + " --json"), 0);
+    Names listed;
+    for (const Json& line : sProgram->JsonLines()) listed.push_back(line["path"]);
+    EXPECT_EQ(listed, paths) << command;
+  }
   EXPECT_EQ(Run("list --json --channel 1" + Since(41, 59)), 1) << "a gap";
-  EXPECT_TRUE(Has(sProgram->err, *std::next(names.begin(), names.size() / 2))) << "the next: ";
+  EXPECT_TRUE(Has(sProgram->err, std::next(names.begin(), names.size() / 2)->first)) << "the next: ";
 
   EXPECT_EQ(Run("menu --json"), 0);
   int64_t megabytes = 0;
@@ -242,7 +231,7 @@ TEST_F(RecorderQuery, RefusesInOneLine) {
   for (const auto& [arguments, status, line] : cases) {
     EXPECT_EQ(Run(arguments), status) << arguments;
     EXPECT_TRUE(Has(sProgram->err, line)) << arguments;
-    EXPECT_EQ(std::count(sProgram->err.begin(), sProgram->err.end(), '\n'), 1) << sProgram->err;
+    EXPECT_EQ(LinesOf(sProgram->err).size(), 1u) << sProgram->err;
   }
   EXPECT_TRUE(fs::is_empty(sWork + "/new"));
   EXPECT_EQ(fs::file_size(there), 4u);
@@ -255,16 +244,18 @@ class ChangingRecordings : public testing::Test {
   static constexpr size_t kPictureSize = 5000;  // more than a block, so that none is read along with another
 
   // Ten pictures a second, a key frame a second.
+  static ImfPacket Picture(int64_t i, char what) {
+    ImfPacket packet;
+    packet.keyFrame = i % 10 == 0;
+    packet.time = kStart * kMicros + i * 100000;
+    packet.pts = packet.dts = i * 100;
+    packet.duration = 100;
+    packet.data.assign(kPictureSize, static_cast<uint8_t>(what));
+    return packet;
+  }
   void Put(ImfWriter* writer, int64_t first, int64_t count, char what) {
-    for (int64_t i = first; i < first + count; i++) {
-      ImfPacket packet;
-      packet.keyFrame = i % 10 == 0;
-      packet.time = kStart * kMicros + i * 100000;
-      packet.pts = packet.dts = i * 100;
-      packet.duration = 100;
-      packet.data.assign(kPictureSize, static_cast<uint8_t>(what));
-      ASSERT_EQ(writer->Write(packet), ImfWriteResult::kWritten);
-    }
+    for (int64_t i = first; i < first + count; i++)
+      ASSERT_EQ(writer->Write(Picture(i, what)), ImfWriteResult::kWritten);
   }
   void Open(ImfWriter* writer, const std::string& path, int64_t second) {
     ImfStreamInfo stream;
@@ -297,10 +288,9 @@ class ChangingRecordings : public testing::Test {
     const std::string bytes = ReadText(path);
     std::string runs;
     for (const char c : {'A', 'B', 'C'}) {
+      const std::string picture(kPictureSize, c);
       int count = 0;
-      for (size_t at = 0; (at = bytes.find(std::string(kPictureSize, c), at)) != std::string::npos;
-           at += kPictureSize)
-        count++;
+      for (size_t at = 0; (at = bytes.find(picture, at)) != std::string::npos; at += kPictureSize) count++;
       runs += std::to_string(count) + c;
     }
     return runs;
@@ -358,20 +348,15 @@ TEST_F(ChangingRecordings, AreNotMixedUpWithWhatReplacesThem) {
 
 // Under the sanitizers: sums of such times overflow.
 TEST_F(ChangingRecordings, TimesNearTheEndsOf64BitsAreLeftOut) {
-  const int64_t odd[] = {INT64_MIN, INT64_MIN + 1, INT64_MAX, INT64_MAX / 1000};
   ImfWriter writer;
   Open(&writer, MakeTestFile(Name(0, 10), 4 << 20), 0);
   for (int64_t i = 0; i < 10; i++) {
     Put(&writer, i * 10, 10, 'A');
-    for (const int64_t time : odd) {
-      for (int field = 0; field < 4; field++) {
-        ImfPacket packet;
+    for (const int64_t odd : {INT64_MIN, INT64_MIN + 1, INT64_MAX, INT64_MAX / 1000}) {
+      for (auto field : {&ImfPacket::time, &ImfPacket::pts, &ImfPacket::dts, &ImfPacket::duration}) {
+        ImfPacket packet = Picture(i * 10 + 9, 'B');
         packet.keyFrame = i % 2 == 0;
-        packet.time = kStart * kMicros + i * kMicros + 950000;
-        packet.pts = packet.dts = i * 1000 + 950;
-        int64_t* const fields[] = {&packet.time, &packet.pts, &packet.dts, &packet.duration};
-        *fields[field] = time;
-        packet.data.assign(kPictureSize, 'B');
+        packet.*field = odd;
         ASSERT_EQ(writer.Write(packet), ImfWriteResult::kWritten);
       }
     }
