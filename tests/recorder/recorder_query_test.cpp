@@ -183,7 +183,7 @@ TEST_F(RecorderQuery, ListsAgreeWithTheNames) {
   Names paths;
   for (const auto& [name, path] : names) paths.push_back(path);
   // The walk goes back to the first and on to the last.
-  for (const std::string command : {"list", "play-list --at " + std::to_string(kStart + 62)}) {
+  for (const std::string& command : {std::string("list"), "play-list --at " + std::to_string(kStart + 62)}) {
     EXPECT_EQ(Run(command + " --json"), 0);
     Names listed;
     for (const Json& line : sProgram->JsonLines()) listed.push_back(line["path"]);
