@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <ctime>
 #include <random>
 
 #include "tests/support/ManagerFixture.h"
@@ -171,9 +170,7 @@ TEST_F(AllocationTest, HundredThousandSegmentsLeaveEachFileInOnePlace) {
   const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
   dup2(null, STDERR_FILENO);  // three lines for each segment
 
-  int clock = 0;
-  int quarantined = 0;
-  int setBack = 0;
+  int clock = 0, quarantined = 0, setBack = 0;
   for (int segment = 0; segment < kSegments && !HasFailure(); ++segment) {
     if (segment % 25000 == 0) {  // a restart
       Restart(0);

@@ -28,7 +28,7 @@ TEST(RecordFileName, WhatANameYields) {
       {"ffffffff_fffffffe_cmffffffff.imf", 1, -1, -2, UINT_MAX, kRefused},  // after 2038 a time is negative
       {"7fffffff_00000000.imf", 1, INT_MAX, 0, 0, kRefused},
       {"5f5e1000_80000000_cm1.imf", 1, 1600000000, INT_MIN, 1, kRefused},
-      {"1_2_cm0.imf", 1, 1, 2, 0, kSame},                                // no fixed widths
+      {"1_2_cm0.imf", 1, 1, 2, 0, kSame},  // no fixed widths
       // Foreign and damaged names. Nothing but ".imf", wherever it stands, makes a name valid.
       {"5f5e1000.imf", 1, 1600000000, 0, 0, kSame},
       {"", 0, 0, 0, 0, kRefused},

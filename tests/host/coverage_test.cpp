@@ -93,13 +93,13 @@ TEST(Coverage, FileAndWriterTellTheSame) {
     }
   }
   std::vector<PictureSpan> spans;
-  ASSERT_TRUE(ReadCoverage(path, kStart, &spans)) << "in progress: not in the index yet";
-  EXPECT_EQ(spans, writer.Coverage());
+  for (const bool closed : {false, true}) {  // in progress: not in the index yet
+    ASSERT_TRUE(!closed || writer.Close());
+    ASSERT_TRUE(ReadCoverage(path, kStart, &spans));
+    EXPECT_EQ(spans, writer.Coverage());
+  }
   ASSERT_EQ(spans.size(), 3u);
   EXPECT_EQ(spans[1], (PictureSpan{5, kStart * kSecond, kStart * kSecond + 6666666 + 333333}));
-  ASSERT_TRUE(writer.Close());
-  ASSERT_TRUE(ReadCoverage(path, kStart, &spans));
-  EXPECT_EQ(spans, writer.Coverage());
   EXPECT_FALSE(ReadCoverage(path, kStart + 1, &spans));
 }
 

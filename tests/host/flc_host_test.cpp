@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -21,16 +20,16 @@ constexpr uint32_t kAll = 0xffffffff;
 class FlcHost : public testing::Test {
  protected:
   FlcHost() {
-    FlcDetachDisk("a");
-    FlcDetachDisk("b");
-    FlcDetachDisk("usbdisk1");
+    for (const char* disk : {"a", "b", "usbdisk1"}) FlcDetachDisk(disk);
     FlcClear();
   }
 
   // A path below the test's directory.
   std::string Path(const std::string& path) const { return mRoot.Path() + "/" + path; }
-  void MakeDirectory(const std::string& path) const { std::filesystem::create_directories(Path(path)); }
-  void MakeFile(const std::string& path) const { MakeTestFile(Path(path), 0); }
+  void MakeFiles(const std::string& directory, const Names& names) const {
+    for (const std::string& name : names) MakeTestFile(Path(directory + "/" + name), 0);
+  }
+  void Attach() const { ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0); }
   // The start times of a directory's records; empty, too, when it answers with a failure.
   static std::vector<uint32_t> Starts(const char* disk, int index) {
     std::vector<uint32_t> starts;
@@ -199,16 +198,14 @@ TEST_P(FlcRandom, AnswersByTheRules) {
 INSTANTIATE_TEST_SUITE_P(Runs, FlcRandom, testing::Values(0, 1, 2, 3));
 
 TEST_F(FlcHost, LoadsOnlyRecordFilesOfDataDirectories) {
-  MakeDirectory("a/data_00000003/50_60_cm1.imf");  // a directory named like a record file
-  MakeFile("a/data_00000003/40_00000000.imf");
-  MakeFile("a/data_00000003/10_00000000.imf");  // of several with one start the longest counts
-  MakeFile("a/data_00000003/10_60_cm1.imf");
-  MakeFile("a/data_00000003/10_18_cm7.imf");
-  MakeFile("a/data_00000003/20_30_cm1.imf");  // ends before the one before it does
-  std::filesystem::create_symlink("10_60_cm1.imf", Path("a/data_00000003/70_80_cm1.imf"));
-  MakeFile("a/data_7/1_2_cm1.imf");
-  std::filesystem::create_directory_symlink("data_7", Path("a/data_00000008"));
-  ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
+  fs::create_directories(Path("a/data_00000003/50_60_cm1.imf"));  // a directory named like a record file
+  // Of several with one start the longest counts; the one after them ends before it does.
+  MakeFiles("a/data_00000003",
+            {"40_00000000.imf", "10_00000000.imf", "10_60_cm1.imf", "10_18_cm7.imf", "20_30_cm1.imf"});
+  fs::create_symlink("10_60_cm1.imf", Path("a/data_00000003/70_80_cm1.imf"));
+  MakeFiles("a/data_7", {"1_2_cm1.imf"});
+  fs::create_directory_symlink("data_7", Path("a/data_00000008"));
+  Attach();
   EXPECT_EQ(Starts("a", 3), (Times{0x10, 0x20, 0x40}));
   flc_file_info_param_t covering = FlcFileParam("", 3, 0x35, 0, kAll, 1);
   EXPECT_EQ(FlcGetFileByTime("a", &covering), 0);
@@ -219,8 +216,8 @@ TEST_F(FlcHost, LoadsOnlyRecordFilesOfDataDirectories) {
 
 // A directory that can't be read must never look empty: its recordings would be deleted with it.
 TEST_F(FlcHost, UnreadableIsNotEmpty) {
-  MakeFile("a/data_00000001/10_20_cm1.imf");
-  ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
+  MakeFiles("a/data_00000001", {"10_20_cm1.imf"});
+  Attach();
   ASSERT_EQ(FlcAddFile("b", 1, 0x30, 0x40, 1), 0);
   ASSERT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 2);
   ASSERT_EQ(FlcForget("a", 1), 0);
@@ -240,23 +237,23 @@ TEST_F(FlcHost, UnreadableIsNotEmpty) {
   EXPECT_EQ(Starts("a", 1), Times{0x10});
 
   // A disk that has gone is no disk without data directories.
-  ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
-  std::filesystem::rename(Path("a"), Path("gone"));
+  Attach();
+  fs::rename(Path("a"), Path("gone"));
   EXPECT_EQ(FlcGetFileCount("a", FLC_ANY_REPOSITORY), -1);
   EXPECT_EQ(FlcAddFile("a", 1, 0x50, 0x60, 1), -1);
 }
 
 TEST_F(FlcHost, ReadsADirectoryOnceUntilToldOtherwise) {
-  MakeFile("a/data_00000001/10_20_cm1.imf");
-  ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
+  MakeFiles("a/data_00000001", {"10_20_cm1.imf"});
+  Attach();
   // An addition reads the directory first: otherwise it would hide the files that stand there already.
   EXPECT_EQ(FlcAddFile("a", 1, 0x30, 0, 0), 0);
-  MakeFile("a/data_00000001/20_30_cm1.imf");
+  MakeFiles("a/data_00000001", {"20_30_cm1.imf"});
   EXPECT_EQ(Starts("a", 1), (Times{0x10, 0x30}));
   EXPECT_EQ(FlcForget("a", 1), 0);
   EXPECT_EQ(Starts("a", 1), (Times{0x10, 0x20}));
   EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 2);
-  MakeFile("a/data_00000011/1_2_cm1.imf");
+  MakeFiles("a/data_00000011", {"1_2_cm1.imf"});
   EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 2);
   EXPECT_EQ(FlcForget("a", FLC_ANY_REPOSITORY), 0);  // the list of data directories, too
   EXPECT_EQ(FlcGetFileCount("", FLC_ANY_REPOSITORY), 3);
@@ -270,7 +267,7 @@ TEST_F(FlcHost, ReadsADirectoryOnceUntilToldOtherwise) {
 
   // What was only added gives way to the directory once there is one, with all its files.
   EXPECT_EQ(FlcAddFile("a", 2, 0x60, 0, 0), 0);
-  MakeFile("a/data_00000002/70_80_cm1.imf");
+  MakeFiles("a/data_00000002", {"70_80_cm1.imf"});
   EXPECT_EQ(Starts("a", 2), Times{0x70});
 }
 
@@ -286,8 +283,8 @@ TEST_F(FlcHost, HoldsAFileInLessThan16Bytes) {
 
 // For the thread sanitizer, and for lost or doubled records without it.
 TEST_F(FlcHost, ServesManyThreads) {
-  MakeFile("a/data_00000009/10_20_cm1.imf");
-  ASSERT_EQ(FlcAttachDisk("a", Path("a").c_str()), 0);
+  MakeFiles("a/data_00000009", {"10_20_cm1.imf"});
+  Attach();
   std::vector<std::thread> threads;
   std::atomic<int> wrong{0};
   for (int index = 0; index < 4; ++index) {

@@ -6,7 +6,6 @@
 #include "platform/host/imf/ImfRecord.h"
 #include "platform/host/searchdb/SearchDbRebuild.h"
 #include "tests/support/RecorderProgram.h"
-#include "tests/support/TestDisk.h"
 
 using recorder::DiskReport;
 using recorder::Fault;
@@ -47,9 +46,9 @@ class CheckTest : public testing::Test {
   int Check(const std::string& options) { return mProgram.Run(mRoot.Path(), "check " + options); }
   // Everything that a check could touch.
   std::string Snapshot(const std::string& directory) {
-    const std::string find =
-        "find " + directory + " -mindepth 1 ! -name out ! -name err ! -name .recorder.lock";
-    EXPECT_EQ(0, mProgram.Shell(find + " -printf '%p %y %i %m %n %s %T@\\n' | sort"));
+    EXPECT_EQ(0, mProgram.Shell("find " + directory +
+                                " -mindepth 1 ! -name out ! -name err ! -name .recorder.lock"
+                                " -printf '%p %y %i %m %n %s %T@\\n' | sort"));
     return mProgram.out;
   }
 
@@ -121,14 +120,15 @@ TEST_P(CheckFault, IsFoundAndTheDiskIsLeftAlone) {
 INSTANTIATE_TEST_SUITE_P(Planted, CheckFault, testing::ValuesIn(kFaults),
                          [](const auto& planted) { return std::string(planted.param.name); });
 
-TEST_F(CheckTest, HealthyDisk) {
+TEST_F(CheckTest, IsLinesOfJsonWhateverTheNames) {
   EXPECT_EQ(0, Check("--json"));
   const auto line = mProgram.JsonLines().at(0);
-  EXPECT_EQ(7, line["files"]);
-  EXPECT_EQ(2, line["free"]);
-  EXPECT_EQ(4, line["recorded"]);
-  EXPECT_EQ(1, line["quarantined"]);
-  EXPECT_EQ(0, line["findings"]);
+  for (const auto& [name, count] : std::map<std::string, int>{
+           {"files", 7}, {"free", 2}, {"recorded", 4}, {"quarantined", 1}, {"findings", 0}})
+    EXPECT_EQ(count, line[name]) << name;
+  ASSERT_TRUE(Shell("touch $D/\"$(printf 'a\\n\\377')'b\""));
+  EXPECT_EQ(1, Check("--json"));
+  EXPECT_EQ("foreign", mProgram.JsonLines().at(0)["finding"]);
 }
 
 // The packet of each recording is of channel 0 and stands behind its stream's parameters.
@@ -153,15 +153,9 @@ TEST_F(CheckTest, OnlyReadingEveryPacketFindsADamagedOne) {
   }
 }
 
-TEST_F(CheckTest, FindingsAreLinesOfJsonWhateverTheNames) {
-  ASSERT_TRUE(Shell("touch $D/\"$(printf 'a\\n\\377')'b\""));
-  EXPECT_EQ(1, Check("--json"));
-  EXPECT_EQ("foreign", mProgram.JsonLines().at(0)["finding"]);
-}
-
 TEST_F(CheckTest, ReturnsOrphansAndKeepsRecordings) {
-  ASSERT_TRUE(
-      Shell("truncate -s 256K imf_free/spare.imf"));  // the pool would count on from it, and lose another
+  // The pool would count on from the first, and lose another.
+  ASSERT_TRUE(Shell("truncate -s 256K imf_free/spare.imf"));
   const std::set<unsigned long> all = InodesOf(mDisk);
   ASSERT_TRUE(
       Shell("mkdir imf_prealloc saved; ln imf_free/00000000.imf imf_prealloc; mv imf_free/00000001.imf "
@@ -176,9 +170,9 @@ TEST_F(CheckTest, ReturnsOrphansAndKeepsRecordings) {
 
 TEST_F(CheckTest, RepairsNames) {
   const std::set<unsigned long> all = InodesOf(mDisk);
-  ASSERT_TRUE(Shell(
-      "mv $C $D/65000014_00000000.imf; mv imf_error/64000000_00000000.imf $D/65000100_00000000.imf"));  // nothing
-                                                                                                        // in it
+  // There is nothing in the second one.
+  ASSERT_TRUE(
+      Shell("mv $C $D/65000014_00000000.imf; mv imf_error/64000000_00000000.imf $D/65000100_00000000.imf"));
   EXPECT_EQ(0, Check("--repair-names"));
   ExpectEachInOnePlace(mDisk, all);
   EXPECT_TRUE(Shell("test -e $C && test -e imf_free/00000002.imf"));

@@ -1,14 +1,10 @@
 // Preparing looks before it lays anything down, and what was cut off by an earlier version is finished, too.
 #include <sys/mount.h>
 
-#include <filesystem>
-
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/disks/PreparationPlan.h"
 #include "tests/support/RecorderProgram.h"
-#include "tests/support/TestDisk.h"
 
-namespace fs = std::filesystem;
 using recorder::kMiB;
 using recorder::PreparationPlan;
 using recorder::PrepareOptions;
@@ -37,12 +33,9 @@ PrepareOptions Options(const std::string& size, int64_t count, const std::string
 }
 
 TEST(PreparationPlan, CountsAndReserves) {
-  Room system = MakeRoom(100 * kGiB, 100 * kGiB);
-  system.isSystem = true;
-  Room directory = MakeRoom(100 * kGiB, 100 * kGiB);
+  Room system = MakeRoom(100 * kGiB, 100 * kGiB), directory = system, copying = MakeRoom(10 * kGiB, 10 * kGiB);
+  system.isSystem = copying.copiesOnWrite = true;
   directory.isMountPoint = false;
-  Room copying = MakeRoom(10 * kGiB, 10 * kGiB);
-  copying.copiesOnWrite = true;
   const struct {
     const char* what;
     Room room;
@@ -95,7 +88,6 @@ TEST(PreparationPlan, ABitRateGivesASizeAndHours) {
 class Preparation : public testing::Test {
  protected:
   int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
-  bool Said(const std::string& text) const { return mProgram.err.find(text) != std::string::npos; }
 
   TestRoot mRoot;
   RecorderProgram mProgram{mRoot.Path()};
@@ -106,14 +98,14 @@ TEST_F(Preparation, FillsADiskOfItsOwnAndMakesTheRoot) {
   fs::create_directory(mDisk);
   if (mount("none", mDisk.c_str(), "tmpfs", 0, "size=100M") != 0) GTEST_SKIP() << "nothing can be mounted here";
   EXPECT_EQ(2, Run("prepare --disk a --size 1M --count 101"));
-  EXPECT_TRUE(Said("100.0 MiB are free at " + mDisk + ", where 35 files of 1.0 MiB fit")) << mProgram.err;
+  EXPECT_TRUE(Has(mProgram.err, "100.0 MiB are free at " + mDisk + ", where 35 files of 1.0 MiB fit"));
   EXPECT_TRUE(NamesIn(mDisk).empty()) << "nothing was touched";
   EXPECT_EQ(0, Run("prepare --disk a --size 1M --fill")) << mProgram.err;
   EXPECT_EQ(35u, NamesIn(mDisk + "/imf_free").size());
   EXPECT_EQ(48 * kMiB, fs::file_size(mDisk + "/recorder.reserve"));
   EXPECT_EQ(0, Run("check")) << mProgram.out;
   EXPECT_EQ(2, Run("prepare --disk a --size 1M --fill"));
-  EXPECT_TRUE(Said("prepared already"));
+  EXPECT_TRUE(Has(mProgram.err, "prepared already"));
   EXPECT_EQ(2, Run("prepare --disk a --undo")) << "what is finished stays";
   umount(mDisk.c_str());
 
@@ -127,21 +119,20 @@ TEST_F(Preparation, FillsADiskOfItsOwnAndMakesTheRoot) {
 // there.
 TEST_F(Preparation, WhatAnEarlierVersionLeftIsFinishedOrUndone) {
   for (const bool undo : {false, true}) {
+    const std::string command = undo ? "prepare --disk a --undo" : "prepare --disk a --resume";
     fs::remove_all(mDisk);
-    fs::create_directories(mDisk + "/imf_prealloc");
-    for (int i = 0; i < 5; ++i)
-      MakeTestFile(mDisk + "/imf_prealloc/0000000" + std::to_string(i) + ".imf", kMiB);
+    for (int i = 0; i < 5; ++i) MakeTestFile(mDisk + Text("/imf_prealloc/%08d.imf", i), kMiB);
     MakeTestFile(mDisk + "/imf_prealloc/00000005.imf", 0);  // the disk was full
     WriteText(mDisk + "/imf_prealloc/notes", "mine");
     EXPECT_EQ(1, Run("check"));
     EXPECT_TRUE(Has(mProgram.out, "prepare --disk a --resume"));
     EXPECT_EQ(1, Run("check --return-orphans")) << "names the command";
     EXPECT_EQ(2, Run("prepare --disk a --resume --count 4"));
-    EXPECT_TRUE(Said("5 files are laid down")) << mProgram.err;
-    EXPECT_EQ(2, Run(undo ? "prepare --disk a --undo" : "prepare --disk a --resume")) << "foreign files stay";
+    EXPECT_TRUE(Has(mProgram.err, "5 files are laid down"));
+    EXPECT_EQ(2, Run(command)) << "foreign files stay";
     EXPECT_EQ("mine", ReadText(mDisk + "/imf_prealloc/notes"));
     fs::remove(mDisk + "/imf_prealloc/notes");
-    EXPECT_EQ(0, Run(undo ? "prepare --disk a --undo" : "prepare --disk a --resume")) << mProgram.err;
+    EXPECT_EQ(0, Run(command)) << mProgram.err;
     EXPECT_EQ(undo ? 0u : 5u, NamesIn(mDisk + "/imf_free").size());
     EXPECT_FALSE(fs::exists(mDisk + "/imf_prealloc"));
     EXPECT_EQ(!undo, fs::exists(mDisk + "/recorder.disk"));

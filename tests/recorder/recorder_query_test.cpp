@@ -12,7 +12,6 @@
 #include "apps/recorder/looking/Recordings.h"
 #include "platform/host/imf/ImfRecord.h"
 #include "tests/support/RecorderProgram.h"
-#include "tests/support/TestDisk.h"
 
 namespace recorder {
 namespace {
