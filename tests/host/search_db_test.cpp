@@ -87,14 +87,11 @@ class SearchDbTest : public testing::Test {
     const std::string leaf = content.substr(512, 512);
     content.resize(512);
     for (size_t next = 3; next < 11; ++next) {
-      std::string page = "\x05" + Number(0, 2) + Number(50, 2) + Number(512 - 50 * 5, 2) + '\0' + Number(next);
-      std::string cells;
-      for (size_t i = 0; i < 50; ++i) {
-        page += Number(512 - 50 * 5 + 5 * i, 2);
-        cells += Number(next) + '\x64';
-      }
-      page.resize(512 - cells.size());
-      content += page + cells;
+      std::string page = "\x05" + Number(0, 2) + Number(50, 2) + Number(262, 2) + '\0' + Number(next);
+      for (size_t i = 0; i < 50; ++i) page += Number(262 + 5 * i, 2);
+      page.resize(262);
+      for (size_t i = 0; i < 50; ++i) page += Number(next) + '\x64';
+      content += page;
     }
     content += leaf;
     content.replace(28, 4, Number(content.size() / 512));

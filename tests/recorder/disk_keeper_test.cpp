@@ -44,23 +44,17 @@ TEST(DirectoryNumbers, AscendWithTime) {
   for (const auto& c : kCases) EXPECT_EQ(c.plan, PlanOf(c.disks)) << c.what;
 }
 
-class DiskKeeperTest : public testing::Test {
+class DiskKeeperTest : public RecorderFixture {
  protected:
   void SetUp() override { mProgram.MakeVideo(mVideo, 25, "200k"); }
   ~DiskKeeperTest() override {
     for (const std::string& path : mMounts) mProgram.Shell("umount -l " + path);
-    fs::remove_all(mDirectory);
   }
 
-  int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
   int Record(const std::string& start, const std::string& more = "") {
     return Run("record --clock stream --segment 4 --input " + mVideo + " --start " + start + more);
   }
-  std::string DiskPath(const std::string& disk) { return mRoot.Path() + "/disk/" + disk; }
-  void Prepare(const std::string& disk, int count) {
-    ASSERT_EQ(0, Run("prepare --on-system-disk --size 1M --disk " + disk + " --count " + std::to_string(count)))
-        << mProgram.err;
-  }
+
   // Names of all recordings, which are in order of time, of one disk or of all.
   static Names Recordings(const std::string& below) {
     Names names;
@@ -77,11 +71,7 @@ class DiskKeeperTest : public testing::Test {
     return names;
   }
 
-  TestRoot mRoot;
-  const std::string mDirectory = "/tmp/disk_keeper." + std::to_string(getpid());
-  const bool mMade = fs::create_directory(mDirectory);
-  const std::string mVideo = mDirectory + "/video.mp4";
-  RecorderProgram mProgram{mDirectory};
+  const std::string mVideo = mRoot.Path() + "/video.mp4";
   std::set<std::string> mMounts;
 };
 
@@ -90,7 +80,7 @@ TEST_F(DiskKeeperTest, RecyclesTheOldestFirstAfterADiskWasAway) {
   for (const char* disk : {"a", "b"}) Prepare(disk, 5);
   ASSERT_EQ(0, Record("2024-05-01T12:00:00Z")) << mProgram.err;
   fs::rename(DiskPath("b"), mRoot.Path() + "/away");
-  const std::string part = mDirectory + "/part.mp4";
+  const std::string part = mRoot.Path() + "/part.mp4";
   ASSERT_EQ(0, mProgram.Shell("ffmpeg -v error -i " + mVideo + " -t 12 -c copy " + part));
   ASSERT_EQ(0, Run("record --clock stream --segment 4 --start 2024-05-01T13:00:00Z --input " + part));
   EXPECT_FALSE(Recycled(mProgram.out).empty());
@@ -111,7 +101,7 @@ TEST_F(DiskKeeperTest, RecyclesTheOldestFirstAfterADiskWasAway) {
 // Two small file systems; skipped where none can be mounted.
 TEST_F(DiskKeeperTest, GoesOnWithoutADiskAndTakesItBack) {
   for (const char* disk : {"a", "b"}) {
-    const std::string image = mDirectory + "/" + disk;
+    const std::string image = mRoot.Path() + "/" + disk;
     fs::create_directories(DiskPath(disk));
     if (mProgram.Shell("truncate -s 24M " + image + " && mkfs.ext4 -q -F -m 0 " + image +
                        " && mount -o loop,errors=remount-ro " + image + " " + DiskPath(disk)) != 0) {
@@ -126,7 +116,7 @@ TEST_F(DiskKeeperTest, GoesOnWithoutADiskAndTakesItBack) {
                               "/trigger_fs_error";
   if (!fs::exists(trigger)) GTEST_SKIP() << "this kernel can't make a file system read-only on demand";
 
-  const std::string output = mDirectory + "/record";
+  const std::string output = mRoot.Path() + "/record";
   Process recorder(RECORDER_PROGRAM " --root " + mRoot.Path() + " record --segment 1 --retry 1 --input " +
                    mVideo + " >" + output + " 2>&1");
   const auto told = [&](const std::string& text) {
@@ -144,8 +134,8 @@ TEST_F(DiskKeeperTest, GoesOnWithoutADiskAndTakesItBack) {
   EXPECT_TRUE(told("disk a is missing: ")) << ReadText(output);
   EXPECT_TRUE(NamesIn(DiskPath("a")).empty()) << "nothing is written to an empty mount point";
   EXPECT_EQ(1, Run("check --disk a"));
-  mProgram.Shell("e2fsck -fy " + mDirectory + "/a");
-  ASSERT_EQ(0, mProgram.Shell("mount -o loop " + mDirectory + "/a " + DiskPath("a"))) << mProgram.err;
+  mProgram.Shell("e2fsck -fy " + mRoot.Path() + "/a");
+  ASSERT_EQ(0, mProgram.Shell("mount -o loop " + mRoot.Path() + "/a " + DiskPath("a"))) << mProgram.err;
   EXPECT_TRUE(told("disk a is used from now on")) << ReadText(output);
   const Names before = Recordings(DiskPath("a"));
   EXPECT_TRUE(Await([&] { return Recordings(DiskPath("a")) != before; })) << "both are in use again";

@@ -85,13 +85,9 @@ TEST(PreparationPlan, ABitRateGivesASizeAndHours) {
   }
 }
 
-class Preparation : public testing::Test {
+class Preparation : public RecorderFixture {
  protected:
-  int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
-
-  TestRoot mRoot;
-  RecorderProgram mProgram{mRoot.Path()};
-  const std::string mDisk = mRoot.Path() + "/disk/a";
+  const std::string mDisk = DiskPath("a");
 };
 
 TEST_F(Preparation, FillsADiskOfItsOwnAndMakesTheRoot) {

@@ -13,7 +13,7 @@ using Json = nlohmann::json;
 constexpr int64_t kStart = 1717200000;  // 2024-06-01T00:00:00Z
 using Seconds = std::vector<std::pair<double, double>>;
 
-class RecorderCoverage : public testing::Test {
+class RecorderCoverage : public RecorderFixture {
  protected:
   static void SetUpTestSuite() { setenv("TZ", "UTC", 1); }
   static void TearDownTestSuite() { unsetenv("TZ"); }
@@ -32,7 +32,6 @@ class RecorderCoverage : public testing::Test {
     ASSERT_EQ(Run("record --segment 60 --clock stream --start " + std::to_string(kStart) + inputs), 0)
         << mProgram.err;
   }
-  int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
   static double Second(const std::string& time) {  // of this minute
     return time.substr(0, 17) == "2024-06-01T00:00:" ? std::stod(time.substr(17)) : -1;
   }
@@ -48,8 +47,6 @@ class RecorderCoverage : public testing::Test {
     return chart.recordings.size() == 1 ? chart.recordings[0].spans : std::vector<PictureSpan>();
   }
 
-  TestRoot mRoot;
-  RecorderProgram mProgram{mRoot.Path()};
   const std::string mDirectory = mRoot.Path() + "/disk/a/data_00000001/";
 };
 

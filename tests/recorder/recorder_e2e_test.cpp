@@ -11,7 +11,7 @@ struct Video {
   Names packets;  // checksum and size of each, in order, as a different reader finds them
 };
 
-class RecorderTest : public testing::Test {
+class RecorderTest : public RecorderFixture {
  protected:
   static void SetUpTestSuite() {
     sDirectory = new TestRoot;
@@ -30,10 +30,8 @@ class RecorderTest : public testing::Test {
     sVideos.clear();
   }
 
-  int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
   void Prepare(const std::string& disk, int count) {
-    ASSERT_EQ(Run("prepare --on-system-disk --size 1M --disk " + disk + " --count " + std::to_string(count)), 0)
-        << mProgram.err;
+    RecorderFixture::Prepare(disk, count);
     mInodes[disk] = InodesOf(DiskPath(disk));
     EXPECT_EQ(mInodes[disk].size(), static_cast<size_t>(count));
   }
@@ -41,7 +39,6 @@ class RecorderTest : public testing::Test {
     return Run("record --clock stream --input " + first.path + " --input " + sVideos[1].path + " --start " +
                start + " " + more);
   }
-  std::string DiskPath(const std::string& disk) { return mRoot.Path() + "/disk/" + disk; }
 
   std::map<std::string, std::string> RecordFiles() { return RecordFilesIn(mRoot.Path()); }
   // Per disk, status agrees with the directories, and no file was made or lost.
@@ -108,8 +105,7 @@ class RecorderTest : public testing::Test {
 
   static inline TestRoot* sDirectory;
   static inline std::vector<Video> sVideos;
-  TestRoot mRoot;
-  RecorderProgram mProgram{sDirectory->Path()};
+
   std::map<std::string, std::set<unsigned long>> mInodes;
 };
 

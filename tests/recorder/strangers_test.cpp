@@ -14,7 +14,7 @@ constexpr unsigned kStart = 0x5f5e1000;
 const std::string kDirectory = "data_00000002/";
 const std::string kRecording = kDirectory + "5f5e1000_5f5e100a_cm1.imf";
 
-class StrangersDisk : public testing::Test {
+class StrangersDisk : public RecorderFixture {
  protected:
   StrangersDisk() {
     fs::create_directory(mOutside);
@@ -59,11 +59,9 @@ class StrangersDisk : public testing::Test {
     return "";
   }
 
-  TestRoot mRoot;
   const std::string mDisk = mRoot.Path() + "/disk/d/";
   const std::string mOutside = mRoot.Path() + "/outside/";
   std::string mBefore;
-  RecorderProgram mProgram{mRoot.Path()};
 };
 
 TEST_F(StrangersDisk, DoesNoHarm) {

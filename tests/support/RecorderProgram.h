@@ -67,3 +67,18 @@ class RecorderProgram {
  private:
   const std::string mDirectory;
 };
+
+// A root directory, and the program over it.
+class RecorderFixture : public testing::Test {
+ protected:
+  int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
+  std::string DiskPath(const std::string& disk) const { return mRoot.Path() + "/disk/" + disk; }
+  // Lays down `count` files of a MiB.
+  void Prepare(const std::string& disk, int count) {
+    const std::string arguments = "prepare --on-system-disk --size 1M --disk " + disk;
+    ASSERT_EQ(0, Run(arguments + Text(" --count %d", count))) << mProgram.err;
+  }
+
+  TestRoot mRoot;
+  RecorderProgram mProgram{mRoot.Path()};
+};

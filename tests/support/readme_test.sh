@@ -1,14 +1,10 @@
 #!/usr/bin/env bash
-# Runs the README's commands as printed and in their order, as a newcomer would, and its program.
-#   readme_test.sh BUILD_DIRECTORY README.md CXX [CXXFLAG ...]
-# Nothing of it reaches the system: /srv and /usr/local become scratch directories. Besides those, the build under
-# test stands in for the one the README makes, video files for the cameras, and a folder on the library path for what
-# ldconfig does. The scripts are not run: they are what builds and runs all this.
+# readme_test.sh BUILD_DIRECTORY README.md CXX [CXXFLAG ...]: runs the README's commands as printed and in their
+# order, as a newcomer would, and its program; but scratch directories stand in for /srv and /usr/local, this build
+# for its own, video files for cameras, a folder for what ldconfig does. The scripts, which run all this, are not run.
 # shellcheck disable=SC2016  # the fences of the README are no substitutions
 set -eu
-build=$1
-readme=$2
-compiler=$3
+build=$1 readme=$2 compiler=$3
 shift 3
 flags=("$@")
 scratch=$(mktemp -d /tmp/rm.XXXXXX)
@@ -51,12 +47,7 @@ wait_for_recording() {
 
 commands=0
 while IFS= read -r line; do
-  case $line in
-    scripts/* | 'cmake --preset '*)
-      echo "left out: $line"
-      continue
-      ;;
-  esac
+  [[ $line != scripts/* && $line != 'cmake --preset '* ]] || continue
   line=${line//\/srv/$scratch/srv}
   line=${line//\/usr\/local/$scratch/local}
   line=$(sed -E "s|rtsp://(camera[12])/stream|$scratch/\1.mp4|g" <<<"$line")

@@ -1,10 +1,7 @@
 #!/usr/bin/python3
-"""A camera for the tests: an RTSP server on the loopback address that serves rtsp://127.0.0.1:PORT/cam.
-
-Without --file it draws the time of day into each picture: 48 fields of 16 x 16 pixels, milliseconds since the
-epoch in binary, black 0, white 1, the highest bit first, 12 fields a row from the top left. Prints "ready" when
-it serves. To be frozen with SIGSTOP and killed as its user likes.
-"""
+"""A camera for the tests: an RTSP server that serves rtsp://127.0.0.1:PORT/cam; prints "ready" when it does. Without
+--file it draws the time of day into each picture: 48 fields of 16 x 16 pixels, milliseconds since the epoch in
+binary, black 0, white 1, the highest bit first, 12 fields a row from the top left."""
 import argparse
 import threading
 import time
@@ -20,13 +17,8 @@ WIDTH, HEIGHT, FPS = ROW * FIELD, 128, 25
 
 
 def clock_picture(millis):
-    rows = []
-    for first in range(0, BITS, ROW):
-        row = b"".join(
-            (b"\xeb" if millis >> (BITS - 1 - first - i) & 1 else b"\x10") * FIELD for i in range(ROW)
-        )
-        rows.append(row * FIELD)
-    drawn = b"".join(rows)
+    fields = [(b"\xeb" if millis >> (BITS - 1 - i) & 1 else b"\x10") * FIELD for i in range(BITS)]
+    drawn = b"".join(b"".join(fields[first:first + ROW]) * FIELD for first in range(0, BITS, ROW))
     return drawn + b"\x80" * (WIDTH * HEIGHT * 3 // 2 - len(drawn))
 
 
