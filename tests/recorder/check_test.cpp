@@ -89,6 +89,8 @@ const Planted kFaults[] = {
      "truncate -s 256K $D/65000100_65000200_cm1.imf"},
     {"TwoOfOneStart", Fault::kTwoStarts, kData + "65000000_00000000.imf",
      "truncate -s 256K $D/65000000_00000000.imf"},
+    {"OddOneOfOneStart", Fault::kTwoStarts, kData + "65000000__6500000a_cm1.imf",
+     "truncate -s 256K $D/65000000__6500000a_cm1.imf"},
     {"DbMissing", Fault::kSearchDb, kDb, "rm $D/search.fdb", true},
     {"DbMarked", Fault::kSearchDb, kDb, ": >$D/search.fdb.0.err", true},
     {"DbJournal", Fault::kSearchDb, kDb, "yes | head -c 600 >$D/search.fdb-journal", true},

@@ -2,6 +2,7 @@
 #include <sys/timex.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "apps/recorder/recording/DirectoryNumbers.h"
 #include "apps/recorder/recording/DiskKeeper.h"
@@ -171,7 +172,7 @@ TEST_F(DiskKeeperTest, LeavesADiskThatFailsAgainAloneForLonger) {
     const auto begin = std::chrono::steady_clock::now();
     keeper.SetAside(DiskPath("a"), "failed", 0);
     for (int i = 0; keeper.HasUnused() && i < 60; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      usleep(200000);
       keeper.Look();
     }
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
