@@ -23,7 +23,7 @@ fail() {
 # row FIGURE UNIT OURS [AGAINST THEIRS] [GOAL LIMIT], as Report.h reads it; GOAL is "<" or ">".
 row() {
   local against='' theirs=0 share=0
-  if [ $# -ge 5 ]; then
+  if [ $# -ge 5 ] && [ "$4" != '<' ] && [ "$4" != '>' ]; then
     against=$4 theirs=$5 share=$(awk -v a="$3" -v b="$5" 'BEGIN { print a / b }')
     set -- "$1" "$2" "$3" "${6:-}" "${7:-}"
   fi
