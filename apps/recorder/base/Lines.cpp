@@ -41,6 +41,8 @@ bool IsControl(uint32_t character) {
          (character >= 0x2066 && character <= 0x2069);    // isolated directions
 }
 
+bool IsPlain(char character) { return character >= 0x20 && character < 0x7f; }
+
 __attribute__((format(printf, 1, 0))) std::string Formatted(const char* format, va_list arguments) {
   char* formatted = nullptr;
   if (vasprintf(&formatted, format, arguments) < 0) return "";
@@ -51,9 +53,7 @@ __attribute__((format(printf, 1, 0))) std::string Formatted(const char* format, 
 }  // namespace
 
 std::string Printable(const std::string& text) {
-  const bool isPlain = std::all_of(text.begin(), text.end(),
-                                   [](char character) { return character >= 0x20 && character < 0x7f; });
-  if (isPlain) return text;
+  if (std::all_of(text.begin(), text.end(), IsPlain)) return text;
   std::string shown;
   for (size_t at = 0; at < text.size();) {
     size_t length = 0;
@@ -74,6 +74,11 @@ void Print(const char* format, ...) {
   va_start(arguments, format);
   const std::string text = Formatted(format, arguments);
   va_end(arguments);
+  // As nearly all are; lists have hundreds of thousands of lines.
+  if (std::all_of(text.begin(), text.end(), [](char each) { return each == '\n' || IsPlain(each); })) {
+    std::fputs(text.c_str(), stdout);
+    return;
+  }
   std::string shown;
   for (size_t begin = 0; begin < text.size();) {
     const size_t end = text.find('\n', begin);

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <set>
+#include <vector>
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/disks/SetAside.h"
@@ -117,7 +117,7 @@ class DiskInspection {
   const int64_t mNow;
   OpenDirectory mDirectory{nullptr, closedir};
   dev_t mDevice = 0;
-  std::set<ino_t> mRecorded;  // of record files in data directories
+  std::vector<ino_t> mRecorded;  // of record files in data directories; in order once the pool is looked at
   Inspection mFound;
 };
 
@@ -131,6 +131,7 @@ void DiskInspection::LookAtPool() {
   }
   const std::string fixed = WhyFixed(dirfd(directory.get()));
   if (!fixed.empty()) mFound.unusable = pool + " " + fixed;
+  std::sort(mRecorded.begin(), mRecorded.end());
   const int error = ForEach(directory.get(), [&](const std::string& name, unsigned char type, ino_t) {
     if (!HasSuffix(name, ".imf") || name[0] == '.') return;
     ++mFound.pool;
@@ -145,7 +146,7 @@ void DiskInspection::LookAtPool() {
     } else if (IsImmutable(st)) {
       ++mFound.files;
       mFound.fixed.push_back({path, "is immutable"});
-    } else if (st.stx_nlink > 1 && mRecorded.count(st.stx_ino) != 0) {
+    } else if (st.stx_nlink > 1 && std::binary_search(mRecorded.begin(), mRecorded.end(), st.stx_ino)) {
       mFound.odd.push_back({path, "is a recording's second name"});
     } else if (st.stx_size == 0) {
       mFound.odd.push_back({path, "is empty"});
@@ -181,7 +182,7 @@ void DiskInspection::LookInto(const std::string& name) {
     }
     if (type != DT_REG || !HasSuffix(entry, ".imf")) return;
     ++files;
-    mRecorded.insert(inode);
+    mRecorded.push_back(inode);
     RecordName record{};
     if (!ParseRecordName(entry, &record)) return;  // nobody looks for such a one
     if (record.startTime > mNow + kClockTolerance) {
