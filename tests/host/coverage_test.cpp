@@ -1,17 +1,18 @@
-// When a channel has pictures: what ends a span, and that file and writer tell the same.
+// When a channel has pictures: what ends a span.
 #include "platform/host/imf/ImfCoverage.h"
-#include "tests/support/TestDisk.h"
+
+#include <gtest/gtest.h>
 
 namespace {
 
 constexpr int64_t kSecond = 1000000;
 
-ImfEntry PictureAt(int64_t time, int64_t duration) {
+void AddPicture(ImfCoverage* coverage, int64_t time, int64_t duration) {
   ImfEntry entry;
   entry.isPacket = true;
   entry.time = time;
   entry.duration = static_cast<uint32_t>(duration);
-  return entry;
+  coverage->Add(entry);
 }
 
 // Times and durations in tenths of a second; "0-50/1" is a picture at each tenth from 0 to 49, each lasting
@@ -27,7 +28,6 @@ TEST(Coverage, SpansEndWherePicturesStayAway) {
     std::vector<std::pair<int64_t, int64_t>> spans;
   } cases[] = {
       {"ends early", {{0, 50, 1, 1}}, {{0, 50}}},
-      {"a gap", {{0, 50, 1, 1}, {130, 200, 1, 1}}, {{0, 50}, {130, 200}}},
       {"two seconds are none", {{0, 50, 1, 1}, {69, 200, 1, 1}}, {{0, 200}}},
       {"the last picture claims to last all the gap",
        {{0, 49, 1, 1}, {49, 50, 1, 80}, {130, 200, 1, 1}},
@@ -45,16 +45,14 @@ TEST(Coverage, SpansEndWherePicturesStayAway) {
     SCOPED_TRACE(c.what);
     ImfCoverage coverage;
     for (const Pictures& each : c.pictures) {
-      for (int64_t at = each.first; at < each.end; at += each.step) {
-        coverage.Add(PictureAt(at * kSecond / 10, each.duration * kSecond / 10));
-      }
+      for (int64_t at = each.first; at < each.end; at += each.step)
+        AddPicture(&coverage, at * kSecond / 10, each.duration * kSecond / 10);
     }
     const std::vector<PictureSpan> spans = coverage.Spans();
     ASSERT_EQ(spans.size(), c.spans.size());
     for (size_t i = 0; i < spans.size(); ++i) {
       EXPECT_EQ(spans[i].begin, c.spans[i].first * kSecond / 10);
-      EXPECT_NEAR(static_cast<double>(spans[i].end), static_cast<double>(c.spans[i].second * kSecond / 10),
-                  60000);
+      EXPECT_NEAR(static_cast<double>(spans[i].end - c.spans[i].second * kSecond / 10), 0, 60000);
     }
   }
 }
@@ -62,45 +60,13 @@ TEST(Coverage, SpansEndWherePicturesStayAway) {
 // However many gaps there are, memory is bounded; forged times overflow nothing.
 TEST(Coverage, IsBounded) {
   ImfCoverage coverage;
-  for (int64_t i = 0; i < 50000; ++i) coverage.Add(PictureAt((i * 7919 % 50000) * 10 * kSecond, i % 3));
-  for (const int64_t time : {INT64_MIN, int64_t{-1}, INT64_MAX}) coverage.Add(PictureAt(time, UINT32_MAX));
+  for (int64_t i = 0; i < 50000; ++i) AddPicture(&coverage, (i * 7919 % 50000) * 10 * kSecond, i % 3);
+  for (const int64_t time : {INT64_MIN, int64_t{-1}, INT64_MAX}) AddPicture(&coverage, time, UINT32_MAX);
   const std::vector<PictureSpan> spans = coverage.Spans();
-  ASSERT_FALSE(spans.empty());
-  EXPECT_LE(spans.size(), 4096u);
+  ASSERT_TRUE(!spans.empty() && spans.size() <= 4096) << spans.size();
   EXPECT_EQ(spans.front().begin, 0);
   EXPECT_GE(spans.back().end, 499990 * kSecond);
   EXPECT_LE(spans.back().end, 500100 * kSecond);
-}
-
-TEST(Coverage, FileAndWriterTellTheSame) {
-  constexpr int64_t kStart = 1600000000;
-  TestRoot root;
-  const std::string path = MakeTestFile(root.Path() + "/record", 1 << 20);
-  ImfWriter writer;
-  writer.SetCheckpointInterval(3600);
-  ASSERT_TRUE(writer.Open(path, kStart));
-  ImfStreamInfo stream;
-  stream.timeBaseDenominator = 3;
-  ImfPacket packet;
-  packet.duration = 1;
-  for (const int channel : {0, 5}) {
-    stream.channel = packet.channel = channel;
-    ASSERT_EQ(writer.AddStream(stream), ImfWriteResult::kWritten);
-    for (int64_t i = 0; i < 60; ++i) {
-      if (channel == 5 && i > 20 && i < 50) continue;
-      packet.time = kStart * kSecond + i * kSecond / 3;
-      ASSERT_EQ(writer.Write(packet), ImfWriteResult::kWritten);
-    }
-  }
-  std::vector<PictureSpan> spans;
-  for (const bool closed : {false, true}) {  // in progress: not in the index yet
-    ASSERT_TRUE(!closed || writer.Close());
-    ASSERT_TRUE(ReadCoverage(path, kStart, &spans));
-    EXPECT_EQ(spans, writer.Coverage());
-  }
-  ASSERT_EQ(spans.size(), 3u);
-  EXPECT_EQ(spans[1], (PictureSpan{5, kStart * kSecond, kStart * kSecond + 6666666 + 333333}));
-  EXPECT_FALSE(ReadCoverage(path, kStart + 1, &spans));
 }
 
 }  // namespace

@@ -47,12 +47,11 @@ class SearchDbTest : public testing::Test {
   }
   std::string Content() const { return ReadText(mPath); }
   bool IsMarked() const { return fs::exists(mPath + ".0.err"); }
-  // That rebuilds; for a shell, which the directory's name must not reach.
-  std::string Tool() const {
+  // By the tool; a shell starts it, which the directory's name must not reach.
+  int Rebuild() const {
     setenv("FILEDB_TEST_DIRECTORY", mDirectory.c_str(), 1);
-    return FILEDB_TOOL " -f \"$FILEDB_TEST_DIRECTORY\" 2>/dev/null";
+    return Process(FILEDB_TOOL " -f \"$FILEDB_TEST_DIRECTORY\" 2>/dev/null").Stop(0);
   }
-  int Rebuild() const { return Process(Tool()).Stop(0); }
   // By SQLite as it is, without any caution.
   void Run(
       const std::string& statements, const std::function<void()>& whileOpen = [] {}) const {
@@ -185,8 +184,6 @@ TEST_F(SearchDbTest, LockedOrReadOnlyIsAFailureAndNoLoss) {
 // by a rebuild. A recorder that dies in mid-change leaves SQLite's journal beside the database; nothing takes
 // the change back.
 TEST_F(SearchDbTest, UnsoundDatabases) {
-  const std::string endless =
-      "(WITH RECURSIVE n(i) AS (VALUES(1) UNION ALL SELECT i + 1 FROM n) SELECT max(i) FROM n)";
   const auto run = [this](const std::string& statements) { return [=] { Run(statements); }; };
   const struct {
     const char* what;
@@ -195,15 +192,11 @@ TEST_F(SearchDbTest, UnsoundDatabases) {
       {"a text file", [&] { Write("search.fdb", std::string(5000, 'x')); }},
       {"the first half", [&] { fs::resize_file(mPath, fs::file_size(mPath) / 2); }},
       {"a change cut off", [&] { CutOffChange(); }},
-      {"a trigger", run("CREATE TRIGGER t BEFORE INSERT ON recording BEGIN SELECT " + endless + "; END")},
-      {"a view in the table's place",
-       run("DROP TABLE recording; CREATE VIEW recording AS SELECT 1 AS start_time, " + endless +
-           " AS end_time, 1 AS channel_mask")},
+      {"a trigger", run("CREATE TRIGGER t BEFORE INSERT ON recording BEGIN SELECT 1; END")},
       {"a table too many", run("CREATE TABLE more(x)")},
       {"another table", run("DROP TABLE recording; CREATE TABLE recording(start_time INTEGER PRIMARY KEY, "
                             "end_time INTEGER NOT NULL, channel_mask AS (1))")},
       {"the version before", run("DROP TABLE span; PRAGMA user_version=1")},
-      {"no table", run("DROP TABLE recording")},
       {"a write-ahead log", run("PRAGMA journal_mode=WAL")},
       {"a recording's second name",
        [&] {
@@ -226,12 +219,13 @@ TEST_F(SearchDbTest, UnsoundDatabases) {
     }
     EXPECT_TRUE(Content() == content);
     EXPECT_EQ(fs::exists(mPath + "-journal"), c.what == std::string("a change cut off"));
-    const bool isRecording = fs::exists(mDirectory + "60000000_60000010_cm1.imf");
+    const std::string name = "60000000_60000010_cm1.imf";
+    const bool isRecording = fs::exists(mDirectory + name);
+    Write(".search.fdb.rebuild", "of a rebuild that was cut off");
     EXPECT_EQ(Rebuild(), 0);
+    EXPECT_FALSE(fs::exists(mDirectory + ".search.fdb.rebuild"));
     EXPECT_EQ(Search(), isRecording ? (Recordings{{0x60000000, 0x60000010, 1}}) : Recordings());
-    if (isRecording) {
-      EXPECT_EQ(fs::file_size(mDirectory + "60000000_60000010_cm1.imf"), content.size());
-    }
+    EXPECT_TRUE(!isRecording || ReadText(mDirectory + name) == content);
   }
 }
 
@@ -263,35 +257,6 @@ TEST_F(SearchDbTest, ToolTakesNamesAndOnlyAsksHeadersForWhatIsMissing) {
   EXPECT_EQ(Search(), before);
   Write("5f5e1000_5f5e1259_cmf.imf", "");
   EXPECT_FALSE(MendSearchDb(mDirectory)) << "which of two counts is for a rebuild to say";
-}
-
-TEST_F(SearchDbTest, RebuildCutOffIsSeenAndDoneAgain) {
-  constexpr size_t kCount = 2000;
-  for (size_t i = 0; i < kCount; ++i)
-    Write(Text("%zx_%zx_cm1.imf", 0x5f5e1000 + 10 * i, 0x5f5e1009 + 10 * i), "");
-  ASSERT_EQ(Rebuild(), 0);
-  ASSERT_EQ(Search().size(), kCount);
-  int cut = 0;
-  for (int round = 0; round < 40; ++round) {
-    Process tool(Tool());
-    siginfo_t ended = {};
-    while (GetFileSize(mPath.c_str()) != 0 && ended.si_pid == 0) {
-      waitid(P_PID, static_cast<id_t>(tool.Id()), &ended, WEXITED | WNOHANG | WNOWAIT);
-    }
-    usleep(250 * round);  // it takes some ten milliseconds
-    if (tool.Stop(SIGKILL) == 0) continue;
-    const size_t found = Search().size();
-    if (GetFileSize(mPath.c_str()) == 0) {
-      ++cut;
-      EXPECT_EQ(found, 0u);
-    } else {
-      EXPECT_EQ(found, kCount) << "in round " << round << ": a database in part would never be rebuilt";
-    }
-  }
-  EXPECT_GT(cut, 0) << "no rebuild was cut off half-way";
-  EXPECT_EQ(Rebuild(), 0);
-  EXPECT_EQ(Search().size(), kCount);
-  EXPECT_FALSE(fs::exists(mDirectory + ".search.fdb.rebuild"));
 }
 
 TEST_F(SearchDbTest, Commands) {
