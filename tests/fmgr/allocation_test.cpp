@@ -1,5 +1,4 @@
 // Where record files come from and when old ones go, over all disks.
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <random>
@@ -23,13 +22,6 @@ class AllocationTest : public ManagerTest {
   int Make(int start, std::string& path) {
     timeval time{kT + start, 999999};
     return mManager->MakeRecordFile(time, path);
-  }
-
-  static int CountRecordings(const std::vector<std::string>& disks) {
-    int count = 0;
-    for (const std::string& disk : disks)
-      for (const auto& [inode, places] : PlacesOf(disk)) count += places.begin()->compare(0, 5, "data_") == 0;
-    return count;
   }
 };
 
@@ -73,13 +65,13 @@ TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
     const std::vector<std::string> disks = Begin(row.disks);
     std::vector<std::set<unsigned long>> inodes;
     for (const std::string& disk : disks) inodes.push_back(InodesOf(disk));
-    const int recordings = CountRecordings(disks);
+    const size_t recordings = RecordFilesIn(mRoot->Path()).size();
     mManager->mOverwrite = row.overwrite;
     std::string path;
     EXPECT_EQ(row.result, Make(100, path));
     EXPECT_EQ(row.result == 0, fs::exists(path)) << path;
     for (size_t i = 0; i < disks.size(); ++i) ExpectEachInOnePlace(disks[i], inodes[i]);
-    EXPECT_EQ(recordings + (row.result == 0) - row.recycles, CountRecordings(disks));
+    EXPECT_EQ(recordings + (row.result == 0) - row.recycles, RecordFilesIn(mRoot->Path()).size());
     EXPECT_FALSE(row.recycles && fs::exists(PathOf(disks[0], "1:10-20")));
   }
   const std::string disk = Begin({"a 1"})[0];
@@ -166,55 +158,51 @@ TEST_F(AllocationTest, HundredThousandSegmentsLeaveEachFileInOnePlace) {
 
   const std::vector<std::string> disks = Begin({"a 60", "b 60"});
   const std::set<unsigned long> inodes[] = {InodesOf(disks[0]), InodesOf(disks[1])};
-  const int savedStderr = dup(STDERR_FILENO);
-  const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  dup2(null, STDERR_FILENO);  // three lines for each segment
-
   int clock = 0, quarantined = 0, setBack = 0;
-  for (int segment = 0; segment < kSegments && !HasFailure(); ++segment) {
-    if (segment % 25000 == 0) {  // a restart
-      Restart(0);
-      mRoot->ForgetAll();
-      for (const std::string& disk : disks) ASSERT_EQ(1, mManager->AddRepositoryGroup(disk));
-      mManager->mOverwrite = 1;
-      mManager->SetPreserveLimitHour(IPC_PRESERVE_12_HOURS);
-    }
-    if (oneIn(2000)) {
-      clock -= 3600 + static_cast<int>(random() % 86400);
-      ++setBack;
-    } else {
-      clock += static_cast<int>(oneIn(1000) ? 86400 : random() % 3);
-    }
-    std::string path;
-    mManager->CheckRepositoryChangeCondition(kT + clock);
-    ASSERT_EQ(0, Make(clock, path)) << segment;
-    clock += 1 + static_cast<int>(random() % 6);
-    if (oneIn(3000)) {
-      ASSERT_EQ(1, mManager->MoveRecordFileToErrorRepository(path, 1)) << segment;
-      ++quarantined;
-    } else {
-      ASSERT_EQ(0, mManager->RenameRecordFile(path, kT + clock, random() % 15 + 1, path)) << segment;
-    }
-    gNow = kT + clock;
-    if (oneIn(50)) mManager->CheckPreserveTime(2);
+  const auto record = [&] {
+    for (int segment = 0; segment < kSegments && !HasFailure(); ++segment) {
+      if (segment % 25000 == 0) {  // a restart
+        Restart(0);
+        mRoot->ForgetAll();
+        for (const std::string& disk : disks) ASSERT_EQ(1, mManager->AddRepositoryGroup(disk));
+        mManager->mOverwrite = 1;
+        mManager->SetPreserveLimitHour(IPC_PRESERVE_12_HOURS);
+      }
+      if (oneIn(2000)) {
+        clock -= 3600 + static_cast<int>(random() % 86400);
+        ++setBack;
+      } else {
+        clock += static_cast<int>(oneIn(1000) ? 86400 : random() % 3);
+      }
+      std::string path;
+      mManager->CheckRepositoryChangeCondition(kT + clock);
+      ASSERT_EQ(0, Make(clock, path)) << segment;
+      clock += 1 + static_cast<int>(random() % 6);
+      if (oneIn(3000)) {
+        ASSERT_EQ(1, mManager->MoveRecordFileToErrorRepository(path, 1)) << segment;
+        ++quarantined;
+      } else {
+        ASSERT_EQ(0, mManager->RenameRecordFile(path, kT + clock, random() % 15 + 1, path)) << segment;
+      }
+      gNow = kT + clock;
+      if (oneIn(50)) mManager->CheckPreserveTime(2);
 
-    if (segment % 1000 != 999) continue;
-    SCOPED_TRACE(segment);
-    size_t errors = 0;
-    for (const FmgrRepositoryGroup* group : mManager->mGroups) {
-      ExpectEachInOnePlace(group->Path(), inodes[group->Path() == disks[0] ? 0 : 1]);
-      // The lists say what the names say.
-      const size_t quarantinedHere = NamesIn(group->Path() + "/imf_error").size();
-      const size_t free = NamesIn(group->Path() + "/imf_free").size();
-      EXPECT_EQ(free, static_cast<size_t>(group->GetFreeFileCount()));
-      EXPECT_EQ(kFiles - free - quarantinedHere, static_cast<size_t>(group->GetRecordFileCount()));
-      errors += quarantinedHere;
+      if (segment % 1000 != 999) continue;
+      SCOPED_TRACE(segment);
+      size_t errors = 0;
+      for (const FmgrRepositoryGroup* group : mManager->mGroups) {
+        ExpectEachInOnePlace(group->Path(), inodes[group->Path() == disks[0] ? 0 : 1]);
+        // The lists say what the names say.
+        const size_t quarantinedHere = NamesIn(group->Path() + "/imf_error").size();
+        const size_t free = NamesIn(group->Path() + "/imf_free").size();
+        EXPECT_EQ(free, static_cast<size_t>(group->GetFreeFileCount()));
+        EXPECT_EQ(kFiles - free - quarantinedHere, static_cast<size_t>(group->GetRecordFileCount()));
+        errors += quarantinedHere;
+      }
+      EXPECT_EQ(static_cast<size_t>(quarantined), errors);
     }
-    EXPECT_EQ(static_cast<size_t>(quarantined), errors);
-  }
-  dup2(savedStderr, STDERR_FILENO);
-  close(savedStderr);
-  close(null);
+  };
+  StderrOf(record);  // three lines for each segment
   EXPECT_GT(quarantined, 10);
   EXPECT_GT(setBack, 10);
 }

@@ -26,11 +26,10 @@ class ManagerQueryTest : public ManagerTest {
   // Goes on until there is no more, at most for a hundred recordings.
   std::vector<std::string> Walk(std::string path, bool back = false) {
     std::vector<std::string> visited;
-    unsigned result = 0;
-    while (result == 0 && visited.size() < 100) {
+    const auto step = back ? &FmgrFileManager::GetPrevFilePath : &FmgrFileManager::GetNextFilePath;
+    do {
       visited.push_back(path);
-      result = back ? mManager->GetPrevFilePath(path, path) : mManager->GetNextFilePath(path, path);
-    }
+    } while ((mManager->*step)(path, path) == 0 && visited.size() < 100);
     return visited;
   }
 };

@@ -35,13 +35,11 @@ namespace {
 
 constexpr int kMiB = 1 << 20;
 
-struct stat StatusOf(const std::string& path) {
+int ReservedOf(const std::string& path) {
   struct stat status {};
   EXPECT_EQ(0, stat(path.c_str(), &status)) << path;
-  return status;
+  return static_cast<int>(status.st_blocks * 512);
 }
-
-int ReservedOf(const std::string& path) { return static_cast<int>(StatusOf(path).st_blocks * 512); }
 
 class Progress : public ProgressIndicator {
  public:
@@ -64,6 +62,14 @@ class Pools : public testing::Test {
   FmgrFreeRepository PoolOf(const List& names) {
     for (const std::string& name : names) MakeTestFile(mDisk + "/imf_free/" + name);
     return FmgrFreeRepository(mDisk);
+  }
+  // A new recording goes in; no file but those that were there is replaced.
+  int Push(FmgrFreeRepository* pool, int size = 4096) {
+    std::string source = MakeTestFile(mDisk + "/data_00000001/5f5e1000_5f5e1258_cmf.imf", size);
+    const std::set<unsigned long> inodes = InodesOf(mDisk);
+    const int result = pool->Push(source);
+    ExpectEachInOnePlace(mDisk, inodes);
+    return result;
   }
 
   TestRoot mRoot;
@@ -111,7 +117,7 @@ TEST_F(Pools, FreePoolIsMadeOfHardLinks) {
   FmgrFreeRepository fresh(mDisk);
   EXPECT_EQ((List{"00000000.imf", "00000002.imf"}), fresh.files);
   EXPECT_EQ(kMiB, fresh.GetFileSize());
-  EXPECT_EQ(StatusOf(prealloc.files.back()).st_ino, StatusOf(fresh.FileNameToPath("00000002.imf")).st_ino);
+  EXPECT_TRUE(fs::equivalent(prealloc.files.back(), fresh.FileNameToPath("00000002.imf")));
 
   const std::string path = mDisk + "/imf_free/";
   fs::remove(path + "00000000.imf");
@@ -149,8 +155,7 @@ TEST_F(Pools, ProgressFollowsTheIndicatorsRule) {
 TEST_F(Pools, FreePoolIsAQueue) {
   MakeTestFile(mDisk + "/imf_free/note.txt");
   FmgrFreeRepository pool = PoolOf({"00000009.imf", "00000008.imf"});
-  std::string source = MakeTestFile(mDisk + "/data_00000001/5f5e1000_5f5e1258_cmf.imf", 77);
-  EXPECT_EQ(1, pool.Push(source));
+  EXPECT_EQ(1, Push(&pool, 77));
   EXPECT_EQ((List{"00000008.imf", "00000009.imf", "00000010.imf"}), pool.files);
   for (const std::string& name : List(pool.files)) EXPECT_EQ(mDisk + "/imf_free/" + name, pool.Pop());
   // Deliberate: an emptied pool starts at 1, although a new one starts at 0.
@@ -172,11 +177,8 @@ TEST_F(Pools, ForeignNamesInTheFreePool) {
     SCOPED_TRACE(names.back());
     fs::remove_all(mDisk);
     FmgrFreeRepository pool = PoolOf(names);
-    std::string source = MakeTestFile(mDisk + "/data_00000001/5f5e1000_5f5e1258_cmf.imf");
-    const std::set<unsigned long> inodes = InodesOf(mDisk);
-    EXPECT_EQ(!pushed.empty(), pool.Push(source));
+    EXPECT_EQ(!pushed.empty(), Push(&pool));
     EXPECT_EQ(pushed.empty() ? names.back() : pushed, pool.files.back());
-    ExpectEachInOnePlace(mDisk, inodes);
   }
 }
 
@@ -186,19 +188,14 @@ TEST_F(Pools, APushReplacesNothing) {
   pool.files.clear();
   fs::create_directory(mDisk + "/imf_free/00000003.imf");
   fs::create_symlink("nowhere", mDisk + "/imf_free/00000004.imf");
-  std::string source = MakeTestFile(mDisk + "/data_00000001/5f5e1000_5f5e1258_cmf.imf");
-  const std::set<unsigned long> inodes = InodesOf(mDisk);
-  EXPECT_EQ(1, pool.Push(source));
+  EXPECT_EQ(1, Push(&pool));
   EXPECT_EQ(List{"00000005.imf"}, pool.files);
-  ExpectEachInOnePlace(mDisk, inodes);
   EXPECT_TRUE(fs::is_symlink(mDisk + "/imf_free/00000004.imf"));
   // Nor what only the list has, which the application may have put there.
   pool.files = {"00000006.imf"};
-  source = MakeTestFile(source);
-  EXPECT_EQ(1, pool.Push(source));
+  EXPECT_EQ(1, Push(&pool));
   pool.files = {"00000009.imf", "00000008.imf"};  // as many as there were
-  source = MakeTestFile(source);
-  EXPECT_EQ(1, pool.Push(source));
+  EXPECT_EQ(1, Push(&pool));
   EXPECT_EQ("00000010.imf", pool.files.back());
 }
 
@@ -215,8 +212,8 @@ TEST_F(Pools, ListingPatternIsBounded) {
 // free files.
 TEST_F(Pools, AListingThatBreaksOffHasFailed) {
   const auto list = [&](int entries) {
-    gEntriesBeforeError = entries;
     return StderrOf([&] {
+      gEntriesBeforeError = entries;
       EXPECT_TRUE(FmgrFreeRepository(mDisk).files.empty());
       gEntriesBeforeError = entries;
       EXPECT_TRUE(FmgrErrorRepository(mDisk).files.empty());

@@ -32,7 +32,7 @@ TEST(Coverage, SpansEndWherePicturesStayAway) {
       {"the last picture claims to last all the gap",
        {{0, 49, 1, 1}, {49, 50, 1, 80}, {130, 200, 1, 1}},
        {{0, 49 + 1}, {130, 200}}},
-      {"a picture every five seconds", {{0, 300, 50, 0}}, {{0, 300}}},
+      {"a picture every five seconds, once late", {{0, 300, 50, 0}, {320, 600, 50, 0}}, {{0, 620}}},
       {"one of these is missing", {{0, 300, 50, 1}, {350, 600, 50, 1}}, {{0, 251}, {350, 551}}},
       {"few pictures that say how long they last", {{0, 600, 300, 300}}, {{0, 600}}},
       {"few pictures of a fast camera", {{0, 160, 80, 1}}, {{0, 1}, {80, 81}}},

@@ -49,21 +49,16 @@ extern "C" int ioctl(int descriptor, unsigned long number, ...) noexcept {
 
 namespace {
 
-flc_file_info_param_t Record(const char* disk, int32_t repository, uint32_t start, uint32_t end, uint32_t mask,
-                             int32_t query) {
-  flc_file_info_param_t record{{}, repository, start, end, mask, query};
-  for (size_t i = 0; i < sizeof record.diskName && disk[i] != '\0'; ++i) record.diskName[i] = disk[i];
-  return record;
-}
-
 TEST(FlcBoard, EveryRequestReachesTheDescriptor) {
   static const char kDisk[] = "usbdisk12";  // goes out as "usbdisk1", without a terminator
   const flc_file_info_param_t none{};
-  const auto file = [](uint32_t start, uint32_t end, uint32_t mask) {
-    return Record(kDisk, 7, start, end, mask, 0);
+  const flc_file_info_param_t any{{}, -1, 150, 9, 3, -1}, ask{{'?', '?', '?'}, 7, 150, 9, 3, -1},
+      sent{{'u', 's', 'b', 'd', 'i', 's', 'k', '1'}, 7, 150, 9, 3, -1};
+  const auto file = [sent](uint32_t start, uint32_t end, uint32_t mask) {
+    flc_file_info_param_t param{{}, 7, start, end, mask, 0};
+    std::memcpy(param.diskName, sent.diskName, sizeof param.diskName);
+    return param;
   };
-  const auto ask = Record("????????", 7, 150, 9, 3, -1), sent = Record(kDisk, 7, 150, 9, 3, -1);
-  const auto any = Record("", -1, 150, 9, 3, -1);
   const Row rows[] = {
       {[](Page) { return FlcRegisterRepository(kDisk, 7); }, none, 0x400cf303, 12, file(0, 0, 0)},
       {[](Page) { return FlcUnregisterRepository(kDisk, 7); }, none, 0x400cf304, 12, file(0, 0, 0)},

@@ -47,12 +47,10 @@ class FlcHost : public testing::Test {
 using Times = std::vector<uint32_t>;
 
 TEST_F(FlcHost, RefusesWhatIsNoRequest) {
-  flc_file_info_param_t param = FlcFileParam("a", -2, 10, 20, 1, 1);
-  for (const unsigned long request :
-       {0x4004f306ul, FLC_ADD_FILE, FLC_REGISTER_REPOSITORY, FLC_FILE_BY_TIME, FLC_FILE_COUNT}) {
+  flc_file_info_param_t param = FlcFileParam("a", 1, 10, 20, 1, 1);
+  EXPECT_EQ(FlcIoctl(0x4004f306, &param), -1);
+  for (const unsigned long request : {FLC_ADD_FILE, FLC_REGISTER_REPOSITORY, FLC_FILE_BY_TIME, FLC_FILE_COUNT})
     EXPECT_EQ(FlcIoctl(request, nullptr), -1);
-    EXPECT_EQ(FlcIoctl(request, &param), -1);
-  }
   EXPECT_EQ(FlcAddFile("a", 1, 0, 20, 1), -1);
 }
 

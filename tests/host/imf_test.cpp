@@ -542,9 +542,8 @@ TEST_F(ImfTest, ReaderFollowsAGrowingFileAndNoticesItsEnd) {
 TEST_F(ImfTest, OnlyADeviceThatCannotReadGivesAFileUp) {
   Record(kStart, 60, false);
   const Bytes good = Load();
-  constexpr uint64_t kAll = UINT64_MAX;
   const std::tuple<int, uint64_t, uint64_t, imf_error_code_e> cases[] = {
-      {EIO, imf::kDataOffset, kAll, IMF_ERROR_IO},                  // all packets
+      {EIO, imf::kDataOffset, UINT64_MAX, IMF_ERROR_IO},            // all packets
       {EIO, 5 * imf::kBlock, 7 * imf::kBlock, IMF_ERROR_REPAIRED},  // two blocks: the rest is kept
       {EIO, imf::kBlock, imf::kDataOffset, IMF_ERROR_REPAIRED},     // the checkpoints
       {ENOMEM, 5 * imf::kBlock, 7 * imf::kBlock, IMF_ERROR_ACCESS},
