@@ -20,7 +20,7 @@ const std::string kThird = "65000014_6500001e_cm1.imf";
 const std::string kVariables =
     "D=data_00000001; A=$D/" + kFirst + "; B=$D/6500000a_65000014_cm1.imf; C=$D/" + kThird + "; ";
 
-class CheckTest : public testing::Test {
+class CheckTest : public RecorderFixture {
  protected:
   // A disk of seven files: three recordings in data_00000001 and one in data_00000002, two free, one
   // quarantined.
@@ -43,7 +43,7 @@ class CheckTest : public testing::Test {
   bool Shell(const std::string& command) {
     return mProgram.Shell("set -e; cd " + mDisk + "; " + kVariables + command) == 0;
   }
-  int Check(const std::string& options) { return mProgram.Run(mRoot.Path(), "check " + options); }
+  int Check(const std::string& options) { return Run("check " + options); }
   // Everything that a check could touch.
   std::string Snapshot(const std::string& directory) {
     EXPECT_EQ(0, mProgram.Shell("find " + directory +
@@ -52,9 +52,7 @@ class CheckTest : public testing::Test {
     return mProgram.out;
   }
 
-  TestRoot mRoot;
   const std::string mDisk = mRoot.AddDisk("d", 2, kSize);
-  RecorderProgram mProgram{mRoot.Path()};
 };
 
 struct Planted {

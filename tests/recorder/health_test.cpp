@@ -6,46 +6,32 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <csignal>
 #include <fstream>
 #include <functional>
-#include <thread>
 
+#include "tests/support/Process.h"
 #include "tests/support/RecorderProgram.h"
-#include "tests/support/TestDisk.h"
 
 namespace {
 
 using Json = nlohmann::json;
 
-class HealthTest : public testing::Test {
+class HealthTest : public RecorderFixture {
  protected:
-  ~HealthTest() override {
-    for (const pid_t pid : {mCamera, mRecorder}) {
-      if (pid != 0) kill(pid, SIGKILL);
-    }
-    close(mSocket);
-  }
-  // A process of its own, which the shell leaves behind.
-  pid_t Start(const std::string& command) {
-    EXPECT_EQ(mProgram.Shell(command + " >>" + mRoot.Path() + "/log 2>&1 & echo $!"), 0);
-    return std::atoi(mProgram.out.c_str());
+  ~HealthTest() override { close(mSocket); }
+  std::unique_ptr<Process> Start(const std::string& command) {
+    return std::make_unique<Process>(command + " >>" + mPath + "/log 2>&1");
   }
   void StartCamera() {
-    mCamera = Start("exec ffmpeg -nostdin -v error -re -i " + mRoot.Path() +
+    mCamera = Start("ffmpeg -nostdin -v error -re -i " + mPath +
                     "/v.mp4 -c copy -f mpegts 'tcp://127.0.0.1:45871?listen=1'");
   }
-  bool Await(const std::function<bool()>& condition, int seconds = 20) {
-    for (int i = 0; i < seconds * 10; i++) {
-      Notified();  // whoever tells waits when nobody listens
-      if (condition()) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return false;
+  bool Await(const std::function<bool()>& condition) {
+    return ::Await([&] { return Notified(), condition(); });  // whoever tells waits when nobody listens
   }
   // The recorder's line of status; empty when there is none.
   Json Recorder() {
-    EXPECT_EQ(mProgram.Run(mRoot.Path(), "status --json"), 0) << mProgram.err;
+    EXPECT_EQ(Run("status --json"), 0) << mProgram.err;
     const std::vector<Json> lines = mProgram.JsonLines();
     return lines.empty() || !lines.back().contains("recorder") ? Json() : lines.back()["recorder"];
   }
@@ -54,14 +40,14 @@ class HealthTest : public testing::Test {
     return !recorder.empty() && recorder["channels"].size() == 1 && recorder["channels"][0]["state"] == state;
   }
   std::string Metrics() {
-    EXPECT_EQ(mProgram.Run(mRoot.Path(), "status --prometheus"), 0);
+    EXPECT_EQ(Run("status --prometheus"), 0);
     return mProgram.out;
   }
   // What the user's command was told so far, by the name of the event, the last of each.
   std::map<std::string, Json> Events() {
-    std::istringstream lines(ReadText(mRoot.Path() + "/events"));
     std::map<std::string, Json> events;
-    for (std::string line; std::getline(lines, line);) events[Json::parse(line)["event"]] = Json::parse(line);
+    for (const std::string& line : LinesOf(ReadText(mPath + "/events")))
+      events[Json::parse(line)["event"]] = Json::parse(line);
     return events;
   }
   // What systemd was told so far.
@@ -79,37 +65,34 @@ class HealthTest : public testing::Test {
     ASSERT_EQ(bind(mSocket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   }
 
-  TestRoot mRoot;
-  RecorderProgram mProgram{mRoot.Path()};
-  pid_t mCamera = 0;
-  pid_t mRecorder = 0;
+  const std::string mPath = mRoot.Path();
+  std::unique_ptr<Process> mCamera, mRecorder;
   const int mSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   std::string mNotified;
 };
 
 TEST_F(HealthTest, SpeaksUp) {
-  const std::string root = mRoot.Path();
-  mProgram.MakeVideo(root + "/v.mp4", 25, "300k");
-  ASSERT_EQ(mProgram.Run(root, "prepare --on-system-disk --disk a --size 4M --count 20"), 0);
-  std::ofstream(root + "/c") << "root = " << root << "\ninput = 3:front=tcp://127.0.0.1:45871?password=abc\n"
-                             << "input-timeout = 2\nretry = 3\non-event = \"sh -c 'cat >>" << root
-                             << "/events'\"\n";
-  fs::permissions(root + "/c", fs::perms::owner_read);
-  ASSERT_EQ(mProgram.Shell(RECORDER_PROGRAM " config --config " + root + "/c"), 0) << mProgram.err;
-  EXPECT_NE(mProgram.out.find("\ninput = 3:front=tcp://127.0.0.1:45871?password=***\n"), std::string::npos);
+  mProgram.MakeVideo(mPath + "/v.mp4", 25, "300k");
+  ASSERT_EQ(Run("prepare --on-system-disk --disk a --size 4M --count 20"), 0);
+  std::ofstream(mPath + "/c") << "root = " << mPath << "\ninput = 3:front=tcp://127.0.0.1:45871?password=abc\n"
+                              << "input-timeout = 2\nretry = 3\non-event = \"sh -c 'cat >>" << mPath
+                              << "/events'\"\n";
+  fs::permissions(mPath + "/c", fs::perms::owner_read);
+  ASSERT_EQ(mProgram.Shell(RECORDER_PROGRAM " config --config " + mPath + "/c"), 0) << mProgram.err;
+  EXPECT_TRUE(Has(mProgram.out, "\ninput = 3:front=tcp://127.0.0.1:45871?password=***\n"));
 
   if (mProgram.Shell("unshare -m true") == 0) {
-    EXPECT_EQ(mProgram.Shell("cd " + root + " && mkdir etc && cp c etc/recorder.conf && unshare -m sh -c '" +
+    EXPECT_EQ(mProgram.Shell("cd " + mPath + " && mkdir etc && cp c etc/recorder.conf && unshare -m sh -c '" +
                              "mount --bind etc /etc && exec " RECORDER_PROGRAM " config'"),
               0);
-    EXPECT_EQ(mProgram.out.rfind("# /etc/recorder.conf\nroot = " + root + "\n", 0), 0u) << mProgram.out;
+    EXPECT_EQ(mProgram.out.rfind("# /etc/recorder.conf\nroot = " + mPath + "\n", 0), 0u) << mProgram.out;
   }
 
-  Listen(root + "/socket");
+  Listen(mPath + "/socket");
   StartCamera();
-  mRecorder = Start("trap '' XFSZ; NOTIFY_SOCKET=" + root +
-                    "/socket WATCHDOG_USEC=600000 exec " RECORDER_PROGRAM " --config " + root + "/c record");
-  ASSERT_TRUE(Await([&] { return IsState("recording"); })) << ReadText(root + "/log");
+  mRecorder = Start("sh -c \"trap '' XFSZ; NOTIFY_SOCKET=" + mPath +
+                    "/socket WATCHDOG_USEC=600000 exec " RECORDER_PROGRAM " --config " + mPath + "/c record\"");
+  ASSERT_TRUE(Await([&] { return IsState("recording"); })) << ReadText(mPath + "/log");
   const Json recorder = Recorder();
   EXPECT_EQ(recorder["channels"][0]["name"], "front");
   EXPECT_EQ(recorder["channels"][0]["width"], 320);
@@ -117,48 +100,46 @@ TEST_F(HealthTest, SpeaksUp) {
   EXPECT_TRUE(recorder["lives"].get<bool>() && !recorder["stuck"].get<bool>()) << recorder;
   EXPECT_LT(recorder["ageSeconds"], 3);
   EXPECT_TRUE(Await([&] { return !Recorder()["segment"].is_null(); }));
-  EXPECT_NE(Notified().find("READY=1"), std::string::npos);
-  EXPECT_NE(mNotified.find("WATCHDOG=1"), std::string::npos);
+  EXPECT_TRUE(Has(Notified(), "READY=1"));
+  EXPECT_TRUE(Has(mNotified, "WATCHDOG=1"));
 
-  kill(mCamera, SIGKILL);
+  mCamera->Stop(SIGKILL);
   ASSERT_TRUE(Await([&] { return IsState("lost"); }));
-  EXPECT_NE(Metrics().find("recorder_channel_lost{channel=\"3\",name=\"front\"} 1\n"), std::string::npos);
-  EXPECT_NE(mProgram.out.find("recorder_up 1\n"), std::string::npos);
-  EXPECT_TRUE(
-      Await([&] { return Notified().find("STATUS=recording 0 of 1 channels, 1 lost") != std::string::npos; }));
+  EXPECT_TRUE(Has(Metrics(), "recorder_channel_lost{channel=\"3\",name=\"front\"} 1\n"));
+  EXPECT_TRUE(Has(mProgram.out, "recorder_up 1\n"));
+  EXPECT_TRUE(Await([&] { return bool{Has(Notified(), "STATUS=recording 0 of 1 channels, 1 lost")}; }));
   StartCamera();
   ASSERT_TRUE(Await([&] { return IsState("recording"); }));
   EXPECT_EQ(Recorder()["channels"][0]["reconnects"], recorder["channels"][0]["reconnects"].get<int>() + 1);
-  EXPECT_EQ(mProgram.Run(root, "export --channel front --since -1s --until now -o " + root + "/c.mp4"), 0)
-      << mProgram.err;
-  EXPECT_EQ(mProgram.Run(root, "timeline"), 0);
-  EXPECT_NE(mProgram.out.find("\nchannel 3 (front) "), std::string::npos) << mProgram.out;
+  EXPECT_EQ(Run("export --channel front --since -1s --until now -o " + mPath + "/c.mp4"), 0) << mProgram.err;
+  EXPECT_EQ(Run("timeline"), 0);
+  EXPECT_TRUE(Has(mProgram.out, "\nchannel 3 (front) "));
 
   // Files that take nothing any more: they are put out of use, then the disk, and recording pauses.
   const rlimit small = {16384, RLIM_INFINITY}, unlimited = {RLIM_INFINITY, RLIM_INFINITY};
-  ASSERT_EQ(prlimit(mRecorder, RLIMIT_FSIZE, &small, nullptr), 0);
+  ASSERT_EQ(prlimit(mRecorder->Id(), RLIMIT_FSIZE, &small, nullptr), 0);
   EXPECT_TRUE(Await([&] { return Metrics().find("recorder_paused 1\n") != std::string::npos; }));
-  ASSERT_EQ(prlimit(mRecorder, RLIMIT_FSIZE, &unlimited, nullptr), 0);
+  ASSERT_EQ(prlimit(mRecorder->Id(), RLIMIT_FSIZE, &unlimited, nullptr), 0);
   EXPECT_TRUE(Await([&] { return Events().count("recording-resumed") != 0; }));
   EXPECT_EQ(Events()["disk-aside"]["disk"], "a");
   EXPECT_EQ(Events()["disk-back"]["disk"], "a");
   EXPECT_GT(Events()["recording-resumed"]["dropped"], 0);
-  EXPECT_NE(Events()["file-quarantined"]["path"].dump().find(root + "/disk/a/data_"), std::string::npos);
+  EXPECT_NE(Events()["file-quarantined"]["path"].dump().find(mPath + "/disk/a/data_"), std::string::npos);
 
   // A camera that keeps its connection and hangs.
-  kill(mCamera, SIGSTOP);
+  mCamera->Send(SIGSTOP);
   const auto begin = std::chrono::steady_clock::now();
-  kill(mRecorder, SIGTERM);
-  EXPECT_TRUE(Await([&] { return kill(mRecorder, 0) != 0; }));
+  mRecorder->Send(SIGTERM);
+  EXPECT_TRUE(Await([&] { return Recorder()["stopped"].get<bool>(); }));
+  EXPECT_EQ(mRecorder->Stop(0), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
-  const Json stopped = Recorder();
-  EXPECT_TRUE(stopped["stopped"].get<bool>() && !stopped["lives"].get<bool>());
-  EXPECT_NE(Notified().find("STOPPING=1"), std::string::npos);
+  EXPECT_FALSE(Recorder()["lives"].get<bool>());
+  EXPECT_TRUE(Has(Notified(), "STOPPING=1"));
   for (const char* event : {"channel-lost", "channel-back"}) {
     EXPECT_EQ(Events()[event]["channel"], 3);
     EXPECT_EQ(Events()[event]["address"], "tcp://127.0.0.1:45871?password=***");
   }
-  EXPECT_EQ(ReadText(root + "/log").find("abc"), std::string::npos);
+  EXPECT_EQ(ReadText(mPath + "/log").find("abc"), std::string::npos);
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/disks/SetAside.h"
-#include "apps/recorder/recording/Completion.h"
+#include "apps/recorder/recording/SearchIndex.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
 #include "platform/host/HostSystem.h"
@@ -170,11 +170,10 @@ TEST(Inspection, KnowsOfMissingFiles) {
 }
 
 // A real ext4, since only there files can be made immutable; and a mount of its own.
-class MountedDisk : public testing::Test {
+class MountedDisk : public RecorderFixture {
  protected:
   void SetUp() override {
     const std::string image = mRoot.Path() + "/ext4";
-    mDisk = mRoot.Path() + "/disk/d";
     fs::create_directories(mDisk);
     if (Shell("truncate -s 64M " + image + " && mkfs.ext4 -q " + image + " && mount -o loop " + image + " " +
               mDisk) != 0)
@@ -188,7 +187,6 @@ class MountedDisk : public testing::Test {
           mDisk);
   }
   int Shell(const std::string& command) { return mProgram.Shell(command); }
-  int Run(const std::string& arguments) { return mProgram.Run(mRoot.Path(), arguments); }
   // Eight segments, half a minute later than those before.
   void Record() {
     mStart += 60;
@@ -205,9 +203,7 @@ class MountedDisk : public testing::Test {
     return mProgram.JsonLines().at(0);
   }
 
-  TestRoot mRoot;
-  RecorderProgram mProgram{mRoot.Path()};
-  std::string mDisk;
+  const std::string mDisk = DiskPath("d");
   unsigned mStart = kStart;
   std::string mLines;
 };
@@ -275,28 +271,6 @@ TEST_F(MountedDisk, LeavesADirectoryOutWhileSomethingIsMountedOverIt) {
   ASSERT_EQ(0, Shell("umount " + directory));
   Record();
   EXPECT_EQ(0, Run("check")) << mProgram.out;
-}
-
-TEST_F(MountedDisk, CompletesRecordingsWhenTheyCanBeRenamed) {
-  Record();
-  const std::string named = Oldest();
-  const std::string unfinished = named.substr(0, named.find("_", mDisk.size() + 6 + 9)) + "_00000000.imf";
-  fs::rename(named, unfinished);
-  ASSERT_EQ(0, Shell("chattr +i " + unfinished));
-  Disks disks;
-  SearchIndex index;
-  Completion completion(index);
-  ASSERT_FALSE(disks.Choose(mRoot.Path(), {}));
-  const std::vector<Disk> all = disks.All();
-  ASSERT_FALSE(disks.OpenForRecording({}));
-  ASSERT_FALSE(disks.Add(all.at(0)));
-  completion.AddUnfinished(unfinished);
-  completion.TryAll(disks);
-  EXPECT_TRUE(fs::exists(unfinished));
-  Shell("chattr -i " + unfinished);
-  completion.TryAll(disks);
-  EXPECT_TRUE(fs::exists(named));
-  EXPECT_EQ(NameOf(named), disks.Group(all.at(0))->mDataRepositories.front()->GetOldestFile());
 }
 
 }  // namespace

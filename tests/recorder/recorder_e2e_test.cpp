@@ -174,6 +174,7 @@ TEST_F(RecorderTest, SoundStaysWithItsPictures) {
     EXPECT_EQ(mProgram.err.find(isLeftOut ? row.leftOut : "not in the clip") != std::string::npos, isLeftOut)
         << mProgram.err;
     EXPECT_EQ(mProgram.PicturesOf(clip).size(), 8u * 25);
+    EXPECT_EQ(mProgram.Shell("ffmpeg -v error -xerror -i " + clip + " -f null -"), 0) << mProgram.err;
     double first[2] = {1e9, 1e9};
     double shift = 0;
     for (const char* kind : {"v", "a"}) {
@@ -191,9 +192,8 @@ TEST_F(RecorderTest, SoundStaysWithItsPictures) {
     EXPECT_TRUE(isLeftOut || std::abs(first[0] - first[1]) < 0.024) << first[0] << " " << first[1];
     start += 100;
   }
-  ASSERT_EQ(Run("record --no-audio --clock stream --start " + std::to_string(start) + " --input " +
-                mRoot.Path() + "/in.mp4"),
-            0);
+  ASSERT_EQ(
+      Run(Text("record --no-audio --clock stream --start %ld --input ", start) + mRoot.Path() + "/in.mp4"), 0);
   EXPECT_TRUE(Has(mProgram.out, " 300 packets"));
 }
 
