@@ -129,11 +129,7 @@ class Faults : public testing::TestWithParam<Scenario> {
     return runs[0].out + runs[0].error;
   }
   static CrashPlan PlanOf(const Scenario& scenario) {
-    CrashPlan plan;
-    plan.countAll = true;
-    plan.failPacketAt = scenario.failPacketAt;
-    plan.seconds = 60;
-    return plan;
+    return {"", 0, scenario.failPacketAt, true, 0, 1, EIO, 60};
   }
 };
 

@@ -113,7 +113,9 @@ TEST_F(HealthTest, SpeaksUp) {
   EXPECT_EQ(Recorder()["channels"][0]["reconnects"], recorder["channels"][0]["reconnects"].get<int>() + 1);
   EXPECT_EQ(Run("export --channel front --since -1s --until now -o " + mPath + "/c.mp4"), 0) << mProgram.err;
   EXPECT_EQ(Run("timeline"), 0);
-  EXPECT_TRUE(Has(mProgram.out, "\nchannel 3 (front) "));
+  for (const char* row : {"\nchannel 3 (front) ", "\ndisk a ", "\u2588 recorded"})
+    EXPECT_TRUE(Has(mProgram.out, row));
+  EXPECT_FALSE(Has(mProgram.out, "\033")) << "no colours in a file";
 
   // Files that take nothing any more: they are put out of use, then the disk, and recording pauses.
   const rlimit small = {16384, RLIM_INFINITY}, unlimited = {RLIM_INFINITY, RLIM_INFINITY};

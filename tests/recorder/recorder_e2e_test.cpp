@@ -220,19 +220,7 @@ TEST_F(RecorderTest, NewParametersBeginANewPart) {
   }
 }
 
-// The last file of a directory takes the directory with it, and whatever somebody has put there.
-TEST_F(RecorderTest, SavesWhatOthersLeft) {
-  Prepare("a", 3);
-  ASSERT_EQ(Record("2024-05-01T12:00:00Z"), 0) << mProgram.err;
-  const std::string oldest = fs::path(RecordFiles().begin()->second).parent_path();
-  for (const char* name : {"holiday.imf", "notes.txt"}) WriteText(oldest + "/" + name, name);
-  ASSERT_EQ(Record("2024-05-01T13:00:00Z"), 0) << mProgram.err;
-  EXPECT_FALSE(fs::exists(oldest));
-  EXPECT_EQ(ReadText(DiskPath("a") + "/imf_error/holiday.imf"), "holiday.imf");
-  EXPECT_EQ(ReadText(DiskPath("a") + "/imf_error/notes.txt"), "notes.txt");
-}
-
-TEST_F(RecorderTest, RefusesAndStops) {
+TEST_F(RecorderTest, RefusesStopsAndSavesWhatOthersLeft) {
   fs::create_directories(DiskPath("gone"));
   EXPECT_EQ(Record("2024-05-01T12:00:00Z"), 2) << "no disk is there";
   EXPECT_TRUE(NamesIn(DiskPath("gone")).empty()) << "nothing was written to where it belongs";
@@ -243,6 +231,14 @@ TEST_F(RecorderTest, RefusesAndStops) {
   EXPECT_EQ(Record("2024-05-01T12:00:00Z", "--no-overwrite"), 1) << "full";
   EXPECT_EQ(RecordFiles().size(), 3u);
   for (const auto& file : RecordFiles()) EXPECT_TRUE(Has(file.first, "_cm3.imf")) << "completed";
+
+  // The last file of a directory takes the directory with it, but not what somebody has put there.
+  const std::string oldest = fs::path(RecordFiles().begin()->second).parent_path();
+  for (const char* name : {"holiday.imf", "notes.txt"}) WriteText(oldest + "/" + name, name);
+  ASSERT_EQ(Record("2024-05-01T13:00:00Z"), 0) << mProgram.err;
+  EXPECT_FALSE(fs::exists(oldest));
+  EXPECT_EQ(ReadText(DiskPath("a") + "/imf_error/holiday.imf"), "holiday.imf");
+  EXPECT_EQ(ReadText(DiskPath("a") + "/imf_error/notes.txt"), "notes.txt");
 }
 
 }  // namespace

@@ -175,15 +175,6 @@ TEST_F(RecorderQuery, ListsAgreeWithTheNames) {
   EXPECT_EQ(sProgram->out, "{\"year\":2024,\"month\":5}\n{\"year\":2024,\"month\":6}\n");
 }
 
-TEST_F(RecorderQuery, DrawsTimelines) {
-  EXPECT_EQ(sProgram->Shell("COLUMNS=100 " RECORDER_PROGRAM " timeline --root " + sRoot->Path()), 0);
-  EXPECT_EQ(sProgram->out.find('\033'), std::string::npos) << "no colours in a file";
-  for (const char* row :
-       {"\nchannel 0 \u2588\u2588", "\nchannel 1 ", "\ndisk a ", "\ndisk b ", "\u2588 recorded"}) {
-    EXPECT_TRUE(Has(sProgram->out, row));
-  }
-}
-
 TEST_F(RecorderQuery, RefusesInOneLine) {
   const std::string there = sWork + "/there.mp4";
   WriteText(there, "mine");

@@ -3,8 +3,6 @@
 // terminal.
 #include <sys/stat.h>
 
-#include <functional>
-
 #include "tests/support/RecorderProgram.h"
 
 namespace {
@@ -12,6 +10,7 @@ namespace {
 constexpr int kSize = 262144;
 constexpr unsigned kStart = 0x5f5e1000;
 const std::string kDirectory = "data_00000002/";
+const std::string kRootLock = "../../.recorder.lock";
 const std::string kRecording = kDirectory + "5f5e1000_5f5e100a_cm1.imf";
 
 class StrangersDisk : public RecorderFixture {
@@ -65,63 +64,48 @@ class StrangersDisk : public RecorderFixture {
 };
 
 TEST_F(StrangersDisk, DoesNoHarm) {
-  // The `by` of outside is linked to in the place of `name`, or has it as its second name; or a pipe has it.
-  const auto replaced = [this](const std::string& name, const std::string& by) {
-    return [=] {
-      fs::remove_all(mDisk + name);
-      fs::create_symlink(mOutside + by, mDisk + name);
-    };
-  };
-  const auto second = [this](const std::string& name, const std::string& by) {
-    return [=] {
-      fs::remove(mDisk + name);
-      fs::create_hard_link(mOutside + by, mDisk + name);
-    };
-  };
-  const auto pipe = [this](const std::string& name) {
-    return [=] {
-      fs::remove(mDisk + name);
-      mkfifo((mDisk + name).c_str(), 0600);
-    };
-  };
+  // In the place of `name` there is a link to `by` of outside, a second name of it, a pipe, or names.
+  enum Kind { kLink, kSecond, kPipe, kNames };
   const struct {
     const char* what;
-    std::function<void()> make;
+    Kind kind;
+    std::string name, by;
   } cases[] = {
-      {"a linked pool", replaced("imf_free", "")},
-      {"a linked quarantine", replaced("imf_error", "")},
-      {"a linked preparation", replaced("imf_prealloc", "")},
-      {"a linked data directory", replaced("data_00000003", "")},
-      {"the oldest data directory linked", replaced("data_00000001", "")},
-      {"a linked pool file", replaced("imf_free/00000000.imf", "00000007.imf")},
-      {"a linked recording", replaced(kDirectory + "5f5e2000_00000000.imf", "5f5e2000_00000000.imf")},
-      {"a linked database", replaced(kDirectory + "search.fdb", "search.fdb")},
-      {"a linked mark", replaced(kDirectory + "search.fdb.0.err", "search.fdb.0.err")},
-      {"a linked new database", replaced(kDirectory + ".search.fdb.rebuild", "search.fdb")},
-      {"a linked lock", replaced(".recorder.lock", "search.fdb")},
-      {"a lock linked to nothing", replaced(".recorder.lock", "not there")},
-      {"a linked lock of the root",
-       [this] { fs::create_symlink(mOutside + "search.fdb", mRoot.Path() + "/.recorder.lock"); }},
-      {"a database with a second name", second(kDirectory + "search.fdb", "search.fdb")},
-      {"a lock with a second name", second(".recorder.lock", "search.fdb")},
-      {"a pipe as database", pipe(kDirectory + "search.fdb")},
-      {"a pipe as mark", pipe(kDirectory + "search.fdb.0.err")},
-      {"a pipe as journal", pipe(kDirectory + "search.fdb-journal")},
-      {"a pipe as lock", pipe(".recorder.lock")},
-      {"a pipe as lock of the root", [this] { mkfifo((mRoot.Path() + "/.recorder.lock").c_str(), 0600); }},
-      {"a pipe as recording", pipe(kDirectory + "5f5e2000_00000000.imf")},
-      {"names for a terminal",
-       [this] {
-         for (const char* place : {"", "imf_free/", "data_00000002/"})
-           MakeTestFile(mDisk + place + "\x1b]0;x\x07.imf");
-         fs::create_directory(mDisk + "data_\x1b[2J_3");
-       }},
+      {"a linked pool", kLink, "imf_free", ""},
+      {"a linked quarantine", kLink, "imf_error", ""},
+      {"a linked preparation", kLink, "imf_prealloc", ""},
+      {"a linked data directory", kLink, "data_00000003", ""},
+      {"the oldest data directory linked", kLink, "data_00000001", ""},
+      {"a linked pool file", kLink, "imf_free/00000000.imf", "00000007.imf"},
+      {"a linked recording", kLink, kDirectory + "5f5e2000_00000000.imf", "5f5e2000_00000000.imf"},
+      {"a linked database", kLink, kDirectory + "search.fdb", "search.fdb"},
+      {"a linked mark", kLink, kDirectory + "search.fdb.0.err", "search.fdb.0.err"},
+      {"a linked new database", kLink, kDirectory + ".search.fdb.rebuild", "search.fdb"},
+      {"a linked lock", kLink, ".recorder.lock", "search.fdb"},
+      {"a lock linked to nothing", kLink, ".recorder.lock", "not there"},
+      {"a database with a second name", kSecond, kDirectory + "search.fdb", "search.fdb"},
+      {"a lock with a second name", kSecond, ".recorder.lock", "search.fdb"},
+      {"a pipe as database", kPipe, kDirectory + "search.fdb", ""},
+      {"a pipe as mark", kPipe, kDirectory + "search.fdb.0.err", ""},
+      {"a pipe as journal", kPipe, kDirectory + "search.fdb-journal", ""},
+      {"a pipe as lock", kPipe, ".recorder.lock", ""},
+      {"a pipe as recording", kPipe, kDirectory + "5f5e2000_00000000.imf", ""},
+      {"a linked lock of the root", kLink, kRootLock, "search.fdb"},
+      {"a pipe as lock of the root", kPipe, kRootLock, ""},
+      {"names for a terminal", kNames, "\x1b]0;x\x07.imf", ""},
   };
   const std::string video = mRoot.Path() + "/v.mp4";
   mProgram.MakeVideo(video, "-g 5", "testsrc2=size=64x48:rate=5 -t 3");
   for (const auto& c : cases) {
     MakeDisk();
-    c.make();
+    fs::remove_all(mDisk + c.name);
+    if (c.kind == kLink) fs::create_symlink(mOutside + c.by, mDisk + c.name);
+    if (c.kind == kSecond) fs::create_hard_link(mOutside + c.by, mDisk + c.name);
+    if (c.kind == kPipe) mkfifo((mDisk + c.name).c_str(), 0600);
+    if (c.kind == kNames) {
+      for (const char* place : {"", "imf_free/", "data_00000002/"}) MakeTestFile(mDisk + place + c.name);
+      fs::create_directory(mDisk + "data_\x1b[2J_3");
+    }
     for (const std::string& command :
          {std::string("status"), std::string("menu"), std::string("check"), std::string("timeline"),
           "record --clock stream --input " + video,

@@ -31,16 +31,13 @@ class Factory(GstRtspServer.RTSPMediaFactory):
         parse = f"{o.codec}parse"
         if o.file:
             return Gst.parse_launch(f"( filesrc location={o.file} ! qtdemux ! {parse} ! {pay} )")
-        if o.codec == "h264":
-            coder = (
-                f"x264enc speed-preset=superfast key-int-max=25 rc-lookahead=0 sync-lookahead=0 threads=1 "
-                f"bframes={o.bframes} b-adapt=false bitrate=500 "
-            )
-            coder += ("" if o.bframes else "tune=zerolatency ") + "! video/x-h264,profile=main"
-        else:
-            zero = "" if o.bframes else "tune=zerolatency "
-            more = f"bframes={o.bframes}:b-adapt=0:rc-lookahead={o.bframes + 1}:frame-threads=1"
-            coder = f"x265enc speed-preset=ultrafast {zero}key-int-max=25 option-string={more}"
+        zero = "" if o.bframes else "tune=zerolatency "
+        coder = {
+            "h264": f"x264enc speed-preset=superfast {zero}rc-lookahead=0 sync-lookahead=0 threads=1 b-adapt=false "
+            f"key-int-max=25 bframes={o.bframes} bitrate=500 ! video/x-h264,profile=main",
+            "h265": f"x265enc speed-preset=ultrafast {zero}key-int-max=25 option-string="
+            f"bframes={o.bframes}:b-adapt=0:rc-lookahead={o.bframes + 1}:frame-threads=1",
+        }[o.codec]
         caps = f"video/x-raw,format=I420,width={WIDTH},height={HEIGHT},framerate={FPS}/1"
         pipeline = Gst.parse_launch(
             f"( appsrc name=source is-live=true do-timestamp=false format=time caps={caps} ! {coder} ! {parse} ! {pay} )"
@@ -89,7 +86,7 @@ def main():
     factory.options = options
     if options.user:
         auth = GstRtspServer.RTSPAuth.new()
-        auth.set_supported_methods(GstRtspServer.RTSPAuthMethod.DIGEST if hasattr(GstRtspServer, "RTSPAuthMethod") else 2)
+        auth.set_supported_methods(2)  # digest
         token = GstRtspServer.RTSPToken.new()
         token.set_string("media.factory.role", "viewer")
         auth.add_digest(options.user, options.password, token)
