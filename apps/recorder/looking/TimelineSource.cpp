@@ -42,11 +42,14 @@ void AddSpans(const Recording& recording, std::vector<PictureSpan>& spans, int64
 }  // namespace
 
 Refusal ChooseRange(const RangeOptions& options, const Recordings& recordings, Range* range) {
-  const std::vector<Recording> all = recordings.Find(Range(), options.channel);
-  if (all.empty()) return std::nullopt;
-  range->since = all.front().start * kMicros;
-  range->until = range->since;
-  for (const Recording& each : all) range->until = std::max(range->until, each.end * kMicros);
+  std::optional<Range> whole;
+  for (const Recording& each : recordings.All()) {
+    if (!each.HasChannel(options.channel)) continue;
+    if (!whole) whole = Range{each.start * kMicros, each.start * kMicros};
+    whole->until = std::max(whole->until, each.end * kMicros);
+  }
+  if (!whole) return std::nullopt;
+  *range = *whole;
   return ParseRange(options, range);
 }
 
