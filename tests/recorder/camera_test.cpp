@@ -282,7 +282,8 @@ TEST_F(CameraTest, DISABLED_StaysAlive) {
     EXPECT_LT(end - taken.back().time, 5) << "seed " << seed << ": channel " << channel << " stayed lost";
     ExpectAscending(taken, channel);
     double longest = 0;
-    for (const auto& [camera, time] : back) {
+    for (const auto& [camera, since] : back) {
+      const double time = since;
       const auto next = std::find_if(taken.begin(), taken.end(), [&](const Taken& t) { return t.time > time; });
       if (camera == channel && next != taken.end()) longest = std::max(longest, next->time - time);
     }
