@@ -40,9 +40,9 @@ void MeasureOverlap(const Settings& settings, Report* report) {
       const uint32_t start = kBase + static_cast<uint32_t>(i * kSeconds);
       FlcAddFile("a", 1, start, start + kSeconds, 0xf);
     }
-    const uint32_t odd = kBase + 100 * kSeconds;
-    const auto with = [odd] { FlcAddFile("a", 1, odd, odd + 10 * kSeconds, 0xf); };
-    const auto without = [odd] { FlcAddFile("a", 1, odd, odd + kSeconds, 0xf); };
+    constexpr uint32_t kOdd = kBase + 100 * kSeconds;
+    const auto with = [] { FlcAddFile("a", 1, kOdd, kOdd + 10 * kSeconds, 0xf); };
+    const auto without = [] { FlcAddFile("a", 1, kOdd, kOdd + kSeconds, 0xf); };
     std::mt19937 random(1);
     std::vector<int> asked;
     for (int i = 0; i < 100; ++i)

@@ -26,10 +26,11 @@ class ManagerQueryTest : public ManagerTest {
   // Goes on until there is no more, at most for a hundred recordings.
   std::vector<std::string> Walk(std::string path, bool back = false) {
     std::vector<std::string> visited;
-    const auto step = back ? &FmgrFileManager::GetPrevFilePath : &FmgrFileManager::GetNextFilePath;
+    unsigned result = 0;
     do {
       visited.push_back(path);
-    } while ((mManager->*step)(path, path) == 0 && visited.size() < 100);
+      result = back ? mManager->GetPrevFilePath(path, path) : mManager->GetNextFilePath(path, path);
+    } while (result == 0 && visited.size() < 100);
     return visited;
   }
 };

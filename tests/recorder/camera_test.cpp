@@ -2,6 +2,7 @@
 // sources that say nothing. Everything on the loopback address.
 #include <arpa/inet.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
@@ -300,10 +301,14 @@ TEST_F(CameraTest, GivesBackEveryPicture) {
   ASSERT_EQ(source.size(), 225u);
   const Port port;
   const Source camera(mDirectory, "rtsp_server.py --file " + video + " --port " + port.number);
-  Record("--segment 3 --input " + mDirectory + "/video.mkv --input rtsp://127.0.0.1:" + port.number + "/cam");
+  const std::string fifo = mDirectory + "/fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const Process live("ffmpeg -v error -y -re -i " + video + " -c copy -f mpegts " + fifo);
+  Record("--segment 3 --input " + mDirectory + "/video.mkv --input rtsp://127.0.0.1:" + port.number +
+         "/cam --input - <" + fifo);
   Sleep(14);
   Stop();
-  for (int channel = 0; channel < 2; channel++) {
+  for (int channel = 0; channel < 3; channel++) {
     Names recorded = DecodedOf(Export(channel));
     ASSERT_GE(recorded.size(), source.size()) << "channel " << channel;
     if (channel == 1) recorded.resize(source.size());  // it begins again

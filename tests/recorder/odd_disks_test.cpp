@@ -8,6 +8,7 @@
 #include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/disks/SetAside.h"
+#include "apps/recorder/recording/Completion.h"
 #include "apps/recorder/recording/SearchIndex.h"
 #include "fmgr/FmgrFileManager.h"
 #include "fmgr/FmgrRepositoryGroup.h"
@@ -229,6 +230,30 @@ TEST_F(MountedDisk, PassesOverWhatCannotBeMoved) {
   Record();
   EXPECT_FALSE(fs::exists(oldest));
   EXPECT_EQ(0, Run("check")) << mProgram.out;
+}
+
+// Not by the next start only: a recorder may run for years.
+TEST_F(MountedDisk, CompletesRecordingsWhenTheyCanBeRenamed) {
+  Record();
+  const std::string named = Oldest();
+  const std::string unfinished = named.substr(0, named.find("_", mDisk.size() + 6 + 9)) + "_00000000.imf";
+  fs::rename(named, unfinished);
+  ASSERT_EQ(0, Shell("chattr +i " + unfinished));
+  Disks disks;
+  SearchIndex index;
+  Completion completion(index);
+  ASSERT_FALSE(disks.Choose(mRoot.Path(), {}));
+  const std::vector<Disk> all = disks.All();
+  ASSERT_FALSE(disks.OpenForRecording({}));
+  ASSERT_FALSE(disks.Add(all.at(0)));
+  completion.AddUnfinished(unfinished);
+  for (const bool fixed : {true, false}) {
+    if (!fixed) Shell("chattr -i " + unfinished);
+    completion.TryAll(disks);
+    EXPECT_EQ(fixed, fs::exists(unfinished));
+    EXPECT_EQ(!fixed, fs::exists(named));
+  }
+  EXPECT_EQ(NameOf(named), disks.Group(all.at(0))->mDataRepositories.front()->GetOldestFile());
 }
 
 TEST_F(MountedDisk, RecordsWithoutAFreeBlock) {
