@@ -46,12 +46,8 @@ TEST_F(AllocationTest, FromFreeFileToCompletedRecording) {
 TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
   const std::string a = "a 0 1:10-20 1:20-30";
   const std::string b = "b 0 2:30-40 2:40-50";
-  const struct {
-    const char* name;
-    std::vector<std::string> disks;
-    int overwrite, result;
-    bool recycles;  // the first disk's recording of 10 to 20, and no other
-  } rows[] = {
+  const std::tuple<const char*, Names, int, int, bool> rows[] = {
+      // name, disks, overwrite, result, whether the first disk's recording of 10 to 20 goes, and no other
       {"full, nothing may go", {a, b}, 0, 2, false},
       {"full, only 1 allows overwriting", {a, b}, 2, 2, false},
       {"full, the oldest of the next disk goes", {a, b}, 1, 0, true},
@@ -60,19 +56,19 @@ TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
       {"a disk without any file", {"a 0"}, 1, 2, false},
       {"numbers end", {"a 0 2147483647:1-2"}, 1, 2, false},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const std::vector<std::string> disks = Begin(row.disks);
+  for (const auto& [name, contents, overwrite, result, recycles] : rows) {
+    SCOPED_TRACE(name);
+    const std::vector<std::string> disks = Begin(contents);
     std::vector<std::set<unsigned long>> inodes;
     for (const std::string& disk : disks) inodes.push_back(InodesOf(disk));
     const size_t recordings = RecordFilesIn(mRoot->Path()).size();
-    mManager->mOverwrite = row.overwrite;
+    mManager->mOverwrite = overwrite;
     std::string path;
-    EXPECT_EQ(row.result, Make(100, path));
-    EXPECT_EQ(row.result == 0, fs::exists(path)) << path;
+    EXPECT_EQ(result, Make(100, path));
+    EXPECT_EQ(result == 0, fs::exists(path)) << path;
     for (size_t i = 0; i < disks.size(); ++i) ExpectEachInOnePlace(disks[i], inodes[i]);
-    EXPECT_EQ(recordings + (row.result == 0) - row.recycles, RecordFilesIn(mRoot->Path()).size());
-    EXPECT_FALSE(row.recycles && fs::exists(PathOf(disks[0], "1:10-20")));
+    EXPECT_EQ(recordings + (result == 0) - recycles, RecordFilesIn(mRoot->Path()).size());
+    EXPECT_FALSE(recycles && fs::exists(PathOf(disks[0], "1:10-20")));
   }
   const std::string disk = Begin({"a 1"})[0];
   ASSERT_EQ(0, mkdir(DataDir(disk, 1).c_str(), 0700));  // behind the library's back
@@ -83,13 +79,8 @@ TEST_F(AllocationTest, ResultsOfMakeRecordFile) {
 }
 
 TEST_F(AllocationTest, WhenANewDataDirectoryIsDue) {
-  const struct {
-    const char* name;
-    std::vector<std::string> disks;
-    int newTime;
-    const char* order;
-    int lastIndex;  // of the current disk afterwards
-  } rows[] = {
+  const std::tuple<const char*, Names, int, const char*, int> rows[] = {
+      // name, disks, the new recording's time, order and the current disk's last number afterwards
       {"5 seconds before the end are tolerated", {"a 1 3:500-600"}, 595, "a ", 3},
       {"6 are not", {"a 1 3:500-600"}, 594, "a ", 4},
       {"without a free file, the next disk", {"b 0 2:50-60", "a 0 3:500-600"}, 594, "a b ", 4},
@@ -100,12 +91,12 @@ TEST_F(AllocationTest, WhenANewDataDirectoryIsDue) {
       {"into another disk's", {"b 1 1:1000-1100", "a 1 3:500-600"}, 1001, "b a ", 4},
       {"of the same number, no conflict", {"a 1 3:500-600", "b 1 3:1000-1100"}, 1001, "b a ", 3},  // deliberate
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    Begin(row.disks);
-    mManager->CheckRepositoryChangeCondition(kT + row.newTime);
-    EXPECT_EQ(row.order, Order());
-    EXPECT_EQ(row.lastIndex, mManager->CurrentRepositoryGroup()->GetLastIndex());
+  for (const auto& [name, disks, newTime, order, lastIndex] : rows) {
+    SCOPED_TRACE(name);
+    Begin(disks);
+    mManager->CheckRepositoryChangeCondition(kT + newTime);
+    EXPECT_EQ(order, Order());
+    EXPECT_EQ(lastIndex, mManager->CurrentRepositoryGroup()->GetLastIndex());
   }
 }
 

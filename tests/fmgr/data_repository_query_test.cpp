@@ -60,7 +60,7 @@ TEST_P(Queries, WalksBackAndForth) {
   Put({kFirst, kSecond, kGrowing}, mDirectory);
   for (const auto& [limit, over] : std::map<long, bool>{{0, false}, {0x5f5e1257, false}, {0x5f5e1258, true}})
     EXPECT_EQ(over, mRepository.IsExistTimeOverFile(limit)) << limit;
-  EXPECT_EQ(kSecond, Next(kFirst));
+  EXPECT_EQ((Names{kSecond, kGrowing}), (Names{Next(kFirst), Next(kSecond)}));
   EXPECT_EQ(kGrowing, Next(kGrowing));  // a player stops where nothing changes
   EXPECT_EQ(kSecond, Previous(kGrowing));
   EXPECT_EQ("", Previous(kFirst));

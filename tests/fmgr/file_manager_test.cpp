@@ -121,36 +121,31 @@ TEST_F(FileManagerTest, WhetherRecordingCanGoOn) {
 }
 
 TEST_F(FileManagerTest, ChangeToTheNextDisk) {
-  const struct {
-    const char* fault;  // that the row catches
-    std::vector<std::string> disks;
-    int force, result;
-    const char* order;
-    int lastIndex;              // of the current disk afterwards
-    std::string badDisks = "";  // those whose files the driver can't count
-  } rows[] = {
-      {"only directory of an only disk", {"a 0 1:1-2"}, 0, 1, "a ", 2},
-      {"only disk with two directories", {"a 0 7:1-2 8:3-4"}, 0, 1, "a ", 8},
-      {"the same, forced", {"a 0 7:1-2 8:3-4"}, 1, 1, "a ", 9},
-      {"numbers end", {"a 0 2147483647:1-2"}, 1, 0, "a ", 2147483647},
-      {"a disk never used comes first", {"a 0 1:1-2", "b 0 1:3-4 4:5-6", "c 1"}, 0, 1, "a b c ", 5},
-      {"then the one whose first directory is the oldest", {"a 0 3:1-2", "b 0 1:3-4 4:5-6"}, 0, 1, "a b ", 4},
-      {"of equal ones the earlier", {"a 0 1:1-2", "b 0 1:3-4 4:5-6"}, 0, 1, "b a ", 5},
+  const std::tuple<const char*, Names, int, int, const char*, int, std::string> rows[] = {
+      // what, disks, forced, result, order and the current disk's last number afterwards, disks whose files the
+      // driver can't count
+      {"only directory of an only disk", {"a 0 1:1-2"}, 0, 1, "a ", 2, ""},
+      {"only disk with two directories", {"a 0 7:1-2 8:3-4"}, 0, 1, "a ", 8, ""},
+      {"the same, forced", {"a 0 7:1-2 8:3-4"}, 1, 1, "a ", 9, ""},
+      {"numbers end", {"a 0 2147483647:1-2"}, 1, 0, "a ", 2147483647, ""},
+      {"a disk never used comes first", {"a 0 1:1-2", "b 0 1:3-4 4:5-6", "c 1"}, 0, 1, "a b c ", 5, ""},
+      {"then the oldest first directory", {"a 0 3:1-2", "b 0 1:3-4 4:5-6"}, 0, 1, "a b ", 4, ""},
+      {"of equal ones the earlier", {"a 0 1:1-2", "b 0 1:3-4 4:5-6"}, 0, 1, "b a ", 5, ""},
       {"a disk that can't be counted", {"a 0 1:1-2", "b 0 2:3-4", "c 0 3:5-6"}, 0, 1, "c a b ", 4, "a"},
       {"the search ends when none can", {"a 0 1:1-2", "b 0 2:3-4"}, 0, 0, "a b ", 2, "ab"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.fault);
-    Begin(row.disks);
-    flc_spy::gAnswer = [&row](unsigned long number, void* disk, int& result) {
+  for (const auto& [what, disks, force, expected, order, lastIndex, bad] : rows) {
+    SCOPED_TRACE(what);
+    Begin(disks);
+    flc_spy::gAnswer = [&uncounted = bad](unsigned long number, void* disk, int& result) {
       result = -1;
-      return number == FLC_FILE_COUNT && row.badDisks.find(*static_cast<char*>(disk)) != std::string::npos;
+      return number == FLC_FILE_COUNT && uncounted.find(*static_cast<char*>(disk)) != std::string::npos;
     };
-    EXPECT_EQ(row.result, mManager->ChangeToNextGroup(row.force));
+    EXPECT_EQ(expected, mManager->ChangeToNextGroup(force));
     flc_spy::gAnswer = nullptr;
-    EXPECT_EQ(row.order, Order());
-    EXPECT_EQ(row.lastIndex, mManager->CurrentRepositoryGroup()->GetLastIndex());
-    EXPECT_TRUE(fs::exists(DataDir(mManager->CurrentRepositoryGroup()->Path(), row.lastIndex)));
+    EXPECT_EQ(order, Order());
+    EXPECT_EQ(lastIndex, mManager->CurrentRepositoryGroup()->GetLastIndex());
+    EXPECT_TRUE(fs::exists(DataDir(mManager->CurrentRepositoryGroup()->Path(), lastIndex)));
   }
 }
 

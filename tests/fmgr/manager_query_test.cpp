@@ -45,17 +45,6 @@ TEST_F(ManagerQueryTest, NextAndPreviousVisitEachRecordingOnce) {
   EXPECT_EQ(12u, mManager->GetNextFilePath("/tmp/5f5e1000_5f5e105a_cm1.imf", path));
 }
 
-TEST_F(ManagerQueryTest, NextOfTheRecordingInProgressIsItself) {
-  const std::string disk = Add("a 1 1:10-20");
-  timeval time{kT + 30, 0};
-  std::string growing, next;
-  ASSERT_EQ(0, mManager->MakeRecordFile(time, growing));
-  for (const std::string& path : {PathOf(disk, "1:10-20"), growing}) {
-    EXPECT_EQ(0u, mManager->GetNextFilePath(path, next));
-    EXPECT_EQ(growing, next);
-  }
-}
-
 // Without the driver a directory knows only its own files; going back, the manager crosses to the one before.
 TEST_F(ManagerQueryTest, BackOverDisksInListMode) {
   mManager->mAltMode = 1;
@@ -73,11 +62,8 @@ TEST_F(ManagerQueryTest, BackOverDisksInListMode) {
 }
 
 TEST_F(ManagerQueryTest, ChoiceAmongDisksByMode) {
-  const struct {
-    std::string a, b;
-    int time, mode;
-    const char* chosen;
-  } rows[] = {
+  const std::tuple<std::string, std::string, int, int, std::string> rows[] = {
+      // the recordings of both disks, time, mode, the disk that is chosen
       {"1:100-200", "1:150-180", 160, 1, "b"},  // ends first
       {"1:100-200", "1:150-180", 160, 0, "a"},  // ends last
       {"1:100-200", "1:150-200", 160, 1, "a"},  // of equal ends the first in start order
@@ -86,13 +72,12 @@ TEST_F(ManagerQueryTest, ChoiceAmongDisksByMode) {
       {"1:150-200", "1:100-140", 145, 1, "a"},  // the next one; the other disk has none
       {"1:150-200", "1:100-140", 145, -1, "b"}, {"1:150-200", "1:100-140", 201, 1, ""},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    const std::vector<std::string> disks = Begin({"a 0 " + row.a, "b 0 " + row.b});
+  for (const auto& [a, b, time, mode, chosen] : rows) {
+    SCOPED_TRACE(a + " " + b + Text(" %d %d", time, mode));
+    const std::vector<std::string> disks = Begin({"a 0 " + a, "b 0 " + b});
     std::string path;
-    const std::string chosen = row.chosen;
-    EXPECT_EQ(chosen.empty() ? 12 : 0, mManager->GetFilePath(kT + row.time, path, row.mode));
-    EXPECT_EQ(chosen, path == PathOf(disks[0], row.a) ? "a" : path == PathOf(disks[1], row.b) ? "b" : path);
+    EXPECT_EQ(chosen.empty() ? 12 : 0, mManager->GetFilePath(kT + time, path, mode));
+    EXPECT_EQ(chosen, path == PathOf(disks[0], a) ? "a" : path == PathOf(disks[1], b) ? "b" : path);
   }
 }
 
@@ -192,12 +177,8 @@ class MonthTest : public ManagerQueryTest {
 // Recordings right before and right after the midnight that begins a month: an hour's error finds the wrong
 // one.
 TEST_F(MonthTest, FollowLocalTimeOverBothChangesOfTheClock) {
-  const struct {
-    const char* zone;
-    int month;
-    time_t midnight;  // that begins the month
-    int repeated;     // seconds until it comes once more
-  } rows[] = {
+  const std::tuple<const char*, int, time_t, int> rows[] = {
+      // zone, month, midnight that begins it, seconds until it comes once more
       {"Europe/Berlin", 2024 * 12, 1704063600, 0},
       {"Europe/Berlin", 2024 * 12 + 3, 1711922400, 0},         // summer time since the day before
       {"Europe/Berlin", 2024 * 12 + 10, 1730415600, 0},        // winter time since four days
@@ -266,7 +247,9 @@ TEST_F(ManagerQueryTest, RequestsPerCall) {
   TimeSearchChart chart;
   chart.endTime = 1;
   ipc_menu_disk_stream_t menu{};
-  menu.entries[3].inUse = 1;
+  menu.entries[3].inUse = mManager->mOverwrite = 1;
+  timeval next{kT + 3000, 0};
+  const ImfSearchCondition second{kT * 1000000LL, (kT + 1) * 1000000LL, 0, 1};
   const std::string disk = mManager->mGroups.front()->Path();
   std::memcpy(menu.entries[3].diskPath, disk.c_str(), disk.size());
   // Six directories: of each the start (its count and its oldest file), then its answer.
@@ -274,28 +257,19 @@ TEST_F(ManagerQueryTest, RequestsPerCall) {
       {6 * 3, [&] { return mManager->GetFilePath(kT + 2, path, 1); }},
       {6 * 3, [&] { return mManager->GetTimeRange(out, last) - 1; }},
       {6 * 3, [&] { return mManager->CollectSearchData(&chart); }},
-      {6 * 3,
-       [&] {
-         return mManager->CollectFileList(files, {kT * 1000000LL, (kT + 1) * 1000000LL, 0, 1});
-       }},
+      {6 * 3, [&] { return mManager->CollectFileList(files, second); }},
       {3 * 3, [&] { return mManager->CollectTimeRange(menu) - 1; }},
       {6, [&] { return static_cast<int>(mManager->GetRecentlyMonthInfo(2010, 1, out, last, 1)) - 1; }},
       {1, [&] { return static_cast<int>(mManager->GetNextFilePath(paths[12], path)); }},
       {1, [&] { return static_cast<int>(mManager->GetPrevFilePath(paths[12], path)); }},
       {6 * 2 + 1, [&] { return mManager->CheckRepositoryChangeCondition(kT + 3000), 0; }},
       // Whether a disk is without recordings, the next one's oldest file out, its place in the pool; then in.
-      {6 + 6,
-       [&] {
-         timeval time{kT + 3000, 0};
-         return mManager->mOverwrite = 1, mManager->MakeRecordFile(time, path);
-       }},
+      {6 + 6, [&] { return mManager->MakeRecordFile(next, path); }},
       {2, [&] { return mManager->RenameRecordFile(path, kT + 3090, 1, path); }},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    const size_t requests = row.first;
+  for (const auto& [requests, call] : rows) {
     flc_spy::Clear();
-    EXPECT_EQ(0, row.second());
+    EXPECT_EQ(0, call()) << "of " << requests << " requests";
     const std::vector<std::string> sent = flc_spy::Sent();
     EXPECT_EQ(requests, sent.size()) << testing::PrintToString(sent);
     const std::set<std::string> different(sent.begin(), sent.end());

@@ -90,10 +90,7 @@ TEST_F(Pools, PreAllocationRefuses) {
 
 // The caller says how much was made, so the list has to be what is there in full; and nothing is taken back.
 TEST_F(Pools, PreAllocationOnAFullDisk) {
-  const std::string image = MakeTestFile(mRoot.Path() + "/image", 8 * kMiB);
-  const std::string ext4 =
-      "(mkfs.ext4 -q " + image + " && mount -o loop " + image + " " + mDisk + ") 2>/dev/null";
-  if (std::system(ext4.c_str()) != 0 && mount("none", mDisk.c_str(), "tmpfs", 0, "size=8m") != 0)
+  if (mount("none", mDisk.c_str(), "tmpfs", 0, "size=8m") != 0)
     GTEST_SKIP() << "nothing can be mounted here: nothing was tested";
   const std::shared_ptr<void> mounted(nullptr, [&](void*) { umount2(mDisk.c_str(), MNT_DETACH); });
   FmgrPreAllocRepository repository(mDisk);

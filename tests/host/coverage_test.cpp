@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 constexpr int64_t kSecond = 1000000;
@@ -22,11 +24,8 @@ struct Pictures {
 };
 
 TEST(Coverage, SpansEndWherePicturesStayAway) {
-  const struct {
-    const char* what;
-    std::vector<Pictures> pictures;
-    std::vector<std::pair<int64_t, int64_t>> spans;
-  } cases[] = {
+  using Spans = std::vector<std::pair<int64_t, int64_t>>;
+  const std::tuple<const char*, std::vector<Pictures>, Spans> cases[] = {
       {"ends early", {{0, 50, 1, 1}}, {{0, 50}}},
       {"two seconds are none", {{0, 50, 1, 1}, {69, 200, 1, 1}}, {{0, 200}}},
       {"the last picture claims to last all the gap",
@@ -41,18 +40,18 @@ TEST(Coverage, SpansEndWherePicturesStayAway) {
        {{0, 70}}},
       {"backwards", {{130, 200, 1, 1}, {0, 50, 1, 1}}, {{0, 50}, {130, 200}}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const auto& [what, pictures, expected] : cases) {
+    SCOPED_TRACE(what);
     ImfCoverage coverage;
-    for (const Pictures& each : c.pictures) {
+    for (const Pictures& each : pictures) {
       for (int64_t at = each.first; at < each.end; at += each.step)
         AddPicture(&coverage, at * kSecond / 10, each.duration * kSecond / 10);
     }
     const std::vector<PictureSpan> spans = coverage.Spans();
-    ASSERT_EQ(spans.size(), c.spans.size());
+    ASSERT_EQ(spans.size(), expected.size());
     for (size_t i = 0; i < spans.size(); ++i) {
-      EXPECT_EQ(spans[i].begin, c.spans[i].first * kSecond / 10);
-      EXPECT_NEAR(static_cast<double>(spans[i].end - c.spans[i].second * kSecond / 10), 0, 60000);
+      EXPECT_EQ(spans[i].begin, expected[i].first * kSecond / 10);
+      EXPECT_NEAR(static_cast<double>(spans[i].end - expected[i].second * kSecond / 10), 0, 60000);
     }
   }
 }

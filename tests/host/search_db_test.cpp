@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <iterator>
 #include <random>
 #include <thread>
 
@@ -185,10 +184,7 @@ TEST_F(SearchDbTest, LockedOrReadOnlyIsAFailureAndNoLoss) {
 // the change back.
 TEST_F(SearchDbTest, UnsoundDatabases) {
   const auto run = [this](const std::string& statements) { return [=] { Run(statements); }; };
-  const struct {
-    const char* what;
-    std::function<void()> make;
-  } cases[] = {
+  const std::pair<std::string, std::function<void()>> cases[] = {
       {"a text file", [&] { Write("search.fdb", std::string(5000, 'x')); }},
       {"the first half", [&] { fs::resize_file(mPath, fs::file_size(mPath) / 2); }},
       {"a change cut off", [&] { CutOffChange(); }},
@@ -204,20 +200,20 @@ TEST_F(SearchDbTest, UnsoundDatabases) {
        }},
       {"pages that come over and over", [&] { MakeEndless(); }},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
+  for (const auto& [what, make] : cases) {
+    SCOPED_TRACE(what);
     for (const auto& entry : fs::directory_iterator(mDirectory)) fs::remove_all(entry);
     ASSERT_TRUE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({100, 199, 1}));
-    c.make();
+    make();
     const std::string content = Content();
     EXPECT_EQ(Search(), kFailed);
     EXPECT_FALSE(IsMarked());
-    if (c.what != std::string("pages that come over and over")) {
+    if (what != "pages that come over and over") {
       EXPECT_FALSE(SearchDb(mDirectory, SEARCH_DB_WRITE).Add({300, 399, 1}));
       EXPECT_TRUE(IsMarked());
     }
     EXPECT_TRUE(Content() == content);
-    EXPECT_EQ(fs::exists(mPath + "-journal"), c.what == std::string("a change cut off"));
+    EXPECT_EQ(fs::exists(mPath + "-journal"), what == "a change cut off");
     const std::string name = "60000000_60000010_cm1.imf";
     const bool isRecording = fs::exists(mDirectory + name);
     Write(".search.fdb.rebuild", "of a rebuild that was cut off");

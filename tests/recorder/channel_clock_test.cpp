@@ -105,14 +105,8 @@ void ExpectOrder(std::vector<Sent> placed) {
 }
 
 TEST(ChannelClock, TellsWhenPicturesWereTaken) {
-  struct Case {
-    const char* name;
-    Camera camera;
-    int64_t seconds;
-    int64_t from;    // seconds after which
-    double largest;  // error, milliseconds
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, Camera, int64_t, int64_t, double> cases[] = {
+      // name, camera, seconds, seconds after which, the largest error in milliseconds
       {"good", {}, 60, 0, 1},
       {"jitter", {0, false, kSecond / 5}, 60, 10, 20},
       {"fast", {500}, 7200, 0, 25},
@@ -124,13 +118,13 @@ TEST(ChannelClock, TellsWhenPicturesWereTaken) {
       {"camera knows better", {0, false, 2 * kSecond, kNever, kNever, kNever, 0, 0, 0}, 60, 20, 1},
       {"camera is not believed", {0, false, 0, kNever, kNever, kNever, 0, 0, -3600 * kSecond}, 60, 0, 1},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, camera, seconds, from, largest] : cases) {
+    SCOPED_TRACE(name);
     ChannelClock clock;
-    const std::vector<Sent> placed = Place(&clock, c.camera.Send(c.seconds));
-    EXPECT_LE(LargestError(placed, c.from), c.largest);
+    const std::vector<Sent> placed = Place(&clock, camera.Send(seconds));
+    EXPECT_LE(LargestError(placed, from), largest);
     ExpectOrder(placed);
-    EXPECT_EQ(clock.IsCameraRefused(), c.camera.cameraOff.value_or(0) != 0);
+    EXPECT_EQ(clock.IsCameraRefused(), camera.cameraOff.value_or(0) != 0);
   }
 }
 
@@ -228,13 +222,8 @@ TEST(MachineClock, FollowsTheTimeOfDay) {
 TEST(StampFiller, CompletesWhatSourcesLeaveOut) {
   using Given = StampFiller::Given;
   constexpr std::nullopt_t kNone = std::nullopt;
-  struct Case {
-    const char* name;
-    StampFiller::Options options;
-    std::vector<Given> given;
-    std::vector<std::pair<int64_t, int64_t>> stamps;  // pts, dts
-  };
-  const Case cases[] = {
+  using Stamps = std::vector<std::pair<int64_t, int64_t>>;  // pts, dts
+  const std::tuple<const char*, StampFiller::Options, std::vector<Given>, Stamps> cases[] = {
       {"complete", {true, 1, 10, 100}, {{0, -10}, {30, 0}, {10, 10}}, {{0, -10}, {30, 0}, {10, 10}}},
       {"RTP: the first is missing",
        {false, 1, 10, 100},
@@ -258,16 +247,15 @@ TEST(StampFiller, CompletesWhatSourcesLeaveOut) {
        {{1000, 1000}, {1010, 1010}, {0, 0}, {10, 10}}},
       {"nothing at all", {true, 0, 10, 100}, {{kNone, kNone}, {kNone, kNone}}, {{0, 0}, {10, 10}}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    StampFiller filler(c.options);
-    std::vector<std::pair<int64_t, int64_t>> stamps;
-    for (const Given& given : c.given) {
+  for (const auto& [name, options, all, expected] : cases) {
+    StampFiller filler(options);
+    Stamps stamps;
+    for (const Given& given : all) {
       filler.Put(given);
       while (auto next = filler.Take(false)) stamps.push_back({next->pts, next->dts});
     }
     while (auto next = filler.Take(true)) stamps.push_back({next->pts, next->dts});
-    EXPECT_EQ(stamps, c.stamps);
+    EXPECT_EQ(stamps, expected) << name;
   }
 }
 

@@ -25,11 +25,7 @@ std::string PlanOf(const std::vector<DirectoryList>& disks) {
 }
 
 TEST(DirectoryNumbers, AscendWithTime) {
-  const struct {
-    const char* what;
-    std::vector<DirectoryList> disks;
-    const char* plan;
-  } kCases[] = {
+  const std::tuple<const char*, std::vector<DirectoryList>, const char*> kCases[] = {
       {"nothing", {{}, {}}, ""},
       {"in order", {{{1, 100, ""}, {3, 300, ""}}, {{2, 200, ""}}}, ""},
       {"one number twice", {{{3, 200, ""}}, {{2, 100, ""}, {3, 300, ""}}}, " b3>4"},
@@ -42,7 +38,7 @@ TEST(DirectoryNumbers, AscendWithTime) {
       {"an empty one", {{{1, 0, ""}, {9, 0, ""}}, {{1, 100, ""}, {2, 200, ""}}}, ""},
       {"no numbers left", {{{99999999, 200, ""}}, {{99999999, 100, ""}}}, ""},
   };
-  for (const auto& c : kCases) EXPECT_EQ(c.plan, PlanOf(c.disks)) << c.what;
+  for (const auto& [what, disks, plan] : kCases) EXPECT_EQ(plan, PlanOf(disks)) << what;
 }
 
 class DiskKeeperTest : public RecorderFixture {

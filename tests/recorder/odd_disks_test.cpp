@@ -1,8 +1,6 @@
 // One odd thing on a disk is set aside or passed over, and everything else goes on.
 #include <sys/stat.h>
 
-#include <functional>
-
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/disks/DiskManifest.h"
 #include "apps/recorder/disks/Disks.h"

@@ -36,14 +36,8 @@ TEST(PreparationPlan, CountsAndReserves) {
   Room system = MakeRoom(100 * kGiB, 100 * kGiB), directory = system, copying = MakeRoom(10 * kGiB, 10 * kGiB);
   system.isSystem = copying.copiesOnWrite = true;
   directory.isMountPoint = false;
-  const struct {
-    const char* what;
-    Room room;
-    PrepareOptions options;
-    int64_t count;        // 0: refused
-    uint64_t reserveMiB;  // of the file; three quarters of what is kept
-    const char* refusal;
-  } kCases[] = {
+  const std::tuple<const char*, Room, PrepareOptions, int64_t, uint64_t, const char*> kCases[] = {
+      // what, room, options, count (0: refused), MiB of the reserve: three quarters of what is kept, refusal
       {"1 % is kept", MakeRoom(1000 * kGiB, 1000 * kGiB), Options("256M", 0), 3959, 7680, ""},
       {"at least 64 MiB", MakeRoom(kGiB, kGiB), Options("64M", 0), 14, 48, ""},
       {"as asked for", MakeRoom(kGiB, kGiB), Options("64M", 0, "600M"), 6, 450, ""},
@@ -59,15 +53,16 @@ TEST(PreparationPlan, CountsAndReserves) {
       {"a tenth to copy", copying, Options("64M", 0), 142, 76, ""},
       {"neither count nor fill", MakeRoom(kGiB, kGiB), PrepareOptions(), 0, 0, "--count and --fill"},
   };
-  for (const auto& c : kCases) {
+  for (const auto& [what, room, options, count, reserveMiB, part] : kCases) {
+    SCOPED_TRACE(what);
     PreparationPlan plan;
     plan.path = "/d";
-    const recorder::Refusal refusal = PlanFiles(c.options, c.room, &plan);
-    EXPECT_EQ(c.count == 0, refusal.has_value()) << c.what << ": " << refusal.value_or("");
-    EXPECT_TRUE(Has(refusal.value_or(""), c.refusal)) << c.what << *refusal;
+    const recorder::Refusal refusal = PlanFiles(options, room, &plan);
+    EXPECT_EQ(count == 0, refusal.has_value());
+    EXPECT_TRUE(Has(refusal.value_or(""), part));
     if (refusal) continue;
-    EXPECT_EQ(c.count, plan.count) << c.what;
-    EXPECT_EQ(c.reserveMiB * kMiB, plan.reserve) << c.what;
+    EXPECT_EQ(count, plan.count);
+    EXPECT_EQ(reserveMiB * kMiB, plan.reserve);
   }
 }
 

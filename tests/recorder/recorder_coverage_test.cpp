@@ -15,10 +15,8 @@ using Seconds = std::vector<std::pair<double, double>>;
 
 class RecorderCoverage : public RecorderFixture {
  protected:
-  static void SetUpTestSuite() { setenv("TZ", "UTC", 1); }
-  static void TearDownTestSuite() { unsetenv("TZ"); }
-
   void SetUp() override {
+    setenv("TZ", "UTC", 1);
     fs::create_directories(mRoot.Path() + "/made");
     std::string inputs;
     for (const char* what :
@@ -82,22 +80,20 @@ TEST_F(RecorderCoverage, IsWhatTheCamerasSent) {
     EXPECT_EQ(!Has(mProgram.err, "differ in 1 recordings"), hasDb) << mProgram.err;
   }
 
-  const struct {
-    int channel;
-    double since, until;
-    Seconds missing;
-  } clips[] = {{2, 5, 25, {{10, 18}}}, {2, 12, 15, {{12, 15}}}, {2, 5, 9, {}}, {1, 2, 20, {{5, 20}}}};
-  for (const auto& clip : clips) {
-    const std::string range = Text(" --since %.3f --until %.3f", kStart + clip.since, kStart + clip.until);
+  // Channel, from, to, what is missing.
+  const std::tuple<int, double, double, Seconds> clips[] = {
+      {2, 5, 25, {{10, 18}}}, {2, 12, 15, {{12, 15}}}, {2, 5, 9, {}}, {1, 2, 20, {{5, 20}}}};
+  for (const auto& [channel, since, until, expected] : clips) {
+    const std::string range =
+        Text(" --channel %d --since %.3f --until %.3f", channel, kStart + since, kStart + until);
     SCOPED_TRACE(range);
-    Run("export --json --force -o " + mRoot.Path() + "/made/clip.mp4 --channel " +
-        std::to_string(clip.channel) + range);
+    Run("export --json --force -o " + mRoot.Path() + "/made/clip.mp4" + range);
     ASSERT_EQ(mProgram.JsonLines().size(), 1u) << mProgram.err;
     const Seconds missing = SecondsOf(mProgram.JsonLines()[0]["missing"]);
-    ASSERT_EQ(missing.size(), clip.missing.size()) << mProgram.out;
+    ASSERT_EQ(missing.size(), expected.size()) << mProgram.out;
     for (size_t i = 0; i < missing.size(); ++i) {
-      EXPECT_NEAR(missing[i].first, clip.missing[i].first, 0.05);
-      EXPECT_NEAR(missing[i].second, clip.missing[i].second, 0.05);
+      EXPECT_NEAR(missing[i].first, expected[i].first, 0.05);
+      EXPECT_NEAR(missing[i].second, expected[i].second, 0.05);
     }
   }
 

@@ -49,7 +49,6 @@ class RecorderQuery : public testing::Test {
   static void TearDownTestSuite() {
     delete sProgram;
     delete sRoot;
-    unsetenv("TZ");
   }
 
   static int Run(const std::string& arguments, const std::string& root = sRoot->Path()) {

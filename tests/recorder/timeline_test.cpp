@@ -77,8 +77,6 @@ TEST(Timeline, TicksAreRoundInLocalTime) {
       }
     }
   }
-  unsetenv("TZ");
-  tzset();
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "tests/support/CrashStage.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
 
 #include "apps/recorder/check/Checker.h"
