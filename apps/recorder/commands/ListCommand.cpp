@@ -34,17 +34,16 @@ int List(RangeOptions options, std::string root, const ChannelNames& configured)
     }
   }
   // A long list is not written line by line where nobody watches it.
-  if (isatty(STDOUT_FILENO) == 0) std::setvbuf(stdout, nullptr, _IOFBF, 1 << 16);
+  static char buffer[1 << 16];  // glibc makes one of its own size, whatever is asked for
+  if (isatty(STDOUT_FILENO) == 0) std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
   const Coverage coverage(disks, range);
   bool isAny = false;
-  for (Recording& recording : recordings.Find(range, options.channel)) {
-    const std::vector<PictureSpan> spans = coverage.Of(recording);
-    const bool isWanted = options.channel == kAnyChannel || HasPictures(spans, options.channel, range);
-    if (!isWanted) continue;
+  recordings.ForEach(range, options.channel, [&](const Recording& recording) {
+    const std::vector<PictureSpan>& spans = coverage.Of(recording);
+    if (options.channel != kAnyChannel && !HasPictures(spans, options.channel, range)) return;
     isAny = true;
-    recording.partly = PartlyCovered(recording, spans);
-    PrintRecording(recording, options.json, "", names);
-  }
+    PrintRecording(recording, PartlyCovered(recording, spans), options.json, "", names);
+  });
   if (isAny) return kDone;
   recordings.ComplainOfNothing(range, options.channel);
   return kFound;

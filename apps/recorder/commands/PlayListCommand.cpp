@@ -55,7 +55,7 @@ int PlayList(const Options& options, std::string root, const ChannelNames& confi
   const bool covers = first.start * kMicros <= at;
   for (const Recording& each : list) {
     const bool isFirst = each.path == first.path;
-    PrintRecording(each, options.json,
+    PrintRecording(each, {}, options.json,
                    !isFirst ? ""
                    : covers ? "plays first"
                             : "plays first, after a gap",

@@ -2,14 +2,21 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
+#include <tuple>
+#include <utility>
 
-#include "SearchDb.h"
 #include "fmgr/FmgrFileManager.h"
 #include "platform/host/imf/ImfCoverage.h"
 
 namespace recorder {
 
 namespace {
+
+using Key = std::tuple<int64_t, int64_t, uint32_t>;  // start, end, mask
+
+Key KeyOf(const TimeSearchRecording& known) { return {known.startTime, known.endTime, known.channelMask}; }
+Key KeyOf(const Recording& recording) { return {recording.start, recording.end, recording.mask}; }
 
 bool IsOf(const PictureSpan& span, int channel) { return channel == kAnyChannel || span.channel == channel; }
 
@@ -25,27 +32,25 @@ Coverage::Coverage(const Disks& disks, const Range& range) : mRange(range) {
   chart.startTime = static_cast<int32_t>(range.since / kMicros);
   chart.endTime = static_cast<int32_t>(std::min(RoundedUp(range.until), kLatestTime));
   disks.Manager()->CollectSearchData(&chart);
-  mKnown.reserve(chart.recordings.size());
-  for (TimeSearchRecording& each : chart.recordings) {
-    mKnown.emplace_back(Key{each.startTime, each.endTime, each.channelMask}, std::move(each.spans));
-  }
-  const auto ascending = [](const auto& a, const auto& b) { return a.first < b.first; };
+  mKnown = std::move(chart.recordings);
+  const auto ascending = [](const auto& a, const auto& b) { return KeyOf(a) < KeyOf(b); };
   if (!std::is_sorted(mKnown.begin(), mKnown.end(), ascending)) {
     std::stable_sort(mKnown.begin(), mKnown.end(), ascending);
   }
 }
 
-std::vector<PictureSpan> Coverage::Of(const Recording& recording) const {
-  const Key key = {recording.start, recording.end, recording.mask};
+const std::vector<PictureSpan>& Coverage::Of(const Recording& recording) const {
+  const Key key = KeyOf(recording);
   // Of several the last, which was read last.
-  const auto behind = std::upper_bound(mKnown.begin(), mKnown.end(), key,
-                                       [](const Key& wanted, const auto& each) { return wanted < each.first; });
-  const bool isKnown = behind != mKnown.begin() && std::prev(behind)->first == key;
+  const auto behind =
+      std::upper_bound(mKnown.begin(), mKnown.end(), key,
+                       [](const Key& wanted, const auto& each) { return wanted < KeyOf(each); });
+  const bool isKnown = behind != mKnown.begin() && KeyOf(*std::prev(behind)) == key;
   if (recording.state == Recording::State::kComplete && isKnown) {
-    const std::vector<PictureSpan>& spans = std::prev(behind)->second;
+    const std::vector<PictureSpan>& spans = std::prev(behind)->spans;
     if (!spans.empty() || recording.mask == 0) return spans;
   }
-  std::vector<PictureSpan> spans;
+  std::vector<PictureSpan>& spans = mRead.emplace_back();
   if (ReadCoverage(recording.path, static_cast<uint32_t>(recording.start), &spans)) return spans;
   for (int channel = 0; channel < IMF_CHANNEL_LIMIT; channel++) {
     const int64_t end = std::max(recording.end, recording.start + 1);
@@ -54,19 +59,21 @@ std::vector<PictureSpan> Coverage::Of(const Recording& recording) const {
   return spans;
 }
 
-size_t Coverage::CountDifferences(const std::vector<Recording>& recordings) const {
-  const auto open = std::find_if(recordings.begin(), recordings.end(), [](const Recording& each) {
-    return each.state != Recording::State::kComplete;
-  });
-  const int64_t settled = open != recordings.end() ? open->start : kLatestTime;
+size_t Coverage::CountDifferences(const Recordings& recordings) const {
+  const std::vector<Recording>& open = recordings.Open();
+  const auto first =
+      std::find_if(open.begin(), open.end(), [this](const Recording& each) { return each.Overlaps(mRange); });
+  const int64_t settled = first != open.end() ? first->start : kLatestTime;
   std::vector<Key> named;
   std::vector<Key> known;
-  for (const Recording& each : recordings) {
-    if (each.start < settled) named.emplace_back(each.start, each.end, each.mask);
-  }
-  for (const auto& [key, spans] : mKnown) {
-    if (std::get<0>(key) < settled && Overlaps(std::get<0>(key), std::get<1>(key), mRange))
-      known.push_back(key);
+  named.reserve(mKnown.size());
+  known.reserve(mKnown.size());
+  recordings.ForEach(mRange, kAnyChannel, [&](const Recording& each) {
+    if (each.start < settled) named.push_back(KeyOf(each));
+  });
+  for (const TimeSearchRecording& each : mKnown) {
+    if (each.startTime < settled && Overlaps(each.startTime, each.endTime, mRange))
+      known.push_back(KeyOf(each));
   }
   for (std::vector<Key>* keys : {&named, &known}) {
     if (!std::is_sorted(keys->begin(), keys->end())) std::sort(keys->begin(), keys->end());
@@ -84,8 +91,7 @@ bool HasPictures(const std::vector<PictureSpan>& spans, int channel, const Range
   });
 }
 
-std::map<int, std::vector<PictureSpan>> PartlyCovered(const Recording& recording,
-                                                      const std::vector<PictureSpan>& spans) {
+PartlyRecorded PartlyCovered(const Recording& recording, const std::vector<PictureSpan>& spans) {
   const auto isThroughout = [&recording](const PictureSpan& span) {
     return span.begin - recording.start * kMicros < kWholeMargin &&
            recording.end * kMicros - span.end < kWholeMargin;
@@ -98,7 +104,7 @@ std::map<int, std::vector<PictureSpan>> PartlyCovered(const Recording& recording
     whole |= channel;
     if (&span == &spans.back() && (recording.mask & ~whole) == 0) return {};
   }
-  std::map<int, std::vector<PictureSpan>> partly;
+  PartlyRecorded partly;
   for (int channel = 0; channel < IMF_CHANNEL_LIMIT; channel++) {
     if (recording.HasChannel(channel)) partly[channel] = {};
   }

@@ -3,14 +3,12 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <list>
 #include <optional>
 #include <string>
-#include <tuple>
-#include <utility>
 #include <vector>
 
-#include "PictureSpan.h"
+#include "SearchDb.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/looking/Recordings.h"
 
@@ -31,26 +29,24 @@ class Coverage {
   Coverage(const Disks& disks, const Range& range);
 
   // In the order of channels, and of time within each. Of a recording that neither its database nor its file
-  // tells of, what its name says: every channel, from its start to its end.
-  std::vector<PictureSpan> Of(const Recording& recording) const;
-  // How many recordings that overlap the range are in a database and not in `recordings`, or the other way
+  // tells of, what its name says: every channel, from its start to its end. Valid as long as the object.
+  const std::vector<PictureSpan>& Of(const Recording& recording) const;
+  // How many recordings that overlap the range are in a database and not among `recordings`, or the other way
   // round. Names are the truth; a recorder at work completes a recording in one step and adds it to its
   // database in the next, so those from the first that is not complete on don't count.
-  size_t CountDifferences(const std::vector<Recording>& recordings) const;
+  size_t CountDifferences(const Recordings& recordings) const;
 
  private:
-  using Key = std::tuple<int64_t, int64_t, uint32_t>;  // start, end, mask
-
   const Range mRange;
-  std::vector<std::pair<Key, std::vector<PictureSpan>>> mKnown;  // ascending
+  std::vector<TimeSearchRecording> mKnown;            // ascending
+  mutable std::list<std::vector<PictureSpan>> mRead;  // from files, and from names
 };
 
 // Whether a channel, or any of them, has pictures in the range.
 bool HasPictures(const std::vector<PictureSpan>& spans, int channel, const Range& range);
 // The spans of the channels that do not have pictures all through the recording; of one without any pictures,
 // an empty list. Microseconds since the epoch.
-std::map<int, std::vector<PictureSpan>> PartlyCovered(const Recording& recording,
-                                                      const std::vector<PictureSpan>& spans);
+PartlyRecorded PartlyCovered(const Recording& recording, const std::vector<PictureSpan>& spans);
 // A moment, microseconds since the epoch, and the recording that it is in.
 struct Moment {
   int64_t time;

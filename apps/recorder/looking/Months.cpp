@@ -37,7 +37,7 @@ bool HasPicturesIn(Month month, const Disks& disks, const Recordings& recordings
   const Range range = {BeginOf(month) * kMicros, std::min(BeginOf(Following(month)), kLatestTime) * kMicros};
   for (const Recording& each : recordings.Find(range, kAnyChannel)) {
     const Coverage coverage(disks, {each.start * kMicros, each.end * kMicros});
-    const std::vector<PictureSpan> spans = coverage.Of(each);
+    const std::vector<PictureSpan>& spans = coverage.Of(each);
     if (each.mask == 0 || HasPictures(spans, kAnyChannel, range)) return true;
   }
   return false;

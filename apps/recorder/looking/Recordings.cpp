@@ -51,12 +51,11 @@ int64_t EndOf(const std::string& path) { return FmgrDataRepository::FileNameToEn
 
 Recordings::Recordings(const Disks& disks) : mDisks(disks) { FindOpen(); }
 
-Recording Recordings::Describe(const std::string& path) const {
+Recording Recordings::Describe(std::string path) const {
   for (const Recording& open : mOpen) {
     if (open.path == path) return open;
   }
   Recording recording;
-  recording.path = path;
   const std::string name = NameOf(path);
   recording.start = FmgrDataRepository::FileNameToStartTimeSec(name);
   recording.end = FmgrDataRepository::FileNameToEndTimeSec(name);
@@ -70,6 +69,7 @@ Recording Recordings::Describe(const std::string& path) const {
     recording.end = recording.start;
     recording.mask = ChannelsOf(path);
   }
+  recording.path = std::move(path);
   return recording;
 }
 
@@ -105,11 +105,12 @@ std::vector<Recording> Recordings::List(const Range& range, int channel) const {
   std::list<std::string> paths;
   mDisks.Manager()->CollectFileList(paths, condition);
   std::vector<Recording> found;
+  found.reserve(mOpen.size() + paths.size());
   const auto take = [&](Recording recording) {
     if (recording.Overlaps(range) && recording.HasChannel(channel)) found.push_back(std::move(recording));
   };
   for (const Recording& open : mOpen) take(open);
-  for (const std::string& path : paths) take(Describe(path));
+  for (std::string& path : paths) take(Describe(std::move(path)));
   const auto ascending = [](const Recording& a, const Recording& b) { return a.start < b.start; };
   if (!std::is_sorted(found.begin(), found.end(), ascending)) {
     std::stable_sort(found.begin(), found.end(), ascending);
@@ -125,9 +126,19 @@ const std::vector<Recording>& Recordings::All() const {
 std::vector<Recording> Recordings::Find(const Range& range, int channel) const {
   if (!mAll && !(range == Range())) return List(range, channel);
   std::vector<Recording> found;
-  std::copy_if(All().begin(), All().end(), std::back_inserter(found),
-               [&](const Recording& each) { return each.Overlaps(range) && each.HasChannel(channel); });
+  ForEach(range, channel, [&found](const Recording& each) { found.push_back(each); });
   return found;
+}
+
+void Recordings::ForEach(const Range& range, int channel,
+                         const std::function<void(const Recording&)>& use) const {
+  if (!mAll && !(range == Range())) {
+    for (const Recording& each : List(range, channel)) use(each);
+    return;
+  }
+  for (const Recording& each : All()) {
+    if (each.Overlaps(range) && each.HasChannel(channel)) use(each);
+  }
 }
 
 uint32_t Recordings::Channels() const {
@@ -216,23 +227,28 @@ void PrintPart(const Recording& recording, int channel, const std::vector<Pictur
   Print("  channel %d only %s\n", channel, text.empty() ? "without pictures" : text.c_str());
 }
 
+size_t PaddingOf(const std::string& text, size_t width) { return width - std::min(width, text.size()); }
+
 }  // namespace
 
-void PrintRecording(const Recording& recording, bool json, const char* note, const ChannelNames& names) {
+void PrintRecording(const Recording& recording, const PartlyRecorded& partly, bool json,
+                    const std::string& note, const ChannelNames& names) {
   std::string known;
   for (const auto& [number, name] : names) {
     if (recording.HasChannel(number)) known += (known.empty() ? "(" : ", ") + name;
   }
   if (!known.empty()) known += ") ";
   if (!json) {
-    Print("%s  %s  %8s  channels %-7s %s%s%s%s%s%s\n", FormatTime(recording.start).c_str(),
-          FormatTime(recording.end).c_str(),
-          FormatDuration(static_cast<double>(recording.end - recording.start)).c_str(),
-          FormatChannels(recording.mask).c_str(), known.c_str(), recording.path.c_str(),
-          recording.state == Recording::State::kComplete ? "" : "  ",
-          recording.state == Recording::State::kComplete ? "" : NameOfState(recording.state),
-          *note != '\0' ? "  " : "", note);
-    for (const auto& [channel, spans] : recording.partly) PrintPart(recording, channel, spans);
+    // Put together piece by piece: a list has hundreds of thousands of lines.
+    const std::string duration = FormatDuration(static_cast<double>(recording.end - recording.start));
+    const std::string channels = FormatChannels(recording.mask);
+    std::string line = FormatTime(recording.start) + "  " + FormatTime(recording.end) + "  ";
+    line.append(PaddingOf(duration, 8), ' ').append(duration).append("  channels ");
+    line.append(channels).append(PaddingOf(channels, 7) + 1, ' ').append(known).append(recording.path);
+    if (recording.state != Recording::State::kComplete) line.append("  ").append(NameOfState(recording.state));
+    if (!note.empty()) line.append("  ").append(note);
+    Print("%s\n", line.c_str());
+    for (const auto& [channel, spans] : partly) PrintPart(recording, channel, spans);
     return;
   }
   nlohmann::ordered_json line;
@@ -245,7 +261,7 @@ void PrintRecording(const Recording& recording, bool json, const char* note, con
   for (int channel = 0; channel < IMF_CHANNEL_LIMIT; channel++) {
     if (recording.HasChannel(channel)) line["channels"].push_back(channel);
   }
-  for (const auto& [channel, spans] : recording.partly) {
+  for (const auto& [channel, spans] : partly) {
     nlohmann::ordered_json part = {{"channel", channel}, {"recorded", nlohmann::ordered_json::array()}};
     for (const PictureSpan& span : spans) {
       part["recorded"].push_back({{"start", FormatExactTime(span.begin)}, {"end", FormatExactTime(span.end)}});
@@ -256,7 +272,7 @@ void PrintRecording(const Recording& recording, bool json, const char* note, con
     if (recording.HasChannel(number)) line["names"][std::to_string(number)] = name;
   }
   line["state"] = NameOfState(recording.state);
-  if (*note != '\0') line["note"] = note;
+  if (!note.empty()) line["note"] = note;
   PrintLine(line);
 }
 

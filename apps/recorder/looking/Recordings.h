@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -29,8 +30,6 @@ struct Recording {
   int64_t end = 0;    // of one that is not complete: as far as its file tells
   uint32_t mask = 0;  // bit n: channel n is in it
   State state = State::kComplete;
-  // Channels that do not have pictures all through it, and when they have; filled by whoever asks Coverage.
-  std::map<int, std::vector<PictureSpan>> partly = {};
 
   bool HasChannel(int channel) const { return channel == kAnyChannel || (mask >> channel & 1) != 0; }
   bool Overlaps(const Range& range) const { return recorder::Overlaps(start, end, range); }
@@ -53,6 +52,8 @@ class Recordings {
   const std::vector<Recording>& All() const;
   // Those that overlap the range and hold the channel, in ascending order, the ones in progress included.
   std::vector<Recording> Find(const Range& range, int channel) const;
+  // The same, one after another, and not copied where all are listed.
+  void ForEach(const Range& range, int channel, const std::function<void(const Recording&)>& use) const;
   // Those that are not complete, in ascending order.
   const std::vector<Recording>& Open() const { return mOpen; }
   // Every channel that is recorded, as a mask.
@@ -61,7 +62,7 @@ class Recordings {
   std::optional<Recording> LastBefore(int64_t time, int channel) const;
   std::optional<Recording> FirstAfter(int64_t time, int channel) const;
 
-  Recording Describe(const std::string& path) const;
+  Recording Describe(std::string path) const;
 
   // The recording's neighbour over all disks; nothing at the first and last one.
   std::optional<Recording> Previous(const Recording& recording) const;
@@ -79,10 +80,14 @@ class Recordings {
   mutable std::optional<std::vector<Recording>> mAll;
 };
 
+// Channels that do not have pictures all through a recording, and when they have (microseconds since the
+// epoch).
+using PartlyRecorded = std::map<int, std::vector<PictureSpan>>;
+
 // One line, or one JSON object, on standard output, with the channels that are only partly in it. `note` is put
 // behind the line, or into its "note"; `names` stand beside the numbers of their channels.
-void PrintRecording(const Recording& recording, bool json, const char* note = "",
-                    const ChannelNames& names = {});
+void PrintRecording(const Recording& recording, const PartlyRecorded& partly, bool json,
+                    const std::string& note, const ChannelNames& names);
 const char* NameOfState(Recording::State state);
 
 }  // namespace recorder

@@ -61,8 +61,7 @@ Timeline CollectTimeline(const Disks& disks, const Recordings& recordings, const
   const Range whole = {timeline.since * kMicros, timeline.until * kMicros};
 
   const Coverage coverage(disks, whole);
-  const std::vector<Recording> found = recordings.Find(whole, kAnyChannel);
-  if (const size_t differences = coverage.CountDifferences(found)) {
+  if (const size_t differences = coverage.CountDifferences(recordings)) {
     Complain(
         "the search databases and the file names differ in %zu recordings; shown is what names and files say",
         differences);
@@ -78,16 +77,17 @@ Timeline CollectTimeline(const Disks& disks, const Recordings& recordings, const
   std::map<std::string, TimelineRow> disksRows;
   std::map<std::string, int64_t> disksEnds;
   std::vector<PictureSpan> own;
-  for (const Recording& each : found) {
-    std::vector<PictureSpan> spans = coverage.Of(each);
+  recordings.ForEach(whole, kAnyChannel, [&](const Recording& each) {
+    const std::vector<PictureSpan>& spans = coverage.Of(each);
     for (auto& [number, row] : rows) {
       own.clear();
       std::copy_if(spans.begin(), spans.end(), std::back_inserter(own),
                    [number = number](const PictureSpan& span) { return span.channel == number; });
       AddSpans(each, own, &ends[number], &row);
     }
-    AddSpans(each, spans, &disksEnds[each.disk], &disksRows[each.disk]);
-  }
+    own = spans;
+    AddSpans(each, own, &disksEnds[each.disk], &disksRows[each.disk]);
+  });
   for (const auto& [number, row] : rows) timeline.channels.push_back(row);
   for (const Disk& disk : disks.All()) {
     timeline.disks.push_back({"disk " + disk.name, disksRows[disk.name].spans});
