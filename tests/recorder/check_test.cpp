@@ -80,6 +80,8 @@ const Planted kFaults[] = {
      "ln -s $PWD/$A $D/65000100_00000000.imf"},
     {"NoDirectoryNumber", Fault::kDirectoryName, "/data_old copy", "mkdir 'data_old copy'"},
     {"Foreign", Fault::kForeign, kData + "it's \"notes\".txt", "echo x >$D/it\\'s\\ '\"notes\".txt'"},
+    {"OddManifest", Fault::kForeign, "/recorder.disk", "echo x >recorder.disk"},
+    {"FifoAsLock", Fault::kNoRegularFile, "/.recorder.lock", "mkfifo .recorder.lock"},
     {"OddSpelling", Fault::kName, kData + "65000000_6500000a_cm01.imf", "mv $A $D/65000000_6500000a_cm01.imf"},
     {"Unfinished", Fault::kUnfinished, kData + "65000014_00000000.imf", "mv $C $D/65000014_00000000.imf"},
     {"OtherStart", Fault::kHeader, kData + "64000000_64000010_cm1.imf", "mv $A $D/64000000_64000010_cm1.imf"},

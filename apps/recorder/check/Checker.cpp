@@ -15,6 +15,7 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/check/RecordCheck.h"
+#include "apps/recorder/disks/DirectoryLock.h"
 #include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/disks/Preparation.h"
 #include "apps/recorder/disks/SetAside.h"
@@ -75,6 +76,7 @@ class DiskCheck {
   void Find(Fault fault, const std::string& path, const std::string& what);
   bool List(const std::string& directory, std::vector<std::string>* names);
   bool Look(const std::string& path, struct stat* info, bool wantDirectory);
+  void LookAtOwn(const std::string& name);
   void WalkPool(const std::string& directory);
   void WalkData(const std::string& name);
   void WalkSimple(const std::string& directory, Place place);
@@ -354,6 +356,19 @@ void DiskCheck::JudgeCount() {
            " files that were laid down are not there");
 }
 
+// What the recorder keeps beside its directories. The reserve may have any size, a record file's as well.
+void DiskCheck::LookAtOwn(const std::string& name) {
+  const std::string path = Join(mReport.path, name);
+  struct stat info = {};
+  // One that is there and can't be moved is no fault: nobody moves it.
+  if (lstat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) Look(path, &info, false);
+  if (!S_ISREG(info.st_mode)) return;
+  if (name != kReserveFile) Add(path, info, Place::kElsewhere);
+  if (name == kManifestName && !mManifest) {
+    Find(Fault::kForeign, path, "can't be understood, so nobody notices when laid-down files are missing");
+  }
+}
+
 DiskReport DiskCheck::Run() {
   std::vector<std::string> names;
   struct stat info = {};
@@ -375,9 +390,10 @@ DiskReport DiskCheck::Run() {
       WalkData(name);
     } else if (IsSetAsideName(name)) {
       WalkSetAside(path);
+    } else if (name == kManifestName || name == kReserveFile || name == kLockFile) {
+      LookAtOwn(name);
     } else if (lstat(path.c_str(), &info) == 0) {
-      // The reserve may have any size, a record file's as well.
-      if (S_ISREG(info.st_mode) && name != kReserveFile) Add(path, info, Place::kElsewhere);
+      if (S_ISREG(info.st_mode)) Add(path, info, Place::kElsewhere);
       if (S_ISDIR(info.st_mode) && info.st_dev == mDevice) WalkElsewhere(path, 0);
     }
   }

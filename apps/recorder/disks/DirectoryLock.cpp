@@ -23,7 +23,7 @@ using Inode = std::pair<dev_t, ino_t>;
 std::mutex gMutex;
 std::set<Inode> gHeld;
 
-std::string LockPath(const std::string& directory) { return directory + "/.recorder.lock"; }
+std::string LockPath(const std::string& directory) { return directory + "/" + kLockFile; }
 
 std::string HostName() {
   char name[65] = "";

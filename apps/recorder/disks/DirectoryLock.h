@@ -21,6 +21,8 @@
 
 namespace recorder {
 
+constexpr char kLockFile[] = ".recorder.lock";
+
 class DirectoryLock {
  public:
   DirectoryLock() = default;
