@@ -29,11 +29,11 @@ TEST_F(AllocationTest, FromFreeFileToCompletedRecording) {
   const std::string disk = Add("a 2");
   const std::set<unsigned long> inodes = InodesOf(disk);
   EXPECT_EQ(0, mManager->MakeCheckInitDataRepository());
-  EXPECT_EQ(DataDir(disk, 1), LinkTarget("/tmp/curr_rep"));
+  EXPECT_EQ(DataDir(disk, 1), fs::read_symlink("/tmp/curr_rep").string());
   std::string path;
   EXPECT_EQ(0, Make(0, path));
   EXPECT_EQ(PathOf(disk, "1:0"), path);
-  EXPECT_EQ(disk, LinkTarget("/tmp/curr_disk"));
+  EXPECT_EQ(disk, fs::read_symlink("/tmp/curr_disk").string());
   std::string completed;
   EXPECT_EQ(0, mManager->RenameRecordFile(path, kT + 60, 1, completed));
   EXPECT_EQ(PathOf(disk, "1:0-60"), completed);

@@ -15,13 +15,8 @@ using Repository = FmgrDataRepository;
 
 TEST(RecordFileName, WhatANameYields) {
   enum Cache { kSame, kInProgress, kRefused };  // how the cache reads the name; in progress: the start alone
-  const struct {
-    const char* name;
-    unsigned valid;
-    int start, end;
-    unsigned mask;
-    Cache cache;
-  } rows[] = {
+  const std::tuple<std::string, unsigned, int, int, unsigned, Cache> rows[] = {
+      // name, whether it is valid, start, end, mask
       {"5f5e1000_00000000.imf", 1, 1600000000, 0, 0, kSame},
       {"5f5e1000_5f5e1258_cmf.imf", 1, 1600000000, 1600000600, 0xf, kSame},
       {"7ffffffe_7fffffff_cmffffffff.imf", 1, INT_MAX - 1, INT_MAX, UINT_MAX, kSame},
@@ -48,18 +43,17 @@ TEST(RecordFileName, WhatANameYields) {
       {"%s%n_%s_cm%n.imf", 1, 0, 0, 0, kRefused},
   };
   Repository repository("/mnt/x", 3, nullptr, nullptr, 0);
-  for (const auto& row : rows) {
-    const std::string name = row.name;
-    EXPECT_EQ(row.valid, repository.IsValidFileName(name)) << name;
-    EXPECT_EQ(row.start, Repository::FileNameToStartTimeSec(name)) << name;
-    EXPECT_EQ(row.end, Repository::FileNameToEndTimeSec(name)) << name;
-    EXPECT_EQ(row.mask, Repository::FileNameToChannelMask(name)) << name;
-    EXPECT_EQ(row.end != 0, repository.IsCompletedFile(name)) << name;
+  for (const auto& [name, valid, start, end, mask, cache] : rows) {
+    EXPECT_EQ(valid, repository.IsValidFileName(name)) << name;
+    EXPECT_EQ(start, Repository::FileNameToStartTimeSec(name)) << name;
+    EXPECT_EQ(end, Repository::FileNameToEndTimeSec(name)) << name;
+    EXPECT_EQ(mask, Repository::FileNameToChannelMask(name)) << name;
+    EXPECT_EQ(end != 0, repository.IsCompletedFile(name)) << name;
     RecordName read{};
-    EXPECT_EQ(row.cache != kRefused, ParseRecordName(name, &read)) << name;
+    EXPECT_EQ(cache != kRefused, ParseRecordName(name, &read)) << name;
     RecordName expected{};
-    if (row.cache != kRefused) expected.startTime = static_cast<uint32_t>(row.start);
-    if (row.cache == kSame) std::tie(expected.endTime, expected.channelMask) = std::tuple(row.end, row.mask);
+    if (cache != kRefused) expected.startTime = static_cast<uint32_t>(start);
+    if (cache == kSame) std::tie(expected.endTime, expected.channelMask) = std::tuple(end, mask);
     EXPECT_EQ(std::tie(expected.startTime, expected.endTime, expected.channelMask),
               std::tie(read.startTime, read.endTime, read.channelMask))
         << name;

@@ -76,12 +76,6 @@ TEST(Group, MergesByStartBehindEqualStarts) {
   EXPECT_EQ(" a3 a2 b1 b2 a1", order);
 }
 
-TEST(Group, SuccessionOfRecordings) {
-  Disk disk(kCache, {{}, kTwo, kOne});
-  EXPECT_EQ(1, disk.group.IsNeedChangeRepository(0x5f5e1258 - 6));
-  EXPECT_EQ(0, disk.group.IsNeedChangeRepository(0x5f5e1258 - 5));
-}
-
 TEST(Group, OldestAndRange) {
   const Names a = {"10_1f_cm1.imf"}, b = {"20_2f_cm1.imf"}, none, zero = {"x_30_cm1.imf"},
               open = {"8_00000000.imf"};

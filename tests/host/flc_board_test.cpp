@@ -52,13 +52,11 @@ namespace {
 TEST(FlcBoard, EveryRequestReachesTheDescriptor) {
   static const char kDisk[] = "usbdisk12";  // goes out as "usbdisk1", without a terminator
   const flc_file_info_param_t none{};
-  const flc_file_info_param_t any{{}, -1, 150, 9, 3, -1}, ask{{'?', '?', '?'}, 7, 150, 9, 3, -1},
-      sent{{'u', 's', 'b', 'd', 'i', 's', 'k', '1'}, 7, 150, 9, 3, -1};
-  const auto file = [sent](uint32_t start, uint32_t end, uint32_t mask) {
-    flc_file_info_param_t param{{}, 7, start, end, mask, 0};
-    std::memcpy(param.diskName, sent.diskName, sizeof param.diskName);
-    return param;
+  const auto file = [](uint32_t start, uint32_t end, uint32_t mask, int query = 0) {
+    return flc_file_info_param_t{{'u', 's', 'b', 'd', 'i', 's', 'k', '1'}, 7, start, end, mask, query};
   };
+  const flc_file_info_param_t any{{}, -1, 150, 9, 3, -1}, ask{{'?', '?', '?'}, 7, 150, 9, 3, -1},
+      sent = file(150, 9, 3, -1);
   const Row rows[] = {
       {[](Page) { return FlcRegisterRepository(kDisk, 7); }, none, 0x400cf303, 12, file(0, 0, 0)},
       {[](Page) { return FlcUnregisterRepository(kDisk, 7); }, none, 0x400cf304, 12, file(0, 0, 0)},

@@ -126,9 +126,7 @@ TEST_F(SearchDbTest, FindsWhatOverlapsTheInterval) {
 // interval then. Whatever is known by then, the answers are the same.
 TEST_F(SearchDbTest, FindsTheSameInWhatIsRemembered) {
   std::mt19937 random(7);
-  const auto below = [&random](int limit) {
-    return static_cast<int32_t>(random() % static_cast<unsigned>(limit));
-  };
+  const auto below = [&random](unsigned limit) { return static_cast<int32_t>(random() % limit); };
   std::string rows = "INSERT INTO recording VALUES(1, 2, 1)";
   Recordings all = {{1, 2, 1}};
   for (int32_t start = 100; start < 100000; start += 100) {

@@ -84,7 +84,6 @@ TEST_P(Crash, LosesNothing) {
   if (!whyNot.empty()) GTEST_SKIP() << whyNot;
 
   Stage stage;
-  fs::create_directory(stage.Root() + "/disk");
   scenario.build(stage);
   ASSERT_FALSE(HasFatalFailure());
   stage.Save();

@@ -58,12 +58,6 @@ class HealthTest : public RecorderFixture {
     }
     return mNotified;
   }
-  void Listen(const std::string& path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(mSocket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  }
 
   const std::string mPath = mRoot.Path();
   std::unique_ptr<Process> mCamera, mRecorder;
@@ -88,7 +82,10 @@ TEST_F(HealthTest, SpeaksUp) {
     EXPECT_EQ(mProgram.out.rfind("# /etc/recorder.conf\nroot = " + mPath + "\n", 0), 0u) << mProgram.out;
   }
 
-  Listen(mPath + "/socket");
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  (mPath + "/socket").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(mSocket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   StartCamera();
   mRecorder = Start("sh -c \"trap '' XFSZ; NOTIFY_SOCKET=" + mPath +
                     "/socket WATCHDOG_USEC=600000 exec " RECORDER_PROGRAM " --config " + mPath + "/c record\"");

@@ -268,21 +268,9 @@ TEST_F(MountedDisk, RecordsWithoutAFreeBlock) {
   EXPECT_EQ(0, Run("check")) << mProgram.out;
 }
 
-TEST_F(MountedDisk, NeverRemovesADirectoryWithSomebodyElsesFilesInIt) {
+TEST_F(MountedDisk, LeavesADirectoryOutWhileSomethingIsMountedOverItAndNeverRemovesWhatIsMountedInIt) {
   Record();
-  const std::string mount = mDisk + "/data_00000001/mnt";
-  ASSERT_EQ(
-      0, Shell("mkdir " + mount + " && mount -t tmpfs none " + mount + " && echo x >" + mount + "/precious"));
-  WriteText(mDisk + "/imf_error", "");
-  for (int i = 0; i < 3; ++i) Record();
-  EXPECT_TRUE(fs::exists(mount + "/precious"));
-  EXPECT_TRUE(fs::exists(mDisk + "/set_aside/imf_error"));
-  EXPECT_EQ(12u, InodesOf(mDisk).size());
-}
-
-TEST_F(MountedDisk, LeavesADirectoryOutWhileSomethingIsMountedOverIt) {
-  Record();
-  const std::string directory = mDisk + "/data_00000001";
+  const std::string directory = mDisk + "/data_00000001", mount = directory + "/mnt";
   ASSERT_EQ(0, Shell("mount -t tmpfs none " + directory));
   Record();
   EXPECT_TRUE(Has(mLines, directory + "/ is another file system: it is passed over"));
@@ -293,6 +281,14 @@ TEST_F(MountedDisk, LeavesADirectoryOutWhileSomethingIsMountedOverIt) {
   EXPECT_EQ(0, status["missingFiles"]) << "nobody can tell";
   ASSERT_EQ(0, Shell("umount " + directory));
   EXPECT_EQ(0, Run("check")) << mProgram.out;
+
+  ASSERT_EQ(
+      0, Shell("mkdir " + mount + " && mount -t tmpfs none " + mount + " && echo x >" + mount + "/precious"));
+  WriteText(mDisk + "/imf_error", "");
+  for (int i = 0; i < 3; ++i) Record();
+  EXPECT_TRUE(fs::exists(mount + "/precious"));
+  EXPECT_TRUE(fs::exists(mDisk + "/set_aside/imf_error"));
+  EXPECT_EQ(12u, InodesOf(mDisk).size());
 }
 
 }  // namespace

@@ -14,14 +14,7 @@ namespace {
 
 constexpr uint64_t kGiB = 1024 * kMiB;
 
-Room MakeRoom(uint64_t total, uint64_t free, int64_t files = -1) {
-  Room room;
-  room.total = total;
-  room.free = free;
-  room.files = files;
-  room.isMountPoint = true;
-  return room;
-}
+Room MakeRoom(uint64_t total, uint64_t free, int64_t files = -1) { return {total, free, files, true}; }
 
 PrepareOptions Options(const std::string& size, int64_t count, const std::string& reserve = "") {
   PrepareOptions options;

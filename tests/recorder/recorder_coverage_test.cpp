@@ -13,46 +13,43 @@ using Json = nlohmann::json;
 constexpr int64_t kStart = 1717200000;  // 2024-06-01T00:00:00Z
 using Seconds = std::vector<std::pair<double, double>>;
 
-class RecorderCoverage : public RecorderFixture {
- protected:
-  void SetUp() override {
-    setenv("TZ", "UTC", 1);
-    fs::create_directories(mRoot.Path() + "/made");
-    std::string inputs;
-    for (const char* what :
-         {"-t 30", "-t 5", "-t 30 -vf \"select='not(between(t,10,17.97))'\" -fps_mode passthrough"}) {
-      const std::string video = mRoot.Path() + "/made/" + std::to_string(inputs.size()) + ".mp4";
-      mProgram.MakeVideo(video, std::string("-preset ultrafast -g 25 ") + what,
-                         "testsrc2=size=160x120:rate=25");
-      inputs += " --input " + video;
-    }
-    ASSERT_EQ(Run("prepare --on-system-disk --size 4M --count 4 --disk a"), 0) << mProgram.err;
-    ASSERT_EQ(Run("record --segment 60 --clock stream --start " + std::to_string(kStart) + inputs), 0)
-        << mProgram.err;
-  }
-  static double Second(const std::string& time) {  // of this minute
-    return time.substr(0, 17) == "2024-06-01T00:00:" ? std::stod(time.substr(17)) : -1;
-  }
-  static Seconds SecondsOf(const Json& spans) {
-    Seconds seconds;
-    for (const Json& span : spans) seconds.emplace_back(Second(span["start"]), Second(span["end"]));
-    return seconds;
-  }
-  std::vector<PictureSpan> Charted() const {
-    TimeSearchChart chart;
-    chart.endTime = INT32_MAX;
-    EXPECT_TRUE(SearchDb(mDirectory, SEARCH_DB_READ).CollectData(&chart));
-    return chart.recordings.size() == 1 ? chart.recordings[0].spans : std::vector<PictureSpan>();
-  }
+double Second(const std::string& time) {  // of this minute
+  return time.substr(0, 17) == "2024-06-01T00:00:" ? std::stod(time.substr(17)) : -1;
+}
 
-  const std::string mDirectory = mRoot.Path() + "/disk/a/data_00000001/";
-};
+Seconds SecondsOf(const Json& spans) {
+  Seconds seconds;
+  for (const Json& span : spans) seconds.emplace_back(Second(span["start"]), Second(span["end"]));
+  return seconds;
+}
+
+using RecorderCoverage = RecorderFixture;
 
 TEST_F(RecorderCoverage, IsWhatTheCamerasSent) {
+  setenv("TZ", "UTC", 1);
+  fs::create_directories(mRoot.Path() + "/made");
+  std::string inputs;
+  for (const char* what :
+       {"-t 30", "-t 5", "-t 30 -vf \"select='not(between(t,10,17.97))'\" -fps_mode passthrough"}) {
+    const std::string video = mRoot.Path() + "/made/" + std::to_string(inputs.size()) + ".mp4";
+    mProgram.MakeVideo(video, std::string("-preset ultrafast -g 25 ") + what, "testsrc2=size=160x120:rate=25");
+    inputs += " --input " + video;
+  }
+  ASSERT_EQ(Run("prepare --on-system-disk --size 4M --count 4 --disk a"), 0) << mProgram.err;
+  ASSERT_EQ(Run("record --segment 60 --clock stream --start " + std::to_string(kStart) + inputs), 0)
+      << mProgram.err;
+  const std::string directory = DiskPath("a") + "/data_00000001/";
+  const auto chart = [&] {
+    TimeSearchChart all;
+    all.endTime = INT32_MAX;
+    EXPECT_TRUE(SearchDb(directory, SEARCH_DB_READ).CollectData(&all));
+    return all.recordings.size() == 1 ? all.recordings[0].spans : std::vector<PictureSpan>();
+  };
+
   const auto at = [](double second) { return (kStart * 1000 + static_cast<int64_t>(second * 1000)) * 1000; };
   const std::vector<PictureSpan> spans = {
       {0, at(0), at(30)}, {1, at(0), at(5)}, {2, at(0), at(10)}, {2, at(18), at(30)}};
-  const std::vector<PictureSpan> charted = Charted();
+  const std::vector<PictureSpan> charted = chart();
   ASSERT_EQ(charted.size(), spans.size());
   for (size_t i = 0; i < spans.size(); ++i) {
     EXPECT_EQ(charted[i].channel, spans[i].channel);
@@ -63,7 +60,7 @@ TEST_F(RecorderCoverage, IsWhatTheCamerasSent) {
   // By the database, and without one by the file.
   for (const bool hasDb : {true, false}) {
     SCOPED_TRACE(hasDb);
-    if (!hasDb) fs::remove(mDirectory + "search.fdb");
+    if (!hasDb) fs::remove(directory + "search.fdb");
     EXPECT_EQ(Run("list --json"), 0);
     const Json listed = mProgram.JsonLines().at(0)["partly"];
     ASSERT_EQ(listed.size(), 2u) << listed;
@@ -98,8 +95,8 @@ TEST_F(RecorderCoverage, IsWhatTheCamerasSent) {
   }
 
   SearchDbRebuildReport report;
-  ASSERT_EQ(RebuildSearchDb(mDirectory, nullptr, &report), SearchDbRebuildResult::kDone) << report.error;
-  EXPECT_EQ(Charted(), charted) << "made anew, it is what recording had made";
+  ASSERT_EQ(RebuildSearchDb(directory, nullptr, &report), SearchDbRebuildResult::kDone) << report.error;
+  EXPECT_EQ(chart(), charted) << "made anew, it is what recording had made";
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ struct Video {
 class RecorderTest : public RecorderFixture {
  protected:
   static void SetUpTestSuite() {
-    sDirectory = new TestRoot;
+    sDirectory = std::make_unique<TestRoot>();
     RecorderProgram tools(sDirectory->Path());
     for (const auto& [name, group] :
          {std::pair("/a.mp4", 25), std::pair("/b.ts", 2000)}) {  // 2000: one key frame
@@ -24,10 +24,6 @@ class RecorderTest : public RecorderFixture {
       ASSERT_EQ(video.packets.size(), 1000u);
       sVideos.push_back(video);
     }
-  }
-  static void TearDownTestSuite() {
-    delete sDirectory;
-    sVideos.clear();
   }
 
   void Prepare(const std::string& disk, int count) {
@@ -61,31 +57,6 @@ class RecorderTest : public RecorderFixture {
     EXPECT_EQ(writers, writing ? 1 : 0);
   }
 
-  // Descriptions of all packets by channel, in order of recording.
-  std::map<int, Names> StoredPackets(bool keyFramesFirst) {
-    std::map<int, Names> stored;
-    for (const auto& file : RecordFiles()) {
-      ImfReader reader;
-      EXPECT_TRUE(reader.Open(file.second)) << reader.Error();
-      std::set<int> described;
-      bool first = true;
-      for (ImfReader::Item item; (item = reader.Next()) != ImfReader::Item::kEnd;) {
-        if (item == ImfReader::Item::kStream) {
-          described.insert(reader.Stream().channel);
-          EXPECT_FALSE(reader.Stream().extraData.empty());
-          continue;
-        }
-        if (item != ImfReader::Item::kPacket) throw std::runtime_error("damaged: " + file.second);
-        const ImfPacket& packet = reader.Packet();
-        EXPECT_EQ(described.count(packet.channel), 1u) << "a file can be played on its own";
-        EXPECT_TRUE(!keyFramesFirst || !first || (packet.keyFrame && packet.channel == 0)) << file.second;
-        first = false;
-        const auto size = static_cast<unsigned>(packet.data.size());
-        stored[packet.channel].push_back(Text("CRC32:%08x%u", imf::Crc(packet.data.data(), size), size));
-      }
-    }
-    return stored;
-  }
   // Records two videos onto two disks that are too small for them.
   void ExpectLatestPackets(const Video& first, bool keyFramesFirst) {
     Prepare("a", 4);
@@ -93,7 +64,27 @@ class RecorderTest : public RecorderFixture {
     ASSERT_EQ(Record("2024-05-01T12:00:00Z", "--segment 10", first), 0) << mProgram.err;
     ExpectSound();
     EXPECT_EQ(RecordFiles().size(), 7u) << "both disks are full";
-    std::map<int, Names> stored = StoredPackets(keyFramesFirst);
+    std::map<int, Names> stored;  // by channel, in order of recording
+    for (const auto& file : RecordFiles()) {
+      ImfReader reader;
+      EXPECT_TRUE(reader.Open(file.second)) << reader.Error();
+      std::set<int> described;
+      bool isFirst = true;
+      for (ImfReader::Item item; (item = reader.Next()) != ImfReader::Item::kEnd;) {
+        if (item == ImfReader::Item::kStream) {
+          described.insert(reader.Stream().channel);
+          EXPECT_FALSE(reader.Stream().extraData.empty());
+          continue;
+        }
+        ASSERT_EQ(item, ImfReader::Item::kPacket) << "damaged: " << file.second;
+        const ImfPacket& packet = reader.Packet();
+        EXPECT_EQ(described.count(packet.channel), 1u) << "a file can be played on its own";
+        EXPECT_TRUE(!keyFramesFirst || !isFirst || (packet.keyFrame && packet.channel == 0)) << file.second;
+        isFirst = false;
+        const auto size = static_cast<unsigned>(packet.data.size());
+        stored[packet.channel].push_back(Text("CRC32:%08x%u", imf::Crc(packet.data.data(), size), size));
+      }
+    }
     for (int channel : {0, 1}) {
       const Names& source = (channel == 0 ? first : sVideos[1]).packets;
       const Names& kept = stored[channel];
@@ -103,7 +94,7 @@ class RecorderTest : public RecorderFixture {
     }
   }
 
-  static inline TestRoot* sDirectory;
+  static inline std::unique_ptr<TestRoot> sDirectory;
   static inline std::vector<Video> sVideos;
 
   std::map<std::string, std::set<unsigned long>> mInodes;
@@ -141,37 +132,32 @@ TEST_F(RecorderTest, StopsAndComesBack) {
   ExpectSound();
 }
 
-struct SoundCase {
-  const char* input;  // ending
-  const char* options;
-  const char* output;   // ending
-  const char* leftOut;  // what the export says of sound that does not fit; nullptr: it is there
-  bool isSame = true;   // packets are as they were
-};
-
 // Sound that is lost, doubled or shifted against its pictures: where segments meet, behind a hole in it, by a
 // file whose sound is stored elsewhere than its pictures, by headers that a container does not want.
 TEST_F(RecorderTest, SoundStaysWithItsPictures) {
-  const SoundCase rows[] = {
-      {"mp4", "-c:a aac", "mp4", nullptr},
-      {"mp4", "-c:a aac -frag_duration 700000", "mkv", nullptr},
+  const std::tuple<std::string, std::string, std::string, const char*, bool> rows[] = {
+      // ending of the input, options, ending of the clip, what the export says of sound that does not fit,
+      // whether packets are as they were
+      {"mp4", "-c:a aac", "mp4", nullptr, true},
+      {"mp4", "-c:a aac -frag_duration 700000", "mkv", nullptr, true},
       {"ts", "-c:a aac", "mp4", nullptr, false},
-      {"mkv", "-c:a libopus -af aselect='not(between(t\\,5\\,7))'", "mp4", nullptr},
-      {"mkv", "-c:a pcm_mulaw -ar 8000", "mp4", "'pcm_mulaw' cannot be put into an MP4 file; .mov can hold it"},
+      {"mkv", "-c:a libopus -af aselect='not(between(t\\,5\\,7))'", "mp4", nullptr, true},
+      {"mkv", "-c:a pcm_mulaw -ar 8000", "mp4", "'pcm_mulaw' cannot be put into an MP4 file; .mov can hold it",
+       true},
       {"mkv", "-c:a pcm_mulaw -ar 8000", "mov", nullptr, false},
   };
   Prepare("a", 9);
   int64_t start = 1717199980;
-  for (const SoundCase& row : rows) {
-    SCOPED_TRACE(std::string(row.input) + " " + row.options + " " + row.output);
-    const std::string input = mRoot.Path() + "/in." + row.input, clip = mRoot.Path() + "/clip." + row.output;
-    mProgram.MakeVideo(input, std::string("-preset ultrafast -bf 2 -g 25 -b:v 200k ") + row.options,
+  for (const auto& [from, options, to, leftOut, isSame] : rows) {
+    SCOPED_TRACE(from + " " + options + " " + to);
+    const std::string input = mRoot.Path() + "/in." + from, clip = mRoot.Path() + "/clip." + to;
+    mProgram.MakeVideo(input, "-preset ultrafast -bf 2 -g 25 -b:v 200k " + options,
                        "testsrc2=s=320x240:r=25 -f lavfi -i sine=r=48000 -t 12");
     ASSERT_EQ(Run("record --segment 3 --clock stream --start " + std::to_string(start) + " --input " + input),
               0);
     ASSERT_EQ(Run(Text("export --force --since %ld.3 --until %ld -o ", start + 2, start + 10) + clip), 0);
-    const bool isLeftOut = row.leftOut != nullptr;
-    EXPECT_EQ(mProgram.err.find(isLeftOut ? row.leftOut : "not in the clip") != std::string::npos, isLeftOut)
+    const bool isLeftOut = leftOut != nullptr;
+    EXPECT_EQ(mProgram.err.find(isLeftOut ? leftOut : "not in the clip") != std::string::npos, isLeftOut)
         << mProgram.err;
     EXPECT_EQ(mProgram.PicturesOf(clip).size(), 8u * 25);
     EXPECT_EQ(mProgram.Shell("ffmpeg -v error -xerror -i " + clip + " -f null -"), 0) << mProgram.err;
@@ -185,7 +171,7 @@ TEST_F(RecorderTest, SoundStaysWithItsPictures) {
       for (const Picture& packet : packets) {
         first[*kind == 'a'] = std::min(first[*kind == 'a'], packet.time);
         if (*kind == 'v') shift = source[packet.hash] - packet.time;
-        if (!row.isSame || *kind == 'v') continue;
+        if (!isSame || *kind == 'v') continue;
         ASSERT_NEAR(source.at(packet.hash) - packet.time, shift, 0.002);
       }
     }

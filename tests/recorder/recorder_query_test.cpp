@@ -28,10 +28,10 @@ class RecorderQuery : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     setenv("TZ", "UTC", 1);
-    sRoot = new TestRoot;
+    sRoot = std::make_unique<TestRoot>();
     sWork = sRoot->Path() + "/work";
     fs::create_directory(sWork);
-    sProgram = new RecorderProgram(sWork);
+    sProgram = std::make_unique<RecorderProgram>(sWork);
     std::string inputs;
     for (int channel : {0, 1}) {
       const std::string video = sWork + "/" + std::to_string(channel) + ".mp4";
@@ -45,10 +45,6 @@ class RecorderQuery : public testing::Test {
       ASSERT_EQ(Run("prepare --on-system-disk --size 1M --count 9 --disk " + disk), 0);
     for (int64_t start : {kStart, kStart + kSecondSession})
       ASSERT_EQ(Run("record --segment 6 --clock stream --start " + std::to_string(start) + inputs), 0);
-  }
-  static void TearDownTestSuite() {
-    delete sProgram;
-    delete sRoot;
   }
 
   static int Run(const std::string& arguments, const std::string& root = sRoot->Path()) {
@@ -76,8 +72,8 @@ class RecorderQuery : public testing::Test {
     EXPECT_EQ(sProgram->err, "");
   }
 
-  static inline TestRoot* sRoot;
-  static inline RecorderProgram* sProgram;
+  static inline std::unique_ptr<TestRoot> sRoot;
+  static inline std::unique_ptr<RecorderProgram> sProgram;
   static inline std::string sWork;
   static inline std::vector<std::vector<Picture>> sVideos;  // by channel
 };

@@ -11,8 +11,6 @@
 namespace recorder {
 namespace {
 
-using Words = Names;
-
 std::string Show(const Settings& settings) {
   std::string text;
   for (const Setting& each : settings.all) {
@@ -40,7 +38,7 @@ TEST(Settings, Values) {
 }
 
 TEST(Settings, Inputs) {
-  const std::tuple<Words, const char*> rows[] = {
+  const std::tuple<Names, const char*> rows[] = {
       {{"a.mp4", "rtsp://u:p@h/?x=y"}, "0::a.mp4 1::rtsp://u:p@h/?x=y "},
       {{"front=rtsp://h/?a=b", "2:back door=c.mp4", "d.mp4"},
        "0:front:rtsp://h/?a=b 2:back door:c.mp4 1::d.mp4 "},
@@ -51,7 +49,7 @@ TEST(Settings, Inputs) {
       {{"7=b"}, "an input cannot be called 7: that is a channel's number"},
       {{"32:a"}, "there is no channel 32: channels are numbered 0 to 31"},
       {{"3:a="}, "an --input has no address"},
-      {Words(33, "a"), "33 inputs: at most 32 channels are possible"},
+      {Names(33, "a"), "33 inputs: at most 32 channels are possible"},
   };
   for (const auto& [texts, want] : rows) {
     std::vector<InputSpec> inputs;
@@ -65,7 +63,7 @@ TEST(Settings, Inputs) {
 
 TEST(EventCommand, SplitsWordsWithoutAShell) {
   EXPECT_EQ(SplitWords(" a  'b c' \"d'\"e \\\"f $(g) \\"), std::nullopt);
-  EXPECT_EQ(SplitWords(" a  'b c' \"d'\"e \\\"f $(g);h*"), (Words{"a", "b c", "d'e", "\"f", "$(g);h*"}));
+  EXPECT_EQ(SplitWords(" a  'b c' \"d'\"e \\\"f $(g);h*"), (Names{"a", "b c", "d'e", "\"f", "$(g);h*"}));
   EXPECT_EQ(SplitWords("a 'b"), std::nullopt);
   EXPECT_EQ(SplitWords("  "), std::nullopt);
 }
@@ -85,7 +83,7 @@ TEST(EventCommand, RunsOneAfterTheOther) {
   }
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
   const std::string event = "{\"event\":\"";
-  EXPECT_EQ(LinesOf(ReadText(log)), (Words{event + "one\"", "end", event + "hang\"", event + "two\"", "end"}));
+  EXPECT_EQ(LinesOf(ReadText(log)), (Names{event + "one\"", "end", event + "hang\"", event + "two\"", "end"}));
 }
 
 }  // namespace

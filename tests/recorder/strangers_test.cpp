@@ -48,16 +48,6 @@ class StrangersDisk : public RecorderFixture {
     return all;
   }
 
-  // What would act on a terminal in what the recorder said; the library's lines are for logs.
-  static std::string ActsOnTerminal(const std::string& text) {
-    for (const std::string& line : LinesOf(text)) {
-      const bool isLibrarys = line.rfind("Dbg (", 0) == 0 || Has(line, "Err (");
-      const auto acts = [](unsigned char c) { return c < ' ' || c == 0x7f; };
-      if (!isLibrarys && std::any_of(line.begin(), line.end(), acts)) return line;
-    }
-    return "";
-  }
-
   const std::string mDisk = mRoot.Path() + "/disk/d/";
   const std::string mOutside = mRoot.Path() + "/outside/";
   std::string mBefore;
@@ -66,11 +56,7 @@ class StrangersDisk : public RecorderFixture {
 TEST_F(StrangersDisk, DoesNoHarm) {
   // In the place of `name` there is a link to `by` of outside, a second name of it, a pipe, or names.
   enum Kind { kLink, kSecond, kPipe, kNames };
-  const struct {
-    const char* what;
-    Kind kind;
-    std::string name, by;
-  } cases[] = {
+  const std::tuple<std::string, Kind, std::string, std::string> cases[] = {
       {"a linked pool", kLink, "imf_free", ""},
       {"a linked quarantine", kLink, "imf_error", ""},
       {"a linked preparation", kLink, "imf_prealloc", ""},
@@ -96,26 +82,30 @@ TEST_F(StrangersDisk, DoesNoHarm) {
   };
   const std::string video = mRoot.Path() + "/v.mp4";
   mProgram.MakeVideo(video, "-g 5", "testsrc2=size=64x48:rate=5 -t 3");
-  for (const auto& c : cases) {
+  for (const auto& [what, kind, name, by] : cases) {
     MakeDisk();
-    fs::remove_all(mDisk + c.name);
-    if (c.kind == kLink) fs::create_symlink(mOutside + c.by, mDisk + c.name);
-    if (c.kind == kSecond) fs::create_hard_link(mOutside + c.by, mDisk + c.name);
-    if (c.kind == kPipe) mkfifo((mDisk + c.name).c_str(), 0600);
-    if (c.kind == kNames) {
-      for (const char* place : {"", "imf_free/", "data_00000002/"}) MakeTestFile(mDisk + place + c.name);
+    fs::remove_all(mDisk + name);
+    if (kind == kLink) fs::create_symlink(mOutside + by, mDisk + name);
+    if (kind == kSecond) fs::create_hard_link(mOutside + by, mDisk + name);
+    if (kind == kPipe) mkfifo((mDisk + name).c_str(), 0600);
+    if (kind == kNames) {
+      for (const char* place : {"", "imf_free/", "data_00000002/"}) MakeTestFile(mDisk + place + name);
       fs::create_directory(mDisk + "data_\x1b[2J_3");
     }
     for (const std::string& command :
          {std::string("status"), std::string("menu"), std::string("check"), std::string("timeline"),
           "record --clock stream --input " + video,
           std::string("check --repair-names --rebuild-index --return-orphans --force")}) {
-      SCOPED_TRACE(c.what + (": " + command));
+      SCOPED_TRACE(what + ": " + command);
       const int status =
           mProgram.Shell("timeout -s KILL 20 " RECORDER_PROGRAM " --root " + mRoot.Path() + " " + command);
       EXPECT_LE(status, 2) << mProgram.err;
       EXPECT_EQ(mBefore, Outside()) << mProgram.out << mProgram.err;
-      EXPECT_EQ("", ActsOnTerminal(mProgram.out + mProgram.err));
+      for (const std::string& line : LinesOf(mProgram.out + mProgram.err)) {
+        const bool isLibrarys = line.rfind("Dbg (", 0) == 0 || Has(line, "Err (");  // those are for logs
+        const auto acts = [](unsigned char c) { return c < ' ' || c == 0x7f; };
+        EXPECT_TRUE(isLibrarys || std::none_of(line.begin(), line.end(), acts)) << line;
+      }
     }
   }
 }

@@ -31,47 +31,41 @@ struct Call {
   const char* name;
   By by;
   int argument;    // position of the descriptor or path; of kAt, of the directory descriptor before the path
-  int flags = -1;  // of open(2) at this position: only what may write is a change
+  int flags = -1;  // of open(2) at this position: only what may write is a change; -1: it is one, -2: it reads
 };
 
 const Call kCalls[] = {
-    {SYS_openat, "open", By::kAt, 0, 2},     {SYS_renameat, "rename", By::kAt, 0},
-    {SYS_renameat2, "rename", By::kAt, 0},   {SYS_linkat, "link", By::kAt, 2},
-    {SYS_unlinkat, "unlink", By::kAt, 0},    {SYS_mkdirat, "mkdir", By::kAt, 0},
-    {SYS_symlinkat, "symlink", By::kAt, 1},  {SYS_truncate, "truncate", By::kPath, 0},
-    {SYS_ftruncate, "truncate", By::kFd, 0}, {SYS_fallocate, "fallocate", By::kFd, 0},
-    {SYS_write, "write", By::kFd, 0},        {SYS_writev, "write", By::kFd, 0},
-    {SYS_pwrite64, "write", By::kFd, 0},     {SYS_pwritev, "writev", By::kFd, 0},
-    {SYS_pwritev2, "writev", By::kFd, 0},    {SYS_fsync, "sync", By::kFd, 0},
-    {SYS_fdatasync, "sync", By::kFd, 0},     {SYS_syncfs, "sync", By::kFd, 0},
+    {SYS_openat, "open", By::kAt, 0, 2},       {SYS_renameat, "rename", By::kAt, 0},
+    {SYS_renameat2, "rename", By::kAt, 0},     {SYS_linkat, "link", By::kAt, 2},
+    {SYS_unlinkat, "unlink", By::kAt, 0},      {SYS_mkdirat, "mkdir", By::kAt, 0},
+    {SYS_symlinkat, "symlink", By::kAt, 1},    {SYS_truncate, "truncate", By::kPath, 0},
+    {SYS_ftruncate, "truncate", By::kFd, 0},   {SYS_fallocate, "fallocate", By::kFd, 0},
+    {SYS_write, "write", By::kFd, 0},          {SYS_writev, "write", By::kFd, 0},
+    {SYS_pwrite64, "write", By::kFd, 0},       {SYS_pwritev, "writev", By::kFd, 0},
+    {SYS_pwritev2, "writev", By::kFd, 0},      {SYS_fsync, "sync", By::kFd, 0},
+    {SYS_fdatasync, "sync", By::kFd, 0},       {SYS_syncfs, "sync", By::kFd, 0},
+    {SYS_newfstatat, "stat", By::kAt, 0, -2},  {SYS_statx, "stat", By::kAt, 0, -2},
+    {SYS_faccessat, "access", By::kAt, 0, -2}, {SYS_readlinkat, "readlink", By::kAt, 0, -2},
+    {SYS_getdents64, "list", By::kFd, 0, -2},  {SYS_read, "read", By::kFd, 0, -2},
+    {SYS_pread64, "read", By::kFd, 0, -2},     {SYS_statfs, "statfs", By::kPath, 0, -2},
 #ifdef SYS_open  // newer machines have only the calls above
-    {SYS_open, "open", By::kPath, 0, 1},     {SYS_creat, "creat", By::kPath, 0},
-    {SYS_rename, "rename", By::kPath, 0},    {SYS_link, "link", By::kPath, 1},
-    {SYS_unlink, "unlink", By::kPath, 0},    {SYS_mkdir, "mkdir", By::kPath, 0},
-    {SYS_rmdir, "rmdir", By::kPath, 0},      {SYS_symlink, "symlink", By::kPath, 1},
-#endif
-};
-// These change nothing.
-const Call kReads[] = {
-    {SYS_newfstatat, "stat", By::kAt, 0},  {SYS_statx, "stat", By::kAt, 0},
-    {SYS_faccessat, "access", By::kAt, 0}, {SYS_readlinkat, "readlink", By::kAt, 0},
-    {SYS_getdents64, "list", By::kFd, 0},  {SYS_read, "read", By::kFd, 0},
-    {SYS_pread64, "read", By::kFd, 0},     {SYS_statfs, "statfs", By::kPath, 0},
-#ifdef SYS_stat
-    {SYS_stat, "stat", By::kPath, 0},      {SYS_lstat, "stat", By::kPath, 0},
-    {SYS_access, "access", By::kPath, 0},  {SYS_readlink, "readlink", By::kPath, 0},
+    {SYS_open, "open", By::kPath, 0, 1},       {SYS_creat, "creat", By::kPath, 0},
+    {SYS_rename, "rename", By::kPath, 0},      {SYS_link, "link", By::kPath, 1},
+    {SYS_unlink, "unlink", By::kPath, 0},      {SYS_mkdir, "mkdir", By::kPath, 0},
+    {SYS_rmdir, "rmdir", By::kPath, 0},        {SYS_symlink, "symlink", By::kPath, 1},
+    {SYS_stat, "stat", By::kPath, 0, -2},      {SYS_lstat, "stat", By::kPath, 0, -2},
+    {SYS_access, "access", By::kPath, 0, -2},  {SYS_readlink, "readlink", By::kPath, 0, -2},
 #endif
 };
 
 // Only these calls stop the program; it runs at its own speed in between.
 bool InstallFilter(bool readsToo) {
   std::vector<sock_filter> filter = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-  const auto trace = [&filter](const Call& call) {
+  for (const Call& call : kCalls) {
+    if (call.flags == -2 && !readsToo) continue;
     filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(call.number), 0, 1));
     filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRACE));
-  };
-  std::for_each(std::begin(kCalls), std::end(kCalls), trace);
-  if (readsToo) std::for_each(std::begin(kReads), std::end(kReads), trace);
+  }
   filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
   const sock_fprog program = {static_cast<unsigned short>(filter.size()), filter.data()};
   return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
@@ -95,7 +89,8 @@ std::string PathOf(pid_t pid, const Call& call, const uint64_t* arguments) {
 }
 
 bool IsChange(const Call& call, const uint64_t* arguments) {
-  return call.flags < 0 || (arguments[call.flags] & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0;
+  if (call.flags < 0) return call.flags == -1;
+  return (arguments[call.flags] & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0;
 }
 
 // Lets the call fail without being made.
@@ -163,10 +158,9 @@ class Tracer {
     if (ptrace(PTRACE_GET_SYSCALL_INFO, pid, reinterpret_cast<void*>(sizeof info), &info) <= 0) return;
     const auto* const arguments = reinterpret_cast<const uint64_t*>(info.seccomp.args);
     const auto isIt = [&](const Call& call) { return call.number == static_cast<long>(info.seccomp.nr); };
-    const Call* call = std::find_if(std::begin(kCalls), std::end(kCalls), isIt);
-    const bool isChange = call != std::end(kCalls) && IsChange(*call, arguments);
-    if (call == std::end(kCalls)) call = std::find_if(std::begin(kReads), std::end(kReads), isIt);
-    if (call == std::end(kReads)) return;
+    const Call* const call = std::find_if(std::begin(kCalls), std::end(kCalls), isIt);
+    if (call == std::end(kCalls)) return;
+    const bool isChange = IsChange(*call, arguments);
     const std::string path = PathOf(pid, *call, arguments);
     if (path.compare(0, mRoot.size(), mRoot) != 0) return;
     const bool isLook = !isChange && call->flags >= 0;

@@ -34,10 +34,6 @@ std::set<uint32_t> StartsTold(const std::string& out, const std::string& word) {
 }  // namespace
 
 Stage::Stage() {
-  char path[] = "/tmp/fm.XXXXXX";
-  if (mkdtemp(path) == nullptr) std::abort();
-  mRoot = path;
-  mCopy = mRoot + ".s";
   for (const int segments : {1, 3, 6}) {
     const std::string command = "ffmpeg -v error -f lavfi -i testsrc=size=64x64:rate=2 -t " +
                                 std::to_string(2 * segments) + " -c:v mpeg4 -g 2 " + Input(segments);
@@ -45,21 +41,16 @@ Stage::Stage() {
   }
 }
 
-Stage::~Stage() {
-  fs::remove_all(mRoot);
-  fs::remove_all(mCopy);
-}
-
 std::vector<std::string> Stage::Disks() const {
   std::vector<std::string> disks;
-  for (const std::string& name : NamesIn(mRoot + "/disk")) disks.push_back(mRoot + "/disk/" + name);
+  for (const std::string& name : NamesIn(Root() + "/disk")) disks.push_back(Root() + "/disk/" + name);
   return disks;
 }
 
 CrashRun Stage::Run(Arguments arguments, CrashPlan plan) const {
-  const Arguments front = {RECORDER_PROGRAM, "--root", mRoot};
+  const Arguments front = {RECORDER_PROGRAM, "--root", Root()};
   arguments.insert(arguments.begin(), front.begin(), front.end());
-  plan.root = mRoot;
+  plan.root = Root();
   return RunAndCrash(arguments, plan);
 }
 
@@ -90,7 +81,7 @@ void Stage::BuildCutOff() {
     if (cut.rfind("writev ", 0) != 0) continue;
     if (StartsWritten(run).count(StartOf(cut)) != 0) break;  // there is something to repair
   }
-  fs::resize_file(mRoot + "/disk/b/data_00000002/search.fdb", 0);
+  fs::resize_file(Root() + "/disk/b/data_00000002/search.fdb", 0);
 }
 
 void Stage::Copy(const std::string& from, const std::string& to) {

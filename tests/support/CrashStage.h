@@ -20,14 +20,12 @@ using Arguments = std::vector<std::string>;
 class Stage {
  public:
   Stage();
-  ~Stage();
-  Stage(const Stage&) = delete;
-  Stage& operator=(const Stage&) = delete;
+  ~Stage() { fs::remove_all(mCopy); }
 
-  void Save() { Copy(mRoot, mCopy); }
-  void Restore() { Copy(mCopy, mRoot); }
+  void Save() { Copy(Root(), mCopy); }
+  void Restore() { Copy(mCopy, Root()); }
 
-  const std::string& Root() const { return mRoot; }
+  const std::string& Root() const { return mRoot.Path(); }
   std::vector<std::string> Disks() const;
 
   // Runs the recorder with `arguments`; the plan's root is this one.
@@ -44,10 +42,10 @@ class Stage {
  private:
   static void Copy(const std::string& from, const std::string& to);
   // Two seconds a segment of two seconds, four pictures.
-  std::string Input(int segments) const { return mRoot + "/in" + std::to_string(segments) + ".mp4"; }
+  std::string Input(int segments) const { return Root() + "/in" + std::to_string(segments) + ".mp4"; }
 
-  std::string mRoot;
-  std::string mCopy;
+  const TestRoot mRoot;
+  const std::string mCopy = mRoot.Path() + ".s";
 };
 
 struct Scenario {

@@ -2,9 +2,9 @@
 
 #include <dlfcn.h>
 
-#include <algorithm>
-#include <cstdio>
 #include <cstdlib>
+
+#include "tests/support/TestDisk.h"
 
 namespace flc_spy {
 namespace {
@@ -15,25 +15,14 @@ std::function<bool(unsigned long, void*, int&)> gAnswer;
 
 const std::vector<Request>& Requests() { return gRequests; }
 
-int CountOf(unsigned long number) {
-  return static_cast<int>(std::count_if(gRequests.begin(), gRequests.end(),
-                                        [number](const Request& each) { return each.number == number; }));
-}
-
 std::vector<std::string> Sent() {
   std::vector<std::string> texts;
-  for (const Request& each : gRequests) {
-    const bool isFile = each.repository.diskName[0] == '\0';
-    const flc_file_info_param_t& file = each.file;
-    char text[96];
-    const int length = std::snprintf(text, sizeof text, "%lx %.8s %d", each.number & 0xfff,
-                                     isFile ? file.diskName : each.repository.diskName,
-                                     isFile ? file.repository : each.repository.repository);
-    if (isFile) {
-      std::snprintf(text + length, sizeof text - static_cast<size_t>(length), " %x %x %x %d", file.startTime,
-                    file.endTime, file.channelMask, file.query);
-    }
-    texts.push_back(text);
+  for (const auto& [number, file, repository] : gRequests) {
+    const bool isFile = repository.diskName[0] == '\0';
+    const std::string rest = Text(" %x %x %x %d", file.startTime, file.endTime, file.channelMask, file.query);
+    texts.push_back(Text("%lx %.8s %d", number & 0xfff, isFile ? file.diskName : repository.diskName,
+                         isFile ? file.repository : repository.repository) +
+                    (isFile ? rest : ""));
   }
   return texts;
 }

@@ -18,7 +18,6 @@ struct Request {
 
 // Every request since the last Clear.
 const std::vector<Request>& Requests();
-int CountOf(unsigned long number);
 // The same as text, hexadecimal except for indexes and the query word: "30a sda1 5 5f5e1100 0 ffffffff 1" for
 // number, disk, index, start, end, mask and query word; "303 sda1 5" for a repository request.
 std::vector<std::string> Sent();

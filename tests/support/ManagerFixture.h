@@ -26,11 +26,6 @@ inline std::string PathOf(const std::string& disk, const std::string& recording)
          (fields == 2 ? Text("%x_00000000.imf", kT + start) : Text("%x_%x_cm1.imf", kT + start, kT + end));
 }
 
-inline std::string LinkTarget(const char* link) {
-  std::error_code missing;
-  return fs::read_symlink(link, missing);
-}
-
 class ManagerTest : public testing::Test {
  protected:
   ManagerTest() { Begin({}); }
