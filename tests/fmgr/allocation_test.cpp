@@ -150,7 +150,7 @@ TEST_F(AllocationTest, HundredThousandSegmentsLeaveEachFileInOnePlace) {
   const std::vector<std::string> disks = Begin({"a 60", "b 60"});
   const std::set<unsigned long> inodes[] = {InodesOf(disks[0]), InodesOf(disks[1])};
   int clock = 0, quarantined = 0, setBack = 0;
-  const auto record = [&] {
+  StderrOf([&] {  // three lines for each segment
     for (int segment = 0; segment < kSegments && !HasFailure(); ++segment) {
       if (segment % 25000 == 0) {  // a restart
         Restart(0);
@@ -192,8 +192,7 @@ TEST_F(AllocationTest, HundredThousandSegmentsLeaveEachFileInOnePlace) {
       }
       EXPECT_EQ(static_cast<size_t>(quarantined), errors);
     }
-  };
-  StderrOf(record);  // three lines for each segment
+  });
   EXPECT_GT(quarantined, 10);
   EXPECT_GT(setBack, 10);
 }
