@@ -267,6 +267,22 @@ TEST_F(FlcHost, ReadsADirectoryOnceUntilToldOtherwise) {
   EXPECT_EQ(Starts("a", 2), Times{0x70});
 }
 
+// The last file of a block has no end, so it reaches up to the first one of the next, whichever that is.
+TEST(FlcDirectory, AFileWithoutEndReachesOverTheBlocksBorder) {
+  std::vector<FlcFile> files;
+  for (uint32_t i = 1; i <= 128; ++i) files.push_back({i * 10, i == 128 ? 0 : i * 10 + 9, 1});
+  files.push_back({2000, 2009, 1});
+  FlcDirectory grown;
+  for (const FlcFile& file : files) grown.Add(file);
+  FlcDirectory read(files);
+  for (FlcDirectory* each : {&grown, &read}) {
+    EXPECT_EQ(each->Covering(1500, 1)->startTime, 1280u);
+    each->Add({3000, 3009, 1});
+    each->Remove(2000);
+    EXPECT_EQ(each->Covering(2500, 1)->startTime, 1280u);
+  }
+}
+
 TEST_F(FlcHost, HoldsAFileInLessThan16Bytes) {
   const size_t before = mallinfo2().uordblks;
   for (uint32_t i = 0; i < 100000; ++i)

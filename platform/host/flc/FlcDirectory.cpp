@@ -49,7 +49,8 @@ FlcDirectory::FlcDirectory(std::vector<FlcFile> files) {
     left = end;
   }
   mInner.resize(PowerOfTwoFrom(mBlocks.size()));
-  for (size_t i = 0; i < mBlocks.size(); ++i) Summarize(i);
+  // Backwards: a file without an end at the end of a block reaches up to the next block's first one.
+  for (size_t i = mBlocks.size(); i-- > 0;) Summarize(i);
   JoinAll();
 }
 
@@ -262,6 +263,7 @@ void FlcDirectory::InsertBlock(size_t at) {
 
 // After a change of that block's files, or where a block was removed.
 void FlcDirectory::Changed(size_t block) {
+  if (block < mBlocks.size()) mBlocks[block].firstStart = mBlocks[block].files.front().startTime;
   for (size_t i = block > 0 ? block - 1 : 0; i <= block && i < mBlocks.size(); ++i) {
     // The last file of the block before may reach up to this one.
     if (i < block && mBlocks[i].files.back().endTime != 0) continue;
