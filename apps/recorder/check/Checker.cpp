@@ -372,7 +372,12 @@ void DiskCheck::LookAtOwn(const std::string& name) {
 DiskReport DiskCheck::Run() {
   std::vector<std::string> names;
   struct stat info = {};
-  if (stat(mReport.path.c_str(), &info) == 0) mDevice = info.st_dev;
+  if (stat(mReport.path.c_str(), &info) == 0) {
+    mDevice = info.st_dev;
+  } else if (errno == ENOENT || errno == ENOTDIR) {
+    mReport.missing = true;
+    return mReport;
+  }
   if (!List(mReport.path, &names)) return mReport;
   // Preparing makes the pre-allocation directory first.
   mReport.missing = std::none_of(names.begin(), names.end(), [](const std::string& name) {
