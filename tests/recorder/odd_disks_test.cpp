@@ -61,6 +61,20 @@ std::string MakeDisk(TestRoot& root) {
   return disk;
 }
 
+// A copy that somebody made beside a disk stops nothing.
+TEST(Disks, LeavesOutWhatHasNoDisksName) {
+  TestRoot root;
+  const std::string disk = MakeDisk(root);
+  for (const char* copy : {".old", " 2", "isk-of-mine"})
+    fs::copy(disk, disk + copy, fs::copy_options::recursive);
+  Disks all, named;
+  ASSERT_FALSE(all.Choose(root.Path(), {}));
+  EXPECT_EQ(disk, all.Chosen().at(0).path);
+  EXPECT_EQ(1u, all.Chosen().size());
+  EXPECT_FALSE(named.Choose(root.Path(), {"d.old"}));
+  EXPECT_TRUE(named.Choose(root.Path(), {"d", "d.old"}));
+}
+
 struct Odd {
   const char* name;
   std::string path;  // on the disk

@@ -28,6 +28,11 @@ void StopOnSignals() {
   action.sa_handler = [](int) { gStop = true; };
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  // A closed terminal is no crash; nohup(1) has it ignored, and that stays.
+  struct sigaction before = {};
+  if (sigaction(SIGHUP, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) {
+    sigaction(SIGHUP, &action, nullptr);
+  }
 }
 
 int64_t MonotonicNow() {

@@ -22,9 +22,9 @@ struct AVStream;
 
 namespace recorder {
 
-// Set by SIGINT and SIGTERM: recording comes to an end, and whatever waits stops waiting.
+// Set by SIGINT, SIGTERM and SIGHUP: recording comes to an end, and whatever waits stops waiting.
 extern std::atomic<bool> gStop;
-// Sets it on SIGINT and SIGTERM; what waits in the kernel stops waiting.
+// Sets it on SIGINT and SIGTERM, and on SIGHUP unless that is ignored; what waits in the kernel stops waiting.
 void StopOnSignals();
 
 // Microseconds of CLOCK_MONOTONIC.

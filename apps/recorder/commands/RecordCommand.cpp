@@ -9,7 +9,7 @@ namespace recorder {
 
 void AddRecordCommand(CLI::App& app, Context& context) {
   auto options = std::make_shared<RecordOptions>();
-  CLI::App* command = app.add_subcommand("record", "Record inputs, one channel each, until SIGINT or SIGTERM");
+  CLI::App* command = app.add_subcommand("record", "Record inputs, one channel each, until SIGINT, SIGTERM or SIGHUP");
   command
       ->add_option(
           "--input", options->inputs,

@@ -97,8 +97,6 @@ std::string WhyNoDisk(const std::string& root, int error) {
                     : root + "/disk can't be read: " + std::strerror(error);
 }
 
-bool IsPrepared(const std::string& path) { return Exists(path + "/imf_free"); }
-
 std::optional<std::string> HolderOf(const std::string& root, const std::vector<Disk>& disks) {
   std::optional<std::string> holder = HolderOf(root);
   for (size_t i = 0; !holder && i < disks.size(); ++i) holder = HolderOf(disks[i].path);
@@ -148,6 +146,38 @@ Refusal RefuseDisk(const std::string& root, const std::string& name, const std::
   return RefuseDiskPath(DiskPath(root, name));
 }
 
+namespace {
+
+// Of two that can't be used together, the one that holds files, is in use, or has the shorter name: a copy has
+// the longer one, as a rule.
+Refusal ChooseAll(const std::string& root, std::vector<std::string>* chosen) {
+  using Rank = std::tuple<bool, bool, size_t, std::string>;
+  std::vector<Rank> ranks;
+  int error = 0;
+  for (const std::string& name : ListDisks(root, &error)) {
+    const std::string path = DiskPath(root, name);
+    const bool holdsFiles = HoldsFiles(path);
+    ranks.emplace_back(!holdsFiles, !(holdsFiles && HolderOf(path)), name.size(), name);
+  }
+  std::sort(ranks.begin(), ranks.end());
+  std::vector<std::pair<std::string, std::string>> leftOut;
+  for (const auto& [holdsNothing, isFree, size, name] : ranks) {
+    const Refusal refusal = RefuseDisk(root, name, *chosen);
+    if (!refusal) chosen->push_back(name);
+    // What holds nothing is only told apart from what isn't a disk's mount point at all by its name.
+    const bool isDisk = !holdsNothing || !RefuseDisk(root, name, {});
+    if (refusal && isDisk) leftOut.emplace_back(name, *refusal);
+  }
+  if (chosen->empty()) return leftOut.empty() ? WhyNoDisk(root, error) : leftOut.front().second;
+  for (const auto& [name, refusal] : leftOut) {
+    Complain("disk %s is left out: %s", name.c_str(), refusal.c_str());
+  }
+  std::sort(chosen->begin(), chosen->end());
+  return std::nullopt;
+}
+
+}  // namespace
+
 Disks::~Disks() {
   if (mManager != nullptr) FmgrFileManager::ReleaseInstance();
   for (const Disk& disk : mDisks) FlcDetachDisk(disk.name.c_str());
@@ -156,24 +186,13 @@ Disks::~Disks() {
 Refusal Disks::Choose(const std::string& root, const std::vector<std::string>& names) {
   mRoot = root;
   std::vector<std::string> chosen = names;
-  std::vector<std::string> others = names;
-  int error = 0;
-  for (const std::string& name : ListDisks(root, &error)) {
-    if (std::find(names.begin(), names.end(), name) != names.end()) continue;
-    // Its path could be mistaken for another's also when it isn't used.
-    if (IsPrepared(DiskPath(root, name))) others.push_back(name);
-    // One that holds nothing is only told apart from what isn't a disk's mount point at all by its name.
-    const bool canBe = IsPrepared(DiskPath(root, name)) || !RefuseDisk(root, name, {});
-    if (names.empty() && canBe) chosen.push_back(name);
+  if (names.empty()) {
+    if (Refusal refusal = ChooseAll(root, &chosen)) return refusal;
   }
-  if (chosen.empty()) return WhyNoDisk(root, error);
   for (const std::string& name : chosen) {
+    if (Refusal refusal = RefuseDisk(root, name, chosen)) return refusal;
     const Disk disk = {name, DiskPath(root, name)};
-    const bool missing = !HoldsFiles(disk.path);
-    if (!missing || !names.empty()) {
-      if (Refusal refusal = RefuseDisk(root, name, others)) return refusal;
-    }
-    (missing ? mMissing : mDisks).push_back(disk);
+    (HoldsFiles(disk.path) ? mDisks : mMissing).push_back(disk);
     mChosen.push_back(disk);
   }
   return std::nullopt;

@@ -36,8 +36,6 @@ std::string DiskPath(const std::string& root, const std::string& name);
 std::vector<std::string> ListDisks(const std::string& root, int* error = nullptr);
 // What to say when there is none of them.
 std::string WhyNoDisk(const std::string& root, int error);
-// Whether a disk's directory holds what preparing makes.
-bool IsPrepared(const std::string& path);
 // Whether a disk's directory holds any record file, in use, free, or in quarantine. Without one it is an empty
 // mount point, or was never prepared. `error` (may be null): 0, or the errno for which that can't be told.
 bool HoldsFiles(const std::string& path, int* error = nullptr);
@@ -69,8 +67,9 @@ class Disks {
   Disks(const Disks&) = delete;
   Disks& operator=(const Disks&) = delete;
 
-  // Chooses the disks called `names`, or all under the root directory when there is none, and refuses names
-  // that can't be used. Of those chosen, the ones that hold nothing are missing. `root` is absolute.
+  // Chooses the disks called `names`, and refuses names that can't be used. When there is none, all under the
+  // root directory that can be used; the others are left out, with a line. Of those chosen, the ones that hold
+  // nothing are missing. `root` is absolute.
   Refusal Choose(const std::string& root, const std::vector<std::string>& names);
 
   // Makes the file manager ready to record, without any disk yet; whoever keeps the disks adds them.

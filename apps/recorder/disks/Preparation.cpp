@@ -171,8 +171,10 @@ int Prepare(const PrepareOptions& options, const std::string& root) {
   LockSet locks("prepare");
   Refusal refusal = PlanPlace(options, root, &plan);
   if (!refusal) {
-    if (const auto holder = HolderOf(plan.root, {{options.disk, plan.path}})) {
-      refusal = plan.path + " is in use by " + *holder;
+    // The root directory's first: whoever has that has it for all disks below it.
+    for (const std::string& directory : {plan.root, plan.path}) {
+      const std::optional<std::string> holder = refusal ? std::nullopt : HolderOf(directory);
+      if (holder) refusal = directory + " is in use by " + *holder;
     }
   }
   if (refusal) {

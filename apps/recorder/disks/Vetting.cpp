@@ -107,12 +107,15 @@ Refusal Vetting::Admit(const Disk& disk, int64_t now) {
     if (IsOfPool(disk, odd.path)) --vetted.found.pool;
   }
   vetted.found.odd = stays;
-  // Without it nothing could be recycled.
+  return MakePool(disk);
+}
+
+Refusal Vetting::MakePool(const Disk& disk) {
   const std::string pool = disk.path + "/imf_free";
-  if (!Exists(pool) && mkdir(pool.c_str(), 0755) != 0) {
-    return "cannot make " + pool + ": " + std::strerror(errno);
-  }
-  return std::nullopt;
+  if (Exists(pool)) return std::nullopt;
+  if (!HoldsFiles(disk.path)) return pool + " is not there";  // an empty mount point stays empty
+  if (mkdir(pool.c_str(), 0755) == 0) return std::nullopt;
+  return "cannot make " + pool + ": " + std::strerror(errno);
 }
 
 Refusal Vetting::Settle(const Disk& disk, FmgrRepositoryGroup& group) {

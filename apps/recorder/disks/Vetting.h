@@ -21,6 +21,8 @@ constexpr char kHoldsForeign[] = "holds what is not the recorder's and can't be 
 
 class Vetting {
  public:
+  // Makes a pool's directory where there is none any more: without it nothing could be recycled.
+  static Refusal MakePool(const Disk& disk);
   // Before a disk is added to the file manager, to record on it: sets aside what is odd, and makes a pool's
   // directory where there is none any more. `now` as for Inspect(). The caller holds the disk's lock. Nothing,
   // or why the disk can't be used as it is.

@@ -113,7 +113,7 @@ void DiskKeeper::Look() {
   if (!mounted && now < mNextLook) return;
   mNextLook = now + mOptions.retrySeconds;
   if (mOptions.allDisks) FindNew();
-  if (HasUnused()) TakeIn(false, mounted || !HasDisk());
+  if (HasUnused()) TakeIn(false, mounted || !HasDisk() || mIsFull);
 }
 
 bool DiskKeeper::AskAgain() {
@@ -264,7 +264,8 @@ void DiskKeeper::SetAside(const std::string& path, const std::string& what, int 
 }
 
 void DiskKeeper::NoteRecorded(const std::string& path) {
-  if (Slot* slot = SlotOf(path)) slot->wait = 0;
+  mIsFull = false;
+  if (Slot* slot = SlotOf(path)) slot->wait = slot->nextTry = 0;
 }
 
 // One line whenever what is wrong with a disk is another thing than before.

@@ -45,6 +45,8 @@ class DiskKeeper {
   // Takes the disk on which `path` lies off the file manager: `what` it could not do, and the system's error
   // (0: none is known).
   void SetAside(const std::string& path, const std::string& what, int error);
+  // The disks that are used have no file left and may not recycle one, so the others are needed soon.
+  void NoteFull() { mIsFull = true; }
   // A whole segment has been recorded at `path`.
   void NoteRecorded(const std::string& path);
 
@@ -87,6 +89,7 @@ class DiskKeeper {
   int mMounts = -1;         // descriptor that tells of changes of what is mounted
   int64_t mNextLook = 0;    // seconds of the monotonic clock
   int64_t mNextNoDisk = 0;  // the same
+  bool mIsFull = false;
   int mJoins = 0;
   int64_t mClockDoubted = 0;
 };

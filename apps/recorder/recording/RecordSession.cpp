@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <ctime>
 #include <memory>
@@ -121,8 +122,8 @@ Refusal AwaitLocks(const Plan& plan, const std::vector<Disk>& disks, bool standb
   return std::nullopt;
 }
 
-// Returns the exit status.
-int RecordAll(Source& source, Segments& segments, Reporting& reporting) {
+// Returns the exit status. `wanted`: so many inputs have to have been opened at the end.
+int RecordAll(Source& source, int wanted, Segments& segments, Reporting& reporting) {
   SourceEvent event;
   for (;;) {
     source.Next(&event);
@@ -148,7 +149,8 @@ int RecordAll(Source& source, Segments& segments, Reporting& reporting) {
         break;
       case SourceEvent::kFinished:
         segments.Finish();
-        if (source.Opened() > 0 || gStop) return kDone;
+        if (gStop) return kDone;
+        if (source.Opened() > 0) return source.Opened() < wanted || segments.IsPaused() ? kFound : kDone;
         Complain("none of the inputs can be read");
         return kRefused;
     }
@@ -204,7 +206,8 @@ int Record(const RecordOptions& options, const std::string& root) {
     // What is read from files as fast as it can be read is over soon, and nobody watches it.
     Reporting reporting(*source, segments, keeper, recovery,
                         {plan.root, plan.inputs, plan.onEvent, !plan.streamClock, plan.capture.timeout});
-    status = RecordAll(*source, segments, reporting);
+    const auto inputs = plan.urls.size() - std::count(plan.urls.begin(), plan.urls.end(), "");
+    status = RecordAll(*source, plan.streamClock ? static_cast<int>(inputs) : 1, segments, reporting);
   }
 
   if (status == kRefused) return status;

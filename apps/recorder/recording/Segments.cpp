@@ -167,9 +167,13 @@ Segments::Opened Segments::Begin(const Sample& sample) {
     mStart = NextStart(wanted);
     made = mAllocation.Make(mStart, &mPath);
     if (made != Allocation::kFull) continue;
-    if (mKeeper.HasUnused()) return Opened::kNoDisk;  // one that comes back may have room
-    Complain("no space: every file holds a recording, and nothing may be overwritten");
-    return Opened::kNo;
+    if (!mKeeper.HasUnused()) {
+      Complain("no space: every file holds a recording, and nothing may be overwritten");
+      return Opened::kNo;
+    }
+    mKeeper.NoteFull();  // one that comes back may have room
+    if (mOptions.waitForDisks || mAskings++ >= kAskingLimit) return Opened::kNoDisk;
+    mKeeper.AskAgain();
   }
   if (mStart > wanted + 10 && !mSaidTooFast) {
     Complain(
@@ -208,6 +212,7 @@ void Segments::KeepHouse() {
   for (const Disk& disk : mDisks.All()) {
     if (FmgrRepositoryGroup* group = mDisks.Group(disk)) SaveForeignFiles(mDisks, disk, *group);
     KeepReserve(disk.path);
+    if (Refusal refusal = Vetting::MakePool(disk)) Complain("%s", refusal->c_str());
   }
   mExpiry.Run(kPreserveRounds);
 }
