@@ -34,12 +34,16 @@ int main(int argc, char** argv) {
 
   try {
     app.parse(argc, argv);
+    if (const recorder::Refusal refusal = recorder::RefuseEmptyValues(app))
+      throw CLI::ArgumentMismatch(*refusal);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
     const std::vector<std::string> remaining = app.remaining();
-    std::string what = app.get_subcommands().empty() && !remaining.empty()
-                           ? "there is no command " + remaining.front()
-                           : error.what();
+    const bool isCommand = app.get_subcommands().empty() && !remaining.empty();
+    std::string what = isCommand ? "there is no command " + remaining.front() : error.what();
+    if (!isCommand && dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) {
+      what = "not expected: " + CLI::detail::join(app.remaining(true), " ");  // what() turns them round
+    }
     std::replace(what.begin(), what.end(), '\n', ' ');
     recorder::Complain("%s (recorder --help shows the options)", what.c_str());
     return recorder::kRefused;

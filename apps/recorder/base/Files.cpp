@@ -76,14 +76,17 @@ bool SyncDirectory(const std::string& path) {
   return done;
 }
 
-std::optional<std::string> ReadSmallFile(const std::string& path, size_t limit) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+std::optional<std::string> ReadSmallFile(const std::string& path, size_t limit, int flags) {
+  const int fd = open(path.c_str(), O_RDONLY | flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
-  struct stat st;
+  struct stat st = {};
   std::string text(limit, '\0');
   ssize_t size = -1;
-  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) size = pread(fd, text.data(), text.size(), 0);
+  const bool isRegular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  if (isRegular) size = pread(fd, text.data(), text.size(), 0);
+  const int error = isRegular ? errno : S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
   close(fd);
+  errno = error;
   if (size < 0) return std::nullopt;
   text.resize(static_cast<size_t>(size));
   return text;

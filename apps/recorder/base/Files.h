@@ -1,6 +1,8 @@
 // Small file system helpers of the recorder.
 #pragma once
 
+#include <fcntl.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -27,9 +29,10 @@ std::string NameOf(const std::string& path);
 bool RenameToNew(const std::string& from, const std::string& to);
 // The same for names in open directories.
 bool RenameToNew(int fromDirectory, const std::string& from, int toDirectory, const std::string& to);
-// At most `limit` bytes of a regular file, links not followed; nothing for anything else. Opening a fifo does
-// not block.
-std::optional<std::string> ReadSmallFile(const std::string& path, size_t limit);
+// At most `limit` bytes of a regular file; nothing for anything else: errno tells why, EINVAL of what can't be
+// read like a file. Opening a fifo does not block. `flags` are open(2)'s: links are not followed unless it is
+// 0.
+std::optional<std::string> ReadSmallFile(const std::string& path, size_t limit, int flags = O_NOFOLLOW);
 // Replaces the file as a whole, by way of PATH.next; not made durable. False: errno tells why, and it says what
 // it said before.
 bool ReplaceFile(const std::string& path, const std::string& text);

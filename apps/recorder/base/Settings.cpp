@@ -63,6 +63,7 @@ void Add(const Setting& setting, std::vector<Setting>* all) {
     return each.section == setting.section && each.name == setting.name;
   });
   if (same == all->end()) return all->push_back(setting);
+  same->isBare = same->isBare || setting.isBare;
   same->values.insert(same->values.end(), setting.values.begin(), setting.values.end());
 }
 
@@ -87,7 +88,7 @@ Settings ParseSettings(const std::string& text) {
       continue;
     }
     size_t at = line.find_first_of("=#");
-    Setting setting{section, Trimmed(line.substr(0, at)), {}, number};
+    Setting setting{section, Trimmed(line.substr(0, at)), {}, number, false};
     bool sound = !setting.name.empty() && setting.name.find_first_of(" \t\"'") == std::string::npos;
     if (!sound) {
       complain(number, "a line is as name = value");
@@ -95,6 +96,7 @@ Settings ParseSettings(const std::string& text) {
     }
     if (at == std::string::npos || line[at] == '#') {
       setting.values = {"true"};
+      setting.isBare = true;
       Add(setting, &settings.all);
       continue;
     }

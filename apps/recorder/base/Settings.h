@@ -12,7 +12,8 @@ struct Setting {
   std::string section;  // as in "[record]"; empty before the first
   std::string name;
   std::vector<std::string> values;
-  int line = 0;  // where it was said first
+  int line = 0;         // where it was said first
+  bool isBare = false;  // somewhere it stands alone, without a value: "true" then
 };
 
 struct Settings {

@@ -9,10 +9,12 @@
 
 #include "apps/recorder/base/ExitStatus.h"
 #include "apps/recorder/base/InputList.h"
+#include "apps/recorder/disks/Refusals.h"
 
 namespace CLI {
 class App;
-}
+class Option;
+}  // namespace CLI
 
 namespace recorder {
 
@@ -28,6 +30,11 @@ struct Context {
   ChannelNames names;                     // as configured
   std::shared_ptr<RecordOptions> record;  // the options of record, set by it
 };
+
+// An empty value, as a script's unset variable gives one, is not the same as none: "" would be channel 0, or
+// all that is recorded.
+bool IsEmptyByMistake(const CLI::Option& option, const std::vector<std::string>& values);
+Refusal RefuseEmptyValues(const CLI::App& app);
 
 void AddPrepareCommand(CLI::App& app, Context& context);
 void AddRecordCommand(CLI::App& app, Context& context);

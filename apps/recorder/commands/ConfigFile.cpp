@@ -3,11 +3,10 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Settings.h"
+#include "apps/recorder/base/Units.h"
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/disks/Refusals.h"
 #include "platform/host/imf/ImfRecord.h"
@@ -17,6 +16,7 @@ namespace recorder {
 namespace {
 
 constexpr const char* kDefaultPath = "/etc/recorder.conf";
+constexpr size_t kSizeLimit = kMiB;
 
 // Nothing when it was taken; else what is wrong with it.
 Refusal Apply(const Setting& setting, CLI::App& app, CLI::App& record) {
@@ -25,10 +25,13 @@ Refusal Apply(const Setting& setting, CLI::App& app, CLI::App& record) {
   CLI::Option* option = owner.get_option_no_throw("--" + setting.name);
   if (option == nullptr || !option->get_configurable()) return "there is no setting " + setting.name;
   if (option->count() > 0) return std::nullopt;  // the command line comes first
-  if (setting.values.empty()) return setting.name + " has no value";
+  const bool isFlag = option->get_expected_min() == 0;
+  if (setting.values.empty() || (setting.isBare && !isFlag) || IsEmptyByMistake(*option, setting.values)) {
+    return setting.name + " has no value";
+  }
   if (setting.values.size() != 1 && option->get_expected_max() <= 1) return setting.name + " takes one value";
   try {
-    if (option->get_expected_min() == 0) {
+    if (isFlag) {
       option->add_result(option->get_flag_value(setting.name, setting.values[0]));
     } else {
       option->add_result(setting.values);
@@ -53,14 +56,16 @@ std::vector<std::string> ApplyConfig(CLI::App& app, Context& context) {
   const bool isDefault = context.config.empty();
   if (isDefault && !Exists(kDefaultPath)) return {};
   if (isDefault) context.config = kDefaultPath;
-  errno = 0;
-  std::ifstream file(context.config);
-  const std::string text{std::istreambuf_iterator<char>(file), {}};
-  if (!file.is_open() || file.bad() || IsDirectory(context.config)) {
-    return {"cannot read " + context.config + ": " + std::strerror(errno != 0 ? errno : EISDIR)};
+  const std::optional<std::string> text = ReadSmallFile(context.config, kSizeLimit, 0);
+  if (!text) {
+    return {"cannot read " + context.config + ": " +
+            (errno == EINVAL ? "it is not a regular file" : std::strerror(errno))};
+  }
+  if (text->size() == kSizeLimit || text->find('\0') != std::string::npos) {
+    return {context.config + " is no configuration file: it is not text, or too large"};
   }
   const std::string rootBefore = context.root;
-  const Settings settings = ParseSettings(text);
+  const Settings settings = ParseSettings(*text);
   std::vector<std::string> problems;
   for (const std::string& each : settings.problems) problems.push_back(context.config + ":" + each);
   std::string root = rootBefore;

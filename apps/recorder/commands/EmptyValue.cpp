@@ -1,0 +1,34 @@
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+#include "apps/recorder/commands/Command.h"
+
+namespace recorder {
+
+namespace {
+
+// Said on the command line, nothing takes the place of what the configuration file says.
+constexpr const char* kMayBeEmpty[] = {"on-event", "camera-clock"};
+
+}  // namespace
+
+bool IsEmptyByMistake(const CLI::Option& option, const std::vector<std::string>& values) {
+  const std::vector<std::string>& names = option.get_lnames();
+  const bool mayBeEmpty = std::any_of(
+      std::begin(kMayBeEmpty), std::end(kMayBeEmpty),
+      [&names](const char* each) { return std::find(names.begin(), names.end(), each) != names.end(); });
+  return option.get_expected_min() > 0 && !mayBeEmpty &&
+         std::find(values.begin(), values.end(), "") != values.end();
+}
+
+Refusal RefuseEmptyValues(const CLI::App& app) {
+  for (const CLI::Option* option : app.get_options()) {
+    if (IsEmptyByMistake(*option, option->results())) return option->get_name() + " has no value";
+  }
+  for (const CLI::App* command : app.get_subcommands()) {
+    if (Refusal refusal = RefuseEmptyValues(*command)) return refusal;
+  }
+  return std::nullopt;
+}
+
+}  // namespace recorder
