@@ -2,9 +2,13 @@
 #include <cairo.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/looking/Timeline.h"
 
@@ -29,7 +33,9 @@ constexpr Colour kDisks[] = {{0x2a9d8f}, {0x8e6bb8}, {0xa9742f}, {0xc9589a}, {0x
 // Pixels.
 constexpr double kWidth = 1200;
 constexpr double kMargin = 20;
-constexpr double kRowsLeft = 110;            // of the rows
+constexpr double kLabelsLeast = 78;          // labels stand in front of the rows
+constexpr double kLabelsMost = 300;          // what is longer is cut off
+constexpr double kLabelDistance = 12;        // from the rows
 constexpr double kRowsRight = kWidth - 150;  // of the rows; how much is recorded stands behind them
 constexpr double kTop = 66;
 constexpr double kChannelHeight = 24;
@@ -45,16 +51,23 @@ enum class Align { kLeft, kCentre, kRight };
 class Picture {
  public:
   Picture(const Timeline& timeline, const std::string& path, bool svg)
-      : mTimeline(timeline), mPath(path), mSvg(svg) {
+      : mTimeline(timeline), mSvg(svg), mFile(std::fopen(path.c_str(), "wb")) {
+    mError = mFile == nullptr ? errno : 0;
     mBottom = kTop + RowsHeight(timeline.channels, kChannelHeight) + kRowDistance +
               RowsHeight(timeline.disks, kDiskHeight);
     mHints = timeline.before != 0 || timeline.after != 0 ? kHints : 0;
     const double height = mBottom + kFooter + mHints;
-    mSurface.reset(svg ? cairo_svg_surface_create(path.c_str(), kWidth, height)
+    mSurface.reset(svg ? cairo_svg_surface_create_for_stream(&Picture::Write, this, kWidth, height)
                        : cairo_image_surface_create(CAIRO_FORMAT_RGB24, static_cast<int>(kWidth),
                                                     static_cast<int>(height)));
     if (svg) cairo_svg_surface_set_document_unit(mSurface.get(), CAIRO_SVG_UNIT_PX);
     mCairo.reset(cairo_create(mSurface.get()));
+    for (const auto* rows : {&timeline.channels, &timeline.disks}) {
+      for (const TimelineRow& row : *rows) mLabels.push_back(Elided(Printable(row.label)));
+    }
+    double widest = kLabelsLeast;
+    for (const std::string& label : mLabels) widest = std::max(widest, WidthOf(label));
+    mRowsLeft = std::ceil(kMargin + widest + kLabelDistance);
     Fill(kPaper, 0, 0, kWidth, height);
   }
 
@@ -62,14 +75,15 @@ class Picture {
     DrawTitle();
     DrawGrid();
     double y = kTop;
+    const std::string* label = mLabels.data();
     for (const TimelineRow& row : mTimeline.channels) {
-      DrawRow(row, kRecorded, y, kChannelHeight, true);
+      DrawRow(row, *label++, kRecorded, y, kChannelHeight, true);
       y += kChannelHeight + kRowDistance;
     }
     y += kRowDistance;
     size_t disk = 0;
     for (const TimelineRow& row : mTimeline.disks) {
-      DrawRow(row, kDisks[disk++ % std::size(kDisks)], y, kDiskHeight, false);
+      DrawRow(row, *label++, kDisks[disk++ % std::size(kDisks)], y, kDiskHeight, false);
       y += kDiskHeight + kRowDistance;
     }
     DrawAxis();
@@ -82,6 +96,9 @@ class Picture {
   struct SurfaceDeleter {
     void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
   };
+  struct FileDeleter {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
   struct CairoDeleter {
     void operator()(cairo_t* cairo) const { cairo_destroy(cairo); }
   };
@@ -93,7 +110,7 @@ class Picture {
   double X(int64_t time) const {
     const double share =
         static_cast<double>(time - mTimeline.since) / static_cast<double>(mTimeline.until - mTimeline.since);
-    return kRowsLeft + (kRowsRight - kRowsLeft) * share;
+    return mRowsLeft + (kRowsRight - mRowsLeft) * share;
   }
 
   void SetColour(Colour colour) {
@@ -111,22 +128,37 @@ class Picture {
     Fill(colour, static_cast<int>(x), top, 1, bottom - top);
   }
 
-  // `y` is the middle of the line. Returns the width.
-  double Text(Colour colour, double x, double y, const std::string& text, Align align, bool bold = false,
-              double size = kText) {
+  // Chooses the font as well.
+  double WidthOf(const std::string& text, bool bold = false, double size = kText) {
     cairo_t* cairo = mCairo.get();
     cairo_select_font_face(cairo, "sans-serif", CAIRO_FONT_SLANT_NORMAL,
                            bold ? CAIRO_FONT_WEIGHT_BOLD : CAIRO_FONT_WEIGHT_NORMAL);
     cairo_set_font_size(cairo, size);
     cairo_text_extents_t extents;
     cairo_text_extents(cairo, text.c_str(), &extents);
-    const double shift = align == Align::kLeft    ? 0
-                         : align == Align::kRight ? extents.x_advance
-                                                  : extents.x_advance / 2;
+    return extents.x_advance;
+  }
+
+  // The text, or as much of it as there is room for before an ellipsis.
+  std::string Elided(std::string text) {
+    if (WidthOf(text) <= kLabelsMost) return text;
+    while (!text.empty() && WidthOf(text + "\u2026") > kLabelsMost) {
+      while ((text.back() & 0xc0) == 0x80) text.pop_back();  // the rest of a character
+      text.pop_back();
+    }
+    return text + "\u2026";
+  }
+
+  // `y` is the middle of the line. Returns the width.
+  double Text(Colour colour, double x, double y, const std::string& text, Align align, bool bold = false,
+              double size = kText) {
+    cairo_t* cairo = mCairo.get();
+    const double width = WidthOf(text, bold, size);
+    const double shift = align == Align::kLeft ? 0 : align == Align::kRight ? width : width / 2;
     SetColour(colour);
     cairo_move_to(cairo, x - shift, y + size * 0.36);
     cairo_show_text(cairo, text.c_str());
-    return extents.x_advance;
+    return width;
   }
 
   // A triangle that points to the left (direction -1) or right (1), its tip at `x`.
@@ -170,14 +202,15 @@ class Picture {
 
   void DrawGrid() {
     mTicks =
-        TicksOf(mTimeline.since, mTimeline.until, static_cast<int>((kRowsRight - kRowsLeft) / kTickDistance));
+        TicksOf(mTimeline.since, mTimeline.until, static_cast<int>((kRowsRight - mRowsLeft) / kTickDistance));
     for (const Tick& tick : mTicks) Line(kGrid, X(tick.time), kTop - 6, mBottom + 4);
   }
 
-  void DrawRow(const TimelineRow& row, Colour colour, double y, double height, bool isChannel) {
+  void DrawRow(const TimelineRow& row, const std::string& label, Colour colour, double y, double height,
+               bool isChannel) {
     const double middle = y + height / 2;
-    Text(kInk, kRowsLeft - 12, middle, row.label, Align::kRight);
-    Fill(kEmpty, kRowsLeft, y, kRowsRight - kRowsLeft, height);
+    Text(kInk, mRowsLeft - kLabelDistance, middle, label, Align::kRight);
+    Fill(kEmpty, mRowsLeft, y, kRowsRight - mRowsLeft, height);
     const std::vector<Span> merged = Merge(row.spans, mTimeline.since, mTimeline.until);
     for (const Span& span : merged) {
       if (span.growing) continue;
@@ -204,7 +237,7 @@ class Picture {
 
   void DrawAxis() {
     const double y = mBottom + 4;
-    Fill(kFaintInk, kRowsLeft, y, kRowsRight - kRowsLeft, 1);
+    Fill(kFaintInk, mRowsLeft, y, kRowsRight - mRowsLeft, 1);
     double dayEnd = 0;
     for (const Tick& tick : mTicks) {
       const double x = X(tick.time);
@@ -218,8 +251,8 @@ class Picture {
   void DrawHints() {
     const double y = mBottom + 60;
     if (mTimeline.before != 0) {
-      Arrow(kRecorded, kRowsLeft, y, -1);
-      Text(kInk, kRowsLeft + 14, y, HintBefore(mTimeline), Align::kLeft);
+      Arrow(kRecorded, mRowsLeft, y, -1);
+      Text(kInk, mRowsLeft + 14, y, HintBefore(mTimeline), Align::kLeft);
     }
     if (mTimeline.after != 0) {
       Arrow(kRecorded, kRowsRight, y, 1);
@@ -229,7 +262,7 @@ class Picture {
 
   void DrawLegend() {
     const double y = mBottom + 60 + mHints;
-    double x = kRowsLeft;
+    double x = mRowsLeft;
     const auto entry = [&](const char* meaning) {
       x += 34 + Text(kFaintInk, x + 28, y, meaning, Align::kLeft) + 22;
     };
@@ -250,19 +283,31 @@ class Picture {
     entry("recorded, by disk");
   }
 
+  static cairo_status_t Write(void* self, const unsigned char* data, unsigned int size) {
+    auto* const picture = static_cast<Picture*>(self);
+    if (picture->mError == 0 && std::fwrite(data, 1, size, picture->mFile.get()) != size)
+      picture->mError = errno;
+    return picture->mError == 0 ? CAIRO_STATUS_SUCCESS : CAIRO_STATUS_WRITE_ERROR;
+  }
+
   std::string Finish() {
     cairo_status_t status = cairo_status(mCairo.get());
     mCairo.reset();
     if (status == CAIRO_STATUS_SUCCESS && !mSvg)
-      status = cairo_surface_write_to_png(mSurface.get(), mPath.c_str());
+      status = cairo_surface_write_to_png_stream(mSurface.get(), &Picture::Write, this);
     cairo_surface_finish(mSurface.get());
     if (status == CAIRO_STATUS_SUCCESS) status = cairo_surface_status(mSurface.get());
+    if (mError == 0 && std::fclose(mFile.release()) != 0) mError = errno;
+    if (mError != 0) return std::strerror(mError);
     return status == CAIRO_STATUS_SUCCESS ? std::string() : cairo_status_to_string(status);
   }
 
   const Timeline& mTimeline;
-  const std::string mPath;
   const bool mSvg;
+  std::unique_ptr<std::FILE, FileDeleter> mFile;  // outlives the surface that writes to it
+  int mError = 0;                                 // of opening or writing the file
+  std::vector<std::string> mLabels;               // of the channels, then of the disks
+  double mRowsLeft = 0;
   double mBottom = 0;  // of the rows
   double mHints = 0;   // height
   std::vector<Tick> mTicks;

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
 #include "apps/recorder/looking/Timeline.h"
 
@@ -43,8 +44,27 @@ class Pen {
   std::string mText;
 };
 
+size_t ColumnsOf(const std::string& text) {
+  return static_cast<size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+}
+
 std::string Padded(const std::string& text, size_t width) {
-  return text + std::string(width > text.size() ? width - text.size() : 0, ' ');
+  return text + std::string(width > ColumnsOf(text) ? width - ColumnsOf(text) : 0, ' ');
+}
+
+// What a column stands for: from thousandths of a second to weeks.
+std::string FormatStep(double seconds) {
+  constexpr double kMinute = 60;
+  constexpr double kDay = 86400;
+  if (seconds >= kMinute && seconds < 2 * kDay) return FormatDuration(seconds);
+  char text[32];
+  std::snprintf(text, sizeof text,
+                seconds < 1         ? "%.2g s"
+                : seconds < kMinute ? "%.1f s"
+                                    : "%.1f days",
+                seconds < kMinute ? seconds : seconds / kDay);
+  return text;
 }
 
 void PutCells(const TimelineRow& row, const Timeline& timeline, int width, Pen* pen) {
@@ -80,7 +100,7 @@ std::string TickLine(const std::vector<Tick>& ticks, std::string Tick::*text, co
 std::string DrawText(const Timeline& timeline, int width, bool colours) {
   size_t labels = 0;
   for (const auto* rows : {&timeline.channels, &timeline.disks}) {
-    for (const TimelineRow& row : *rows) labels = std::max(labels, row.label.size() + 1);
+    for (const TimelineRow& row : *rows) labels = std::max(labels, ColumnsOf(row.label) + 1);
   }
   const int cells = std::max(20, width - static_cast<int>(labels) - kCoverageColumns);
   const std::string margin(labels, ' ');
@@ -90,7 +110,7 @@ std::string DrawText(const Timeline& timeline, int width, bool colours) {
   char text[160];
   std::snprintf(text, sizeof text, "%s to %s, %s a column", FormatTime(timeline.since).c_str(),
                 FormatTime(timeline.until).c_str(),
-                FormatDuration(static_cast<double>(timeline.until - timeline.since) / cells).c_str());
+                FormatStep(static_cast<double>(timeline.until - timeline.since) / cells).c_str());
   pen.Put(Pen::kPlain, text);
   pen.EndLine();
   for (std::string Tick::*what : {&Tick::day, &Tick::label}) {
@@ -101,7 +121,7 @@ std::string DrawText(const Timeline& timeline, int width, bool colours) {
   }
   for (const auto* rows : {&timeline.channels, &timeline.disks}) {
     for (const TimelineRow& row : *rows) {
-      pen.Put(Pen::kPlain, Padded(row.label, labels));
+      pen.Put(Pen::kPlain, Padded(Printable(row.label), labels));
       PutCells(row, timeline, cells, &pen);
       std::snprintf(text, sizeof text, "  %5.1f %%", 100 * CoverageOf(row, timeline));
       pen.Put(Pen::kPlain, text);
