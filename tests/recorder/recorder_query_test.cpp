@@ -176,8 +176,17 @@ TEST_F(RecorderQuery, RefusesInOneLine) {
   const std::string good = Since(1, 2);
   const std::string out = " -o " + sWork + "/new/x.mp4";
   fs::create_directory(sWork + "/new");
+  WriteText(sWork + "/conf", "input # what for?\n");
   const std::tuple<std::string, int, const char*> cases[] = {
       {"list >/dev/full", 2, ""},
+      {"list --since ''", 2, "--since has no value"},
+      {"months a b", 2, "not expected: a b"},
+      {"--config " + sWork + " list", 2, "Is a directory"},
+      {"--config " + sWork + "/conf list", 2, "conf:1: input has no value"},
+      {"record --input x --on-event " + sWork + "/nope", 2, "/nope: No such file"},
+      {"record --input x --on-event no-such-command", 2, "cannot run no-such-command"},
+      {"record --input x --on-event " + sWork, 2, "Permission denied"},
+      {"record --input x --camera-clock 0-1", 2, "channel 1 has no input"},
       {"export --since someday --until now" + out, 2, "--since someday is not a time"},
       {"export" + Since(5, 4) + out, 2, "before it begins"},
       {"export --channel 2" + good + out, 2, "channel 2 was never recorded: there is 0-1"},

@@ -103,6 +103,10 @@ std::string FormatDuration(double seconds) {
   return text;
 }
 
+std::string FormatCount(int64_t count, const char* noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 std::string FormatChannels(uint32_t mask) {
   std::string text;
   for (int first = 0; first < 32; first++) {

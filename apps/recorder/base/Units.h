@@ -39,6 +39,8 @@ std::string FormatExactTime(int64_t micros);
 
 // "0:07", "12:34", "1:02:03".
 std::string FormatDuration(double seconds);
+// "1 packet", "2 packets".
+std::string FormatCount(int64_t count, const char* noun);
 // Channels of a mask: "0-3,7"; "-" for none.
 std::string FormatChannels(uint32_t mask);
 

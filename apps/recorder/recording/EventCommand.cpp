@@ -3,13 +3,16 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <sstream>
 
 #include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
@@ -21,6 +24,7 @@ namespace recorder {
 
 namespace {
 
+constexpr const char* kUsualPath = "/bin:/usr/bin";  // of posix_spawnp(3) when there is no PATH
 constexpr int64_t kMilli = kMicros / 1000;
 constexpr int64_t kLook = 20 * kMilli;   // between two looks at what is going on
 constexpr int64_t kReap = 200 * kMilli;  // what a process that was killed may take to be gone
@@ -77,6 +81,25 @@ std::optional<std::vector<std::string>> SplitWords(const std::string& text) {
   }
   if (quote != 0 || words.empty() || words[0].empty()) return std::nullopt;
   return words;
+}
+
+Refusal RefuseCommand(const std::vector<std::string>& words) {
+  const std::string& name = words.at(0);
+  const char* path = std::getenv("PATH");
+  std::istringstream directories(name.find('/') != std::string::npos ? ""
+                                 : path != nullptr                   ? path
+                                                                     : kUsualPath);
+  int error = ENOENT;
+  std::string directory;
+  do {
+    std::getline(directories, directory, ':');
+    const std::string file = directory.empty() ? name : directory + "/" + name;
+    struct stat info = {};
+    if (stat(file.c_str(), &info) != 0) continue;
+    if (S_ISREG(info.st_mode) && faccessat(AT_FDCWD, file.c_str(), X_OK, AT_EACCESS) == 0) return std::nullopt;
+    error = EACCES;
+  } while (!directories.eof());
+  return "cannot run " + name + ": " + std::strerror(error);
 }
 
 EventCommand::EventCommand(std::vector<std::string> words, Limits limits)

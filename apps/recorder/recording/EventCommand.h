@@ -13,12 +13,18 @@
 #include <thread>
 #include <vector>
 
+#include "apps/recorder/disks/Refusals.h"
+
 namespace recorder {
 
 // The words of a command line: blanks part them, quotes of both kinds keep blanks, a backslash outside of
 // single quotes keeps the next character. Nothing else has a meaning. Nothing when a quote is not closed or
 // there is no word.
 std::optional<std::vector<std::string>> SplitWords(const std::string& text);
+
+// Why the command of these words could not be run: it is not there, or not executable. A name without a slash
+// is looked for in PATH.
+Refusal RefuseCommand(const std::vector<std::string>& words);
 
 class EventCommand {
  public:

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cinttypes>
 #include <ctime>
 #include <memory>
 
@@ -56,6 +55,7 @@ Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* pl
   if (!options.onEvent.empty()) {
     const auto words = SplitWords(options.onEvent);
     if (!words) return "--on-event " + options.onEvent + " is no command: a quote is open";
+    if (Refusal refusal = RefuseCommand(*words)) return "--on-event: " + *refusal;
     plan->onEvent = *words;
   }
   if (options.segment < 1 || options.segment > 24 * 3600) return "--segment takes 1 to 86400 seconds";
@@ -71,6 +71,13 @@ Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* pl
     const std::optional<uint32_t> trusted = ParseChannels(options.cameraClock, NamesOf(plan->inputs));
     if (!trusted) {
       return "--camera-clock " + options.cameraClock + " names no channels: 0,2-3, names of inputs or all does";
+    }
+    for (size_t channel = 0; channel < IMF_CHANNEL_LIMIT && *trusted != UINT32_MAX; channel++) {
+      const bool hasInput = channel < plan->urls.size() && !plan->urls[channel].empty();
+      if ((*trusted >> channel & 1) != 0 && !hasInput) {
+        return "--camera-clock " + options.cameraClock + ": channel " + std::to_string(channel) +
+               " has no input";
+      }
     }
     plan->capture.trustedCameras = *trusted;
   }
@@ -213,10 +220,11 @@ int Record(const RecordOptions& options, const std::string& root) {
   if (status == kRefused) return status;
 
   const Segments::Totals& sum = segments.Sum();
-  Print("recorded %d segments, %s, %s, %" PRId64 " packets; dropped %" PRId64
-        " packets, recycled %d recordings, quarantined %d files\n",
-        sum.segments, FormatDuration(sum.seconds).c_str(), FormatSize(sum.bytes).c_str(), sum.packets,
-        sum.dropped, recovery.Recycled(), sum.quarantined);
+  Print("recorded %s, %s, %s, %s; dropped %s, recycled %s, quarantined %s\n",
+        FormatCount(sum.segments, "segment").c_str(), FormatDuration(sum.seconds).c_str(),
+        FormatSize(sum.bytes).c_str(), FormatCount(sum.packets, "packet").c_str(),
+        FormatCount(sum.dropped, "packet").c_str(), FormatCount(recovery.Recycled(), "recording").c_str(),
+        FormatCount(sum.quarantined, "file").c_str());
   return status;
 }
 
