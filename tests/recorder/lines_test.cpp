@@ -25,9 +25,9 @@ TEST(Lines, NothingActsOnATerminal) {
 
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
-  Print("%s\n%s\n", "a\x1b", "b");
+  Print("%s\n", "a\x1b\nb");
   Complain("%s: %s", "a\nb", std::string(5000, '\r').c_str());
-  EXPECT_EQ("a?\nb\n", testing::internal::GetCapturedStdout());
+  EXPECT_EQ("a??b\n", testing::internal::GetCapturedStdout());
   EXPECT_EQ("recorder: a?b: " + std::string(5000, '?') + "\n", testing::internal::GetCapturedStderr());
 }
 

@@ -74,20 +74,9 @@ void Print(const char* format, ...) {
   va_start(arguments, format);
   const std::string text = Formatted(format, arguments);
   va_end(arguments);
-  // As nearly all are; lists have hundreds of thousands of lines.
-  if (std::all_of(text.begin(), text.end(), [](char each) { return each == '\n' || IsPlain(each); })) {
-    std::fputs(text.c_str(), stdout);
-    return;
-  }
-  std::string shown;
-  for (size_t begin = 0; begin < text.size();) {
-    const size_t end = text.find('\n', begin);
-    shown += Printable(text.substr(begin, end - begin));
-    if (end == std::string::npos) break;
-    shown += '\n';
-    begin = end + 1;
-  }
-  std::fputs(shown.c_str(), stdout);
+  const bool isWhole = !text.empty() && text.back() == '\n';
+  const std::string line = Printable(text.substr(0, text.size() - (isWhole ? 1 : 0))) + (isWhole ? "\n" : "");
+  std::fputs(line.c_str(), stdout);
 }
 
 void Complain(const char* format, ...) {

@@ -12,7 +12,8 @@ namespace recorder {
 // what is no valid UTF-8.
 std::string Printable(const std::string& text);
 
-// Formats and writes to standard output. Line ends stay, all else is made printable.
+// Formats and writes a line, or a part of one, to standard output. A line end at its very end stays, all else
+// is made printable.
 void Print(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // One line on standard error, "recorder: " in front, made printable.

@@ -1,6 +1,7 @@
 // recorder status: what is on each disk, in numbers. Looks only.
 #include <CLI/CLI.hpp>
 #include <cinttypes>
+#include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -92,8 +93,11 @@ void PrintText(const Capacity& capacity) {
 enum class Form { kText, kJson, kMetrics };
 
 void PrintHealth(const std::optional<LiveHealth>& live, Form form) {
-  if (live && form == Form::kText) Print("%s", HealthText(*live).c_str());
-  if (live && form == Form::kJson) PrintLine({{"recorder", HealthJson(*live)}});
+  if (!live) return;
+  if (form == Form::kText) {
+    for (const std::string& line : HealthText(*live)) Print("%s\n", line.c_str());
+  }
+  if (form == Form::kJson) PrintLine({{"recorder", HealthJson(*live)}});
 }
 
 int Status(std::string root, Form form) {
@@ -129,7 +133,7 @@ int Status(std::string root, Form form) {
     all.push_back(status);
   }
   if (form == Form::kMetrics) {
-    Print("%s", HealthMetrics(live, recording, all, capacity).c_str());
+    std::fputs(HealthMetrics(live, recording, all, capacity).c_str(), stdout);
     return kDone;
   }
   if (holder && !json) Print("in use by %s\n", holder->c_str());

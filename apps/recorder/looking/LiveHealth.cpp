@@ -33,14 +33,14 @@ std::string Rate(const Health::Channel& channel) {
   return text;
 }
 
-std::string ChannelText(const Health::Channel& channel, bool lives) {
+std::string ChannelText(const Health::Channel& channel, bool lives, bool paused) {
   ChannelNames names;
   if (!channel.name.empty()) names[channel.channel] = channel.name;
   std::string line = DescribeChannel(channel.channel, names) + ": ";
   if (!lives) {
     line += "last picture " + ShowTime(channel.lastPicture);
   } else if (channel.state == "recording") {
-    line += "recording, " + Rate(channel);
+    line += (paused ? "dropped, there is no disk to record to: " : "recording, ") + Rate(channel);
   } else {
     line += channel.state + " since " + ShowTime(channel.since);
     if (!channel.reason.empty()) line += ": " + channel.reason;
@@ -51,7 +51,7 @@ std::string ChannelText(const Health::Channel& channel, bool lives) {
   }
   if (channel.reconnects == 1) line += ", came back once";
   if (channel.reconnects > 1) line += ", came back " + std::to_string(channel.reconnects) + " times";
-  return line + "; " + channel.address + "\n";
+  return line + "; " + channel.address;
 }
 
 }  // namespace
@@ -70,7 +70,7 @@ std::optional<LiveHealth> LookAtHealth(const std::string& root, const std::optio
   return live;
 }
 
-std::string HealthText(const LiveHealth& live) {
+std::vector<std::string> HealthText(const LiveHealth& live) {
   const Health& health = live.health;
   char age[40];
   std::snprintf(age, sizeof age, "%.1f s ago", live.age);
@@ -84,13 +84,15 @@ std::string HealthText(const LiveHealth& live) {
     text += health.stopped ? "stopped at " + ShowTime(health.written)
                            : "not running, last seen " + ShowTime(health.written);
   }
-  text += "\n";
-  for (const Health::Channel& channel : health.channels) text += ChannelText(channel, live.lives);
-  if (live.lives && !health.segment.empty()) text += "segment under way: " + health.segment + "\n";
-  if (!health.lastError.empty()) {
-    text += "last error: " + ShowTime(health.lastErrorTime) + " " + health.lastError + "\n";
+  std::vector<std::string> lines = {text};
+  for (const Health::Channel& channel : health.channels) {
+    lines.push_back(ChannelText(channel, live.lives, health.paused));
   }
-  return text;
+  if (live.lives && !health.segment.empty()) lines.push_back("segment under way: " + health.segment);
+  if (!health.lastError.empty()) {
+    lines.push_back("last error: " + ShowTime(health.lastErrorTime) + " " + health.lastError);
+  }
+  return lines;
 }
 
 nlohmann::ordered_json HealthJson(const LiveHealth& live) {

@@ -27,7 +27,7 @@ struct LiveHealth {
 std::optional<LiveHealth> LookAtHealth(const std::string& root, const std::optional<std::string>& holder);
 
 // Lines of text, each with its end.
-std::string HealthText(const LiveHealth& live);
+std::vector<std::string> HealthText(const LiveHealth& live);
 nlohmann::ordered_json HealthJson(const LiveHealth& live);
 // What a scraper reads: the text format of Prometheus, version 0.0.4.
 std::string HealthMetrics(const std::optional<LiveHealth>& live, bool recording,
