@@ -19,7 +19,7 @@ Room MakeRoom(uint64_t total, uint64_t free, int64_t files = -1) { return {total
 PrepareOptions Options(const std::string& size, int64_t count, const std::string& reserve = "") {
   PrepareOptions options;
   options.size = size;
-  options.count = count;
+  if (count != 0) options.count = count;
   options.fill = count == 0;
   options.reserve = reserve;
   return options;
@@ -29,7 +29,7 @@ TEST(PreparationPlan, CountsAndReserves) {
   Room system = MakeRoom(100 * kGiB, 100 * kGiB), directory = system, copying = MakeRoom(10 * kGiB, 10 * kGiB);
   system.isSystem = copying.copiesOnWrite = true;
   directory.isMountPoint = false;
-  const std::tuple<const char*, Room, PrepareOptions, int64_t, uint64_t, const char*> kCases[] = {
+  const std::tuple<const char*, Room, PrepareOptions, int64_t, double, const char*> kCases[] = {
       // what, room, options, count (0: refused), MiB of the reserve: three quarters of what is kept, refusal
       {"1 % is kept", MakeRoom(1000 * kGiB, 1000 * kGiB), Options("256M", 0), 3959, 7680, ""},
       {"at least 64 MiB", MakeRoom(kGiB, kGiB), Options("64M", 0), 14, 48, ""},
@@ -43,7 +43,9 @@ TEST(PreparationPlan, CountsAndReserves) {
       {"few inodes", MakeRoom(kGiB, kGiB, 74), Options("1M", 0), 10, 48, ""},
       {"the system's", system, Options("64M", 3), 0, 0, "--on-system-disk"},
       {"a directory keeps none", directory, Options("64M", 3), 3, 0, ""},
+      {"of less than a MiB", directory, Options("64M", 3, "1M"), 3, 0.75, ""},
       {"a tenth to copy", copying, Options("64M", 0), 142, 76, ""},
+      {"too few", system, Options("64M", 2), 0, 0, "2 record files: a disk needs at least 3"},
       {"neither count nor fill", MakeRoom(kGiB, kGiB), PrepareOptions(), 0, 0, "--count and --fill"},
   };
   for (const auto& [what, room, options, count, reserveMiB, part] : kCases) {
@@ -55,7 +57,7 @@ TEST(PreparationPlan, CountsAndReserves) {
     EXPECT_TRUE(Has(refusal.value_or(""), part));
     if (refusal) continue;
     EXPECT_EQ(count, plan.count);
-    EXPECT_EQ(reserveMiB * kMiB, plan.reserve);
+    EXPECT_EQ(reserveMiB * static_cast<double>(kMiB), plan.reserve);
   }
 }
 

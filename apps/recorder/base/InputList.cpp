@@ -27,6 +27,21 @@ bool IsName(const std::string& text) {
   });
 }
 
+// What stands before the first '=' of an address, where it can only have been meant as a name: it is neither of
+// a URL nor of a path.
+std::optional<std::string> OddName(const std::string& address) {
+  const size_t equals = address.find('=');
+  if (equals == std::string::npos || address.find_first_of("/:?&|") < equals) return std::nullopt;
+  return address.substr(0, equals);
+}
+
+// "1234" of "1234:front=rtsp://camera1".
+std::optional<std::string> OddNumber(const std::string& address) {
+  const size_t end = address.find_first_not_of("0123456789");
+  if (end == 0 || end == std::string::npos || address[end] != ':') return std::nullopt;
+  return address.substr(0, end);
+}
+
 }  // namespace
 
 InputSpec ParseInput(const std::string& text) {
@@ -58,6 +73,14 @@ std::optional<std::string> ParseInputs(const std::vector<std::string>& texts, in
     const InputSpec input = ParseInput(text);
     const std::string number = std::to_string(input.channel);
     if (input.address.empty()) return "an --input has no address";
+    if (const auto odd = OddName(input.address)) {
+      return "an input cannot be called '" + *odd + "': names are 1 to " + std::to_string(kNameLimit) +
+             " bytes of letters, digits, -, _, . and blanks between them (a file of that name: ./" + *odd +
+             "=...)";
+    }
+    if (const auto odd = OddNumber(input.address)) {
+      return "there is no channel " + *odd + ": channels are numbered 0 to " + std::to_string(limit - 1);
+    }
     if (input.channel >= limit) {
       return "there is no channel " + number + ": channels are numbered 0 to " + std::to_string(limit - 1);
     }

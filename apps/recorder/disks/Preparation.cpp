@@ -101,7 +101,7 @@ void SayPlan(const PreparationPlan& plan, const Room& room) {
     Print("%s is no mount point of its own: its files take room on the file system that it lies on\n",
           plan.path.c_str());
   }
-  Print("laying down %" PRId64 " files of %s, %s, and a reserve of %s; %s are free\n", plan.count,
+  Print("laying down %" PRId64 " files of %s, %s, and a reserve file of %s; %s are free\n", plan.count,
         FormatSize(plan.size).c_str(), FormatSize(plan.size * static_cast<uint64_t>(plan.count)).c_str(),
         FormatSize(plan.reserve).c_str(), FormatSize(room.free).c_str());
   if (plan.seconds > 0) Print("they hold about %s\n", FormatSpan(plan.seconds).c_str());

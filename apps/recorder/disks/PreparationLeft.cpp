@@ -92,7 +92,7 @@ Refusal RefuseNothingLeft(const PreparationPlan& plan, bool undo) {
   return "nothing was begun at " + plan.path;
 }
 
-Refusal PlanRest(int64_t count, PreparationPlan* plan) {
+Refusal PlanRest(const std::optional<int64_t>& count, PreparationPlan* plan) {
   const std::optional<DiskManifest> manifest = ReadManifest(plan->path);
   std::map<uint64_t, int64_t> sizes = CountBySize(plan->prealloc);
   for (const auto& [size, number] : CountBySize(plan->pool)) sizes[size] = std::max(sizes[size], number);
@@ -109,8 +109,8 @@ Refusal PlanRest(int64_t count, PreparationPlan* plan) {
     plan->count = manifest->files;
     most = sizes[plan->size];
   }
-  if (count != 0) plan->count = count;
-  if (count != 0 && count < most) {
+  if (count) plan->count = *count;
+  if (count && *count < most) {
     return std::to_string(most) + " files are laid down at " + plan->path + " already: --undo takes them back";
   }
   if (Refusal refusal = RefuseGeometry(plan->size, plan->count)) return refusal;

@@ -19,9 +19,9 @@ int64_t CountLaidDown(const std::string& directory, uint64_t size);
 // Refuses to finish or undo what is finished, in use, or was never begun.
 Refusal RefuseNothingLeft(const PreparationPlan& plan, bool undo);
 
-// Completes the plan from what is on the disk: size and count as they were first asked for, or `count`, when it
-// isn't 0. Refuses when the rest does not fit, or more is there than asked for.
-Refusal PlanRest(int64_t count, PreparationPlan* plan);
+// Completes the plan from what is on the disk: size and count as they were first asked for, or `count` when it
+// is given. Refuses when the rest does not fit, or more is there than asked for.
+Refusal PlanRest(const std::optional<int64_t>& count, PreparationPlan* plan);
 // Lays down the files that are missing, and gives each its name in the pool.
 bool LayDownRest(const PreparationPlan& plan, ProgressIndicator* progress);
 // The names in the pre-allocation directory go, the files stay in the pool. Nothing goes that isn't in both.

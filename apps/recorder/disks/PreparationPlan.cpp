@@ -13,7 +13,8 @@ namespace {
 constexpr uint64_t kLeastReserve = 64 * kMiB;
 constexpr uint64_t kLeastRoom = 4 * kMiB;  // for data directories and search databases
 constexpr uint64_t kPerFile = 4096;        // bytes of names, inode and extents
-constexpr int64_t kFewFiles = 64;          // that a disk has besides record files: directories, databases
+constexpr uint64_t kBlock = 4096;
+constexpr int64_t kFewFiles = 64;  // that a disk has besides record files: directories, databases
 
 // What is kept free of record files.
 struct Kept {
@@ -85,17 +86,17 @@ int64_t CountThatFits(const Room& room, uint64_t size, uint64_t reserve) {
 
 Refusal PlanFiles(const PrepareOptions& options, const Room& room, PreparationPlan* plan) {
   Kept kept;
-  if (options.fill == (options.count != 0)) return "one of --count and --fill is needed";
+  if (options.fill == options.count.has_value()) return "one of --count and --fill is needed";
   if (Refusal refusal = FindSize(options, plan)) return refusal;
+  if (Refusal refusal = RefuseGeometry(plan->size, options.count.value_or(kFewestFiles))) return refusal;
   if (Refusal refusal = FindKept(options, room, &kept)) return refusal;
   if (room.isSystem && !options.onSystemDisk) {
     return plan->path + (room.isMountPoint ? "" : " is no mount point of its own and") +
            " lies on the system's own file system: is the disk mounted? With --on-system-disk it is prepared "
            "there";
   }
-  plan->count = options.fill ? CountThatFits(room, plan->size, kept.All()) : options.count;
+  plan->count = options.fill ? CountThatFits(room, plan->size, kept.All()) : *options.count;
   if (options.fill && plan->count < kFewestFiles) return FitText(*plan, room, kept);
-  if (Refusal refusal = RefuseGeometry(plan->size, plan->count)) return refusal;
   // Whoever counts the files himself, and names no reserve, leaves what he wants to.
   const uint64_t reserve = options.reserve.empty() ? std::min(kept.reserve, kLeastRoom) : kept.reserve;
   if (plan->count > CountThatFits(room, plan->size, reserve + kept.toCopy)) {
@@ -104,7 +105,8 @@ Refusal PlanFiles(const PrepareOptions& options, const Room& room, PreparationPl
   }
   const uint64_t left = room.free - static_cast<uint64_t>(plan->count) * (plan->size + kPerFile);
   // A part of what is kept stays free: data directories and databases are made of it as long as all goes well.
-  plan->reserve = std::min(kept.reserve, left) / 4 * 3 / kMiB * kMiB;
+  const uint64_t reserved = std::min(kept.reserve, left) / 4 * 3;
+  plan->reserve = reserved - reserved % (reserved < kMiB ? kBlock : kMiB);
   plan->seconds = options.bitRate.empty() ? 0 : plan->count * options.segment;
   return std::nullopt;
 }

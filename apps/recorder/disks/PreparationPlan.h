@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "apps/recorder/disks/Refusals.h"
@@ -11,13 +12,13 @@
 namespace recorder {
 
 struct PrepareOptions {
-  std::string disk;     // its name
-  std::string size;     // of one record file, as 64M; or else
-  std::string bitRate;  // of all channels together, as 8M, which gives a size for segments of
-  int segment = 60;     // seconds
-  int64_t count = 0;    // of files; or else
-  bool fill = false;    // as many as fit
-  std::string reserve;  // kept free of record files, as 1G; empty: 1 %, at least 64 MiB
+  std::string disk;              // its name
+  std::string size;              // of one record file, as 64M; or else
+  std::string bitRate;           // of all channels together, as 8M, which gives a size for segments of
+  int segment = 60;              // seconds
+  std::optional<int64_t> count;  // of files; or else
+  bool fill = false;             // as many as fit
+  std::string reserve;           // kept free of record files, as 1G; empty: 1 %, at least 64 MiB
   bool onSystemDisk = false;
   bool resume = false;  // what was cut off
   bool undo = false;    // what was cut off
