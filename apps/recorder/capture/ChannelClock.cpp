@@ -20,11 +20,32 @@ constexpr int64_t kLongestStep = 1 * kMicros;   // of stream time, as far as cor
 // picture's decoding and its display suffers. Cameras' clocks are at most 500 ppm off.
 constexpr int64_t kQuick = 32;
 constexpr int64_t kSlow = 1000;
+constexpr size_t kKept = 64;                   // pictures whose order bears on each other's
 constexpr double kHaste = 15.0 / 16;           // of the quickest that keeps the order
 constexpr int64_t kOverlap = kMicros / 2;      // of two ties, that is made up for unhurriedly
 constexpr int64_t kSoundReach = 10 * kMicros;  // of the picture before
 
 }  // namespace
+
+int64_t PictureOrder::Keep(const StreamStamps& stamps, int64_t offset) {
+  // Of what lies between two pictures something is left, for one that is still to come between them.
+  const auto nearest = [](int64_t gap) { return gap - std::max<int64_t>(1, gap / kQuick); };
+  int64_t least = INT64_MIN;
+  int64_t most = INT64_MAX;
+  for (const auto& [kept, keptOffset] : mKept) {
+    const int64_t gap = stamps.pts - kept.pts;
+    if (gap > 0) least = std::max(least, keptOffset - nearest(gap));
+    if (gap < 0) most = std::min(most, keptOffset + nearest(-gap));
+  }
+  offset = std::max(least, std::min(offset, most));
+  if (!mKept.empty()) {
+    const auto& [last, lastOffset] = mKept.back();
+    offset = std::max(offset, lastOffset - nearest(stamps.dts - last.dts));
+  }
+  mKept.emplace_back(stamps, offset);
+  if (mKept.size() > kKept) mKept.pop_front();
+  return offset;
+}
 
 // --- Stream's clock to the machine's ---
 
@@ -124,6 +145,7 @@ int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamSta
   if (stamps && !tie.window.empty()) {
     if (!tie.placed) {
       tie.placed = true;
+      mOrder.Clear();
       tie.offset = Target(tie);
       // What is shown first may be decoded later, but not before this.
       if (mAnyPlaced) tie.behind = std::max<int64_t>(0, mLatest + 1 - (stamps->dts + tie.offset));
@@ -132,7 +154,11 @@ int64_t ChannelClock::Place(Tie number, int64_t arrival, std::optional<StreamSta
       Correct(&tie, std::clamp<int64_t>(stamps->dts - tie.lastDts, 0, kLongestStep));
     }
     tie.lastDts = stamps->dts;
-    time = stamps->pts + tie.offset + tie.behind;
+    // What is known of the pictures so far paces corrections; the next may leave less between them.
+    const int64_t kept = mOrder.Keep(*stamps, tie.offset + tie.behind);
+    if (tie.behind > 0) tie.behind = std::max<int64_t>(0, kept - tie.offset);
+    tie.offset = kept - tie.behind;
+    time = stamps->pts + kept;
   } else if (mAnyPlaced) {
     time = std::max(time, mLatest + 1);
   }
@@ -177,11 +203,15 @@ int64_t ChannelDay::TimeOfDay(const MachineClock& machine, int64_t time, std::op
   if (mTimeline != machine.Timeline()) {
     mTimeline = machine.Timeline();
     mOffset = offset;
+    mOrder.Clear();
   } else if (decodeTime) {
     const int64_t most = std::max<int64_t>(*decodeTime - mLast, 0) / kQuick;
     mOffset += std::clamp(offset - mOffset, -most, most);
   }
-  if (decodeTime) mLast = *decodeTime;
+  if (decodeTime) {
+    mOffset = mOrder.Keep({time, *decodeTime}, mOffset);
+    mLast = *decodeTime;
+  }
   return time + mOffset;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <utility>
 
 namespace recorder {
 
@@ -14,6 +15,19 @@ namespace recorder {
 struct StreamStamps {
   int64_t pts = 0;
   int64_t dts = 0;
+};
+
+// Keeps pictures in order whose offsets, from stamps to other times, change as they are decoded.
+class PictureOrder {
+ public:
+  // The offset nearest to the given one that leaves a picture in its place among the last ones, both in
+  // decoding and in presentation; in decoding, where it can't be had in both. To be asked for each picture, in
+  // order of decoding.
+  int64_t Keep(const StreamStamps& stamps, int64_t offset);
+  void Clear() { mKept.clear(); }
+
+ private:
+  std::deque<std::pair<StreamStamps, int64_t>> mKept;  // with the offset
 };
 
 class ChannelClock {
@@ -78,6 +92,7 @@ class ChannelClock {
   int64_t mInterval = 0;                     // the least between pictures, 0: not known
   int64_t mLeastDelay = INT64_MAX;           // from decoding to presentation
   int64_t mMostDelay = INT64_MIN;
+  PictureOrder mOrder;  // of the tie that is being placed
   bool mCameraRefused = false;
   bool mAnyPlaced = false;
   int64_t mLatest = 0;  // recording time placed so far
@@ -109,6 +124,7 @@ class ChannelDay {
   int mTimeline = -1;
   int64_t mOffset = 0;
   int64_t mLast = 0;  // decodeTime
+  PictureOrder mOrder;
 };
 
 }  // namespace recorder
