@@ -13,13 +13,6 @@ namespace {
 using searchdb::Entry;
 using Rows = std::map<int32_t, TimeSearchRecording>;  // by start
 
-// Whether the name says all that the row does; the file is not asked then.
-bool IsToldBy(const Entry& entry, const TimeSearchRecording& row) {
-  const RecordName& record = entry.record;
-  return record.endTime != 0 && record.endTime == static_cast<uint32_t>(row.endTime) &&
-         (record.channelMask == 0 || record.channelMask == row.channelMask);
-}
-
 bool List(const std::string& directory, std::vector<Entry>* entries) {
   const int parent = searchdb::OpenDirectory(directory);
   if (parent < 0) return false;
@@ -33,6 +26,7 @@ bool List(const std::string& directory, std::vector<Entry>* entries) {
 bool MendSearchDb(const std::string& directory) {
   SearchDb db(directory, SEARCH_DB_WRITE);
   TimeSearchChart chart;
+  chart.startTime = INT32_MIN;
   chart.endTime = INT32_MAX;
   std::vector<Entry> entries;
   if (!db.CollectData(&chart) || !List(directory, &entries)) return false;
@@ -47,13 +41,14 @@ bool MendSearchDb(const std::string& directory) {
     if (!starts.insert(entry.record.startTime).second) return false;
     const auto row = rows.find(static_cast<int32_t>(entry.record.startTime));
     TimeSearchRecording recording = {};
-    if (row != rows.end() && IsToldBy(entry, row->second)) {
-      rows.erase(row);
-    } else if (searchdb::RowOf(directory, entry, newestStart, &recording) == searchdb::RowKind::kRow) {
+    if (searchdb::RowOf(directory, entry, newestStart, &recording) != searchdb::RowKind::kRow) continue;
+    // Of a file that was left unfinished more may be known now.
+    if (row == rows.end() || entry.record.endTime == 0 || row->second.endTime != recording.endTime ||
+        row->second.channelMask != recording.channelMask) {
       ReadCoverage(directory + entry.name, entry.record.startTime, &recording.spans);
       changed.push_back(recording);
-      if (row != rows.end()) rows.erase(row);
     }
+    if (row != rows.end()) rows.erase(row);
   }
   std::vector<int32_t> surplus;
   for (const auto& [start, row] : rows) surplus.push_back(start);

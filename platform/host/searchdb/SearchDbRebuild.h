@@ -29,8 +29,9 @@ SearchDbRebuildResult RebuildSearchDb(const std::string& directory,
                                       const std::function<void(size_t done, size_t total)>& progress,
                                       SearchDbRebuildReport* report);
 
-// Changes a database that can be read until it says what a rebuild would make of it, in one step. Only the
-// files of rows that are missing or differ are read; a row that says what the file's name says keeps its spans.
+// Changes a database that can be read until its rows are those that a rebuild would make, in one step; rows of
+// times that no chart can hold are not seen. Only the files of rows that are missing or differ, and those whose
+// names don't say all of it, are read; a row that is right keeps its spans, whatever the file says of them.
 // False: it is as it was, and has to be rebuilt. Nobody may be recording to the directory. `directory` ends
 // with "/".
 bool MendSearchDb(const std::string& directory);
