@@ -9,7 +9,8 @@ namespace recorder {
 
 void AddRecordCommand(CLI::App& app, Context& context) {
   auto options = std::make_shared<RecordOptions>();
-  CLI::App* command = app.add_subcommand("record", "Record inputs, one channel each, until SIGINT, SIGTERM or SIGHUP");
+  CLI::App* command =
+      app.add_subcommand("record", "Record inputs, one channel each, until SIGINT, SIGTERM or SIGHUP");
   command
       ->add_option(
           "--input", options->inputs,
@@ -25,7 +26,9 @@ void AddRecordCommand(CLI::App& app, Context& context) {
                       "For how long recordings are kept at most: 7d, 36h, 36 (hours); default 0: no limit");
   command->add_flag("--trust-clock", options->trustClock,
                     "Let --keep recycle although nothing bears out what the clock says");
-  command->add_option("--retry", options->retry)->group("");  // seconds between two looks at unused disks
+  command->add_option(
+      "--retry", options->retry,
+      "Seconds between two looks at disks that are not used, and two lines about them (default 60)");
   command->add_option(
       "--clock", options->clock,
       "wall: pictures are recorded at the time of day at which they were taken (default); stream: at "

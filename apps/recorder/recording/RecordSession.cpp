@@ -60,6 +60,7 @@ Refusal MakePlan(const RecordOptions& options, const std::string& root, Plan* pl
   }
   if (options.segment < 1 || options.segment > 24 * 3600) return "--segment takes 1 to 86400 seconds";
   if (options.checkpoint < 1 || options.checkpoint > 3600) return "--checkpoint takes 1 to 3600 seconds";
+  if (options.retry < 1 || options.retry > 3600) return "--retry takes 1 to 3600 seconds";
   const std::optional<int64_t> keep = ParseSpan(options.keep);
   if (!keep) return "--keep " + options.keep + " is not a time: 36 (hours), 36h and 7d are";
   if (Refusal refusal = RefuseKeep(*keep, &plan->keep)) return refusal;
