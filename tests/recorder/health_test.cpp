@@ -118,6 +118,7 @@ TEST_F(HealthTest, SpeaksUp) {
   const rlimit small = {16384, RLIM_INFINITY}, unlimited = {RLIM_INFINITY, RLIM_INFINITY};
   ASSERT_EQ(prlimit(mRecorder->Id(), RLIMIT_FSIZE, &small, nullptr), 0);
   EXPECT_TRUE(Await([&] { return Metrics().find("recorder_paused 1\n") != std::string::npos; }));
+  EXPECT_TRUE(Run("status") == 0 && Has(mProgram.out, "(front): dropped, ")) << mProgram.out;
   ASSERT_EQ(prlimit(mRecorder->Id(), RLIMIT_FSIZE, &unlimited, nullptr), 0);
   EXPECT_TRUE(Await([&] { return Events().count("recording-resumed") != 0; }));
   EXPECT_EQ(Events()["disk-aside"]["disk"], "a");
