@@ -33,9 +33,10 @@ int main(int argc, char** argv) {
   recorder::AddMenuCommand(app, context);
 
   try {
-    app.parse(argc, argv);
-    if (const recorder::Refusal refusal = recorder::RefuseEmptyValues(app))
-      throw CLI::ArgumentMismatch(*refusal);
+    recorder::Refusal refusal = recorder::RefuseEmptyValues(std::vector<std::string>(argv + 1, argv + argc));
+    if (!refusal) app.parse(argc, argv);
+    if (!refusal) refusal = recorder::RefuseEmptyValues(app);
+    if (refusal) throw CLI::ArgumentMismatch(*refusal);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
     const std::vector<std::string> remaining = app.remaining();

@@ -180,6 +180,7 @@ TEST_F(RecorderQuery, RefusesInOneLine) {
   const std::tuple<std::string, int, const char*> cases[] = {
       {"list >/dev/full", 2, ""},
       {"list --since ''", 2, "--since has no value"},
+      {"list --since= now", 2, "--since has no value"},
       {"months a b", 2, "not expected: a b"},
       {"--config " + sWork + " list", 2, "Is a directory"},
       {"--config " + sWork + "/conf list", 2, "conf:1: input has no value"},

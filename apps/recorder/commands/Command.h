@@ -35,6 +35,8 @@ struct Context {
 // all that is recorded.
 bool IsEmptyByMistake(const CLI::Option& option, const std::vector<std::string>& values);
 Refusal RefuseEmptyValues(const CLI::App& app);
+// "--since=" would take the next argument for its value. To be asked before the command line is parsed.
+Refusal RefuseEmptyValues(const std::vector<std::string>& arguments);
 
 void AddPrepareCommand(CLI::App& app, Context& context);
 void AddRecordCommand(CLI::App& app, Context& context);

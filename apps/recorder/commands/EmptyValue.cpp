@@ -10,6 +10,13 @@ namespace {
 // Said on the command line, nothing takes the place of what the configuration file says.
 constexpr const char* kMayBeEmpty[] = {"on-event", "camera-clock"};
 
+// "--since=".
+bool EndsWithEquals(const std::string& argument) {
+  constexpr const char* kLetters = "abcdefghijklmnopqrstuvwxyz-";
+  return argument.rfind("--", 0) == 0 && argument.find_first_not_of(kLetters) == argument.size() - 1 &&
+         argument.back() == '=';
+}
+
 }  // namespace
 
 bool IsEmptyByMistake(const CLI::Option& option, const std::vector<std::string>& values) {
@@ -19,6 +26,12 @@ bool IsEmptyByMistake(const CLI::Option& option, const std::vector<std::string>&
       [&names](const char* each) { return std::find(names.begin(), names.end(), each) != names.end(); });
   return option.get_expected_min() > 0 && !mayBeEmpty &&
          std::find(values.begin(), values.end(), "") != values.end();
+}
+
+Refusal RefuseEmptyValues(const std::vector<std::string>& arguments) {
+  const auto bare = std::find_if(arguments.begin(), arguments.end(), EndsWithEquals);
+  if (bare == arguments.end()) return std::nullopt;
+  return bare->substr(0, bare->size() - 1) + " has no value";
 }
 
 Refusal RefuseEmptyValues(const CLI::App& app) {
