@@ -1,7 +1,9 @@
 // The arithmetic of timelines: what a cell shows, what counts as a gap, and where the marks of the time axis
 // stand.
+#include <cairo.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 
@@ -45,6 +47,29 @@ TEST(Timeline, GapsLieBetweenRecordings) {
   timeline.before = 90;  // then it is known that something was recorded around the timeline
   timeline.after = 300;
   EXPECT_EQ(GapsOf(row, timeline), (std::vector<Span>{{100, 110}, {130, 131}, {160, 200}}));
+}
+
+TEST(Timeline, SaysWhatAColumnIs) {
+  const std::pair<int64_t, const char*> cases[] = {
+      {1, ", 0.014 s a column"}, {710, ", 10.0 s a"}, {36000, ", 8:27 a"}, {36000000, ", 5.9 days a"}};
+  for (const auto& [length, step] : cases) {
+    const std::string text = DrawText({0, length, {}, {}, 0, 0}, 80, false);
+    EXPECT_NE(text.find(step), std::string::npos) << text;
+  }
+}
+
+TEST(Timeline, LongNamesKeepWithinAPicture) {
+  const std::string path = testing::TempDir() + "/timeline_test.png";
+  for (const size_t length : {1, 16, 32}) {
+    ASSERT_EQ(DrawPicture({0, 10, {{std::string(length, 'W'), {}}}, {}, 0, 0}, path, false), "");
+    cairo_surface_t* const picture = cairo_image_surface_create_from_png(path.c_str());
+    const unsigned char* const rows = cairo_image_surface_get_data(picture);
+    for (int y = 0; y < cairo_image_surface_get_height(picture); y++) {
+      const unsigned char* const row = rows + y * cairo_image_surface_get_stride(picture);
+      EXPECT_EQ(std::count(row, row + 18 * 4, 0xff), 18 * 4) << y;
+    }
+    cairo_surface_destroy(picture);
+  }
 }
 
 // Marks are round on the clock on the wall, in each zone, also over a change of clock, and neither too few nor
