@@ -244,7 +244,7 @@ TEST_F(SearchDbTest, ToolTakesNamesAndOnlyAsksHeadersForWhatIsMissing) {
   Run("INSERT INTO span VALUES(0x5f5e1300, 31, 0x5f5e1300 * 1000000, 0x5f5e1301 * 1000000)");
   const Recordings before = Search();
   Run("DELETE FROM recording WHERE start_time = 0x5f5e2000; DELETE FROM span WHERE channel = 2;"
-      "INSERT INTO recording VALUES(7, 8, 1), (0x60000000, 0x60000009, 1), (0x5f5e1600, 0x5f5e1700, 1);"
+      "INSERT INTO recording VALUES(-8, -7, 1), (0x60000000, 0x60000009, 1), (0x5f5e1600, 0x5f5e1500, 1);"
       "UPDATE recording SET end_time = 0x5f5e1257, channel_mask = 7 WHERE start_time = 0x5f5e1000");
   EXPECT_TRUE(MendSearchDb(mDirectory));
   EXPECT_EQ(Search(), before);

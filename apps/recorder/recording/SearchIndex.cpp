@@ -184,6 +184,7 @@ std::string SearchIndex::Disagreement(const std::string& directory, const std::v
 
   SearchDb database(directory, SEARCH_DB_READ);
   TimeSearchChart chart;
+  chart.startTime = INT32_MIN;  // also what no recorder has written
   chart.endTime = static_cast<int32_t>(kTimeLimit);
   if (!database.CollectData(&chart)) return "can't be read: " + database.Error();
   if (isSound != nullptr) *isSound = true;
