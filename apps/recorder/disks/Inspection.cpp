@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -101,6 +102,11 @@ std::string WhyFixed(int fd) {
   return "";
 }
 
+bool HoldsRecording(const std::string& path, const RecordName& name) {
+  ImfReader reader;
+  return reader.Open(path) && reader.StartTime() == name.startTime;
+}
+
 class DiskInspection {
  public:
   DiskInspection(const std::string& disk, int64_t now) : mDisk(disk), mNow(now) {}
@@ -185,12 +191,13 @@ void DiskInspection::LookInto(const std::string& name) {
     mRecorded.push_back(inode);
     RecordName record{};
     if (!ParseRecordName(entry, &record)) return;  // nobody looks for such a one
-    if (record.startTime > mNow + kClockTolerance) {
-      ImfReader reader;
-      if (!reader.Open(path + entry) || reader.StartTime() != record.startTime) {
-        odd.push_back({path + entry, "starts ahead of the clock and holds no recording of that time"});
-        return;
-      }
+    if (record.startTime > mNow + kClockTolerance && !HoldsRecording(path + entry, record)) {
+      odd.push_back({path + entry, "starts ahead of the clock and holds no recording of that time"});
+      return;
+    }
+    if (IsForeignRecord(path + entry, record)) {
+      odd.push_back({path + entry, "has no recording's name and holds none"});
+      return;
     }
     if (record.endTime == 0) unfinished.push_back(path + entry);
   });
@@ -298,6 +305,12 @@ std::string WhyFixed(const std::string& path) {
 bool IsImmutable(const std::string& path) {
   struct statx st = {};
   return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &st) == 0 && IsImmutable(st);
+}
+
+bool IsForeignRecord(const std::string& path, const RecordName& name) {
+  char inProgress[32];
+  std::snprintf(inProgress, sizeof inProgress, "%" PRIx32 "_00000000.imf", name.startTime);
+  return name.endTime == 0 && NameOf(path) != inProgress && !HoldsRecording(path, name);
 }
 
 std::string WhyNoDatabase(const std::string& path) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "apps/recorder/disks/DiskManifest.h"
+#include "platform/host/imf/RecordName.h"
 
 namespace recorder {
 
@@ -49,6 +50,9 @@ Inspection Inspect(const std::string& disk, int64_t now);
 // when it takes them, and when it can't be opened. `path` may end with a slash.
 std::string WhyFixed(const std::string& path);
 bool IsImmutable(const std::string& path);
+// Whether a data directory's file only looks like a recording in progress, as "face.imf" does, whose name begins
+// with a number: it is not called as the library would, and holds no recording. It would be recycled.
+bool IsForeignRecord(const std::string& path, const RecordName& name);
 // Why a data directory's entry called search.fdb and something is not the recorder's, as "is a fifo"; empty
 // when it may be. A second name may be a recording's.
 std::string WhyNoDatabase(const std::string& path);

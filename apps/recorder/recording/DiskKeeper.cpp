@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -310,8 +309,8 @@ void DiskKeeper::SayNoDisk(int64_t dropped) {
     disks += (disks.empty() ? "" : "; ") + slot.state.disk.name + ": " +
              (isFull ? "every file holds a recording" : slot.state.what);
   }
-  Complain("nothing is recorded, no disk can be used (%s); %" PRId64 " packets dropped so far", disks.c_str(),
-           dropped);
+  Complain("nothing is recorded, no disk can be used (%s); %s dropped so far", disks.c_str(),
+           FormatCount(dropped, "packet").c_str());
 }
 
 void DiskKeeper::DoubtClock(int64_t since) {

@@ -16,6 +16,7 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
 #include "apps/recorder/disks/Disks.h"
+#include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/disks/SetAside.h"
 #include "apps/recorder/recording/SearchIndex.h"
 #include "fmgr/FmgrRepositoryGroup.h"
@@ -89,7 +90,7 @@ void SaveDirectory(Disks& disks, const Disk& disk, FmgrRepositoryGroup& group,
       continue;
     }
     RecordName parsed{};
-    if (!ParseRecordName(name, &parsed) || !IsRegularFile(path)) {
+    if (!ParseRecordName(name, &parsed) || !IsRegularFile(path) || IsForeignRecord(path, parsed)) {
       moveAside(path);
       continue;
     }
