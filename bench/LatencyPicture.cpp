@@ -95,9 +95,14 @@ class Plot {
     cairo_set_font_size(mCairo, size);
     cairo_text_extents_t extents;
     cairo_text_extents(mCairo, text.c_str(), &extents);
-    Use(colour);
+    // Readable where it lies on a curve.
     cairo_move_to(mCairo, x - align * extents.x_advance, y);
-    cairo_show_text(mCairo, text.c_str());
+    cairo_text_path(mCairo, text.c_str());
+    cairo_set_source_rgb(mCairo, 1, 1, 1);
+    cairo_set_line_width(mCairo, 5);
+    cairo_stroke_preserve(mCairo);
+    Use(colour);
+    cairo_fill(mCairo);
   }
   std::string Write(const std::string& path) const {
     const cairo_status_t status = cairo_surface_write_to_png(mSurface, path.c_str());
