@@ -148,7 +148,7 @@ std::string DrawLatencies(const std::string& path, std::vector<double> handOuts,
                 " of each in turns; files of 256 MiB, written without pause; ext4",
             kLeft, 76, 0, kFaint, kFont);
   plot.Curve(creations, kTheirs, "a file created by fallocate", 0.4, false);
-  plot.Curve(handOuts, kOurs, "a file handed out", 0.03, true);
+  plot.Curve(handOuts, kOurs, "a file handed out", 0.012, true);
   return plot.Write(path);
 }
 
