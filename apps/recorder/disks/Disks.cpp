@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <list>
 #include <set>
+#include <tuple>
+#include <utility>
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/disks/DirectoryLock.h"
@@ -148,9 +150,11 @@ Refusal RefuseDisk(const std::string& root, const std::string& name, const std::
 
 namespace {
 
+using NamesChosen = std::vector<std::pair<std::string, bool>>;  // names, and whether they hold files
+
 // Of two that can't be used together, the one that holds files, is in use, or has the shorter name: a copy has
 // the longer one, as a rule.
-Refusal ChooseAll(const std::string& root, std::vector<std::string>* chosen) {
+Refusal ChooseAll(const std::string& root, NamesChosen* chosen) {
   using Rank = std::tuple<bool, bool, size_t, std::string>;
   std::vector<Rank> ranks;
   int error = 0;
@@ -160,10 +164,14 @@ Refusal ChooseAll(const std::string& root, std::vector<std::string>* chosen) {
     ranks.emplace_back(!holdsFiles, !(holdsFiles && HolderOf(path)), name.size(), name);
   }
   std::sort(ranks.begin(), ranks.end());
+  std::vector<std::string> names;
   std::vector<std::pair<std::string, std::string>> leftOut;
   for (const auto& [holdsNothing, isFree, size, name] : ranks) {
-    const Refusal refusal = RefuseDisk(root, name, *chosen);
-    if (!refusal) chosen->push_back(name);
+    const Refusal refusal = RefuseDisk(root, name, names);
+    if (!refusal) {
+      names.push_back(name);
+      chosen->emplace_back(name, !holdsNothing);
+    }
     // What holds nothing is only told apart from what isn't a disk's mount point at all by its name.
     const bool isDisk = !holdsNothing || !RefuseDisk(root, name, {});
     if (refusal && isDisk) leftOut.emplace_back(name, *refusal);
@@ -185,14 +193,17 @@ Disks::~Disks() {
 
 Refusal Disks::Choose(const std::string& root, const std::vector<std::string>& names) {
   mRoot = root;
-  std::vector<std::string> chosen = names;
+  NamesChosen chosen;
   if (names.empty()) {
     if (Refusal refusal = ChooseAll(root, &chosen)) return refusal;
   }
-  for (const std::string& name : chosen) {
-    if (Refusal refusal = RefuseDisk(root, name, chosen)) return refusal;
+  for (const std::string& name : names) {
+    if (Refusal refusal = RefuseDisk(root, name, names)) return refusal;
+    chosen.emplace_back(name, HoldsFiles(DiskPath(root, name)));
+  }
+  for (const auto& [name, holdsFiles] : chosen) {
     const Disk disk = {name, DiskPath(root, name)};
-    (HoldsFiles(disk.path) ? mDisks : mMissing).push_back(disk);
+    (holdsFiles ? mDisks : mMissing).push_back(disk);
     mChosen.push_back(disk);
   }
   return std::nullopt;

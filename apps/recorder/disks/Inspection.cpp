@@ -195,11 +195,12 @@ void DiskInspection::LookInto(const std::string& name) {
       odd.push_back({path + entry, "starts ahead of the clock and holds no recording of that time"});
       return;
     }
+    if (record.endTime != 0) return;
     if (IsForeignRecord(path + entry, record)) {
       odd.push_back({path + entry, "has no recording's name and holds none"});
-      return;
+    } else {
+      unfinished.push_back(path + entry);
     }
-    if (record.endTime == 0) unfinished.push_back(path + entry);
   });
   if (error != 0) {
     mFound.isBrokenOff = true;
@@ -308,9 +309,10 @@ bool IsImmutable(const std::string& path) {
 }
 
 bool IsForeignRecord(const std::string& path, const RecordName& name) {
+  if (name.endTime != 0) return false;
   char inProgress[32];
   std::snprintf(inProgress, sizeof inProgress, "%" PRIx32 "_00000000.imf", name.startTime);
-  return name.endTime == 0 && NameOf(path) != inProgress && !HoldsRecording(path, name);
+  return NameOf(path) != inProgress && !HoldsRecording(path, name);
 }
 
 std::string WhyNoDatabase(const std::string& path) {
