@@ -44,7 +44,7 @@ TEST(Settings, Inputs) {
       {{"front=rtsp://h/?a=b", "2:back door=c.mp4", "d.mp4"},
        "0:front:rtsp://h/?a=b 2:back door:c.mp4 1::d.mp4 "},
       {{"0:a", "b"}, "0::a 1::b "},
-      {{"./3:a=b.mp4", "-"}, "0::./3:a=b.mp4 1::- "},
+      {{"./3:a=b.mp4", "-", "3:4:x"}, "0::./3:a=b.mp4 1::- 3::4:x "},
       {{"3:a", "3:b"}, "two inputs for channel 3"},
       {{"a=b", "a=c"}, "two inputs are called a"},
       {{"3:" + std::string(33, 'a') + "=rtsp://h"}, "an input cannot be called 'aaa"},

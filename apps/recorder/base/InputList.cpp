@@ -35,11 +35,13 @@ std::optional<std::string> OddName(const std::string& address) {
   return address.substr(0, equals);
 }
 
-// "1234" of "1234:front=rtsp://camera1".
-std::optional<std::string> OddNumber(const std::string& address) {
-  const size_t end = address.find_first_not_of("0123456789");
-  if (end == 0 || end == std::string::npos || address[end] != ':') return std::nullopt;
-  return address.substr(0, end);
+// "1234" of "1234:front=rtsp://camera1": too long for a channel's number. Behind a number or a name it is the
+// address's own.
+std::optional<std::string> OddNumber(const InputSpec& input) {
+  const size_t end = input.address.find_first_not_of("0123456789");
+  if (input.channel >= 0 || !input.name.empty() || end == std::string::npos) return std::nullopt;
+  if (end == 0 || input.address[end] != ':') return std::nullopt;
+  return input.address.substr(0, end);
 }
 
 }  // namespace
@@ -78,11 +80,10 @@ std::optional<std::string> ParseInputs(const std::vector<std::string>& texts, in
              " bytes of letters, digits, -, _, . and blanks between them (a file of that name: ./" + *odd +
              "=...)";
     }
-    if (const auto odd = OddNumber(input.address)) {
-      return "there is no channel " + *odd + ": channels are numbered 0 to " + std::to_string(limit - 1);
-    }
-    if (input.channel >= limit) {
-      return "there is no channel " + number + ": channels are numbered 0 to " + std::to_string(limit - 1);
+    const auto oddNumber = OddNumber(input);
+    if (oddNumber || input.channel >= limit) {
+      return "there is no channel " + oddNumber.value_or(number) + ": channels are numbered 0 to " +
+             std::to_string(limit - 1);
     }
     if (input.channel >= 0 && !channels.insert(input.channel).second) {
       return "two inputs for channel " + number;
