@@ -212,7 +212,8 @@ void Segments::KeepHouse() {
   for (const Disk& disk : mDisks.All()) {
     if (FmgrRepositoryGroup* group = mDisks.Group(disk)) SaveForeignFiles(mDisks, disk, *group);
     KeepReserve(disk.path);
-    if (Refusal refusal = Vetting::MakePool(disk)) Complain("%s", refusal->c_str());
+    const Refusal refusal = Vetting::MakePool(disk);
+    if (refusal && mSaidPool.insert(*refusal).second) Complain("%s", refusal->c_str());
   }
   mExpiry.Run(kPreserveRounds);
 }

@@ -102,7 +102,8 @@ class Segments {
   int mAskings = 0;   // for a disk, since a segment was completed
   bool mPaused = false;
   bool mSaidTooFast = false;
-  std::set<int> mSaidTooLarge;  // channels with packets larger than a file
+  std::set<int> mSaidTooLarge;      // channels with packets larger than a file
+  std::set<std::string> mSaidPool;  // why a pool could not be made
 };
 
 }  // namespace recorder
