@@ -100,7 +100,7 @@ std::string TickLine(const std::vector<Tick>& ticks, std::string Tick::*text, co
 std::string DrawText(const Timeline& timeline, int width, bool colours) {
   size_t labels = 0;
   for (const auto* rows : {&timeline.channels, &timeline.disks}) {
-    for (const TimelineRow& row : *rows) labels = std::max(labels, ColumnsOf(row.label) + 1);
+    for (const TimelineRow& row : *rows) labels = std::max(labels, ColumnsOf(Printable(row.label)) + 1);
   }
   const int cells = std::max(20, width - static_cast<int>(labels) - kCoverageColumns);
   const std::string margin(labels, ' ');
