@@ -20,10 +20,8 @@ bool EndsWithEquals(const std::string& argument) {
 }  // namespace
 
 bool IsEmptyByMistake(const CLI::Option& option, const std::vector<std::string>& values) {
-  const std::vector<std::string>& names = option.get_lnames();
-  const bool mayBeEmpty = std::any_of(
-      std::begin(kMayBeEmpty), std::end(kMayBeEmpty),
-      [&names](const char* each) { return std::find(names.begin(), names.end(), each) != names.end(); });
+  const bool mayBeEmpty = std::any_of(std::begin(kMayBeEmpty), std::end(kMayBeEmpty),
+                                      [&option](const char* each) { return option.check_lname(each); });
   return option.get_expected_min() > 0 && !mayBeEmpty &&
          std::find(values.begin(), values.end(), "") != values.end();
 }

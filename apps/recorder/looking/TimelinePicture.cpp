@@ -229,9 +229,7 @@ class Picture {
     for (const Span& gap : gaps) Gap(X(gap.begin), y, X(gap.end) - X(gap.begin), height);
     char text[64];
     std::snprintf(text, sizeof text, "%.1f %%%s", 100 * CoverageOf(row, mTimeline),
-                  gaps.empty()       ? ""
-                  : gaps.size() == 1 ? ", 1 gap"
-                                     : (", " + std::to_string(gaps.size()) + " gaps").c_str());
+                  gaps.empty() ? "" : (", " + FormatCount(static_cast<int64_t>(gaps.size()), "gap")).c_str());
     Text(kInk, kWidth - kMargin, middle, text, Align::kRight);
   }
 

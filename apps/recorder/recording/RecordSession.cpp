@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <ctime>
 #include <memory>
 
@@ -214,8 +213,8 @@ int Record(const RecordOptions& options, const std::string& root) {
     // What is read from files as fast as it can be read is over soon, and nobody watches it.
     Reporting reporting(*source, segments, keeper, recovery,
                         {plan.root, plan.inputs, plan.onEvent, !plan.streamClock, plan.capture.timeout});
-    const auto inputs = plan.urls.size() - std::count(plan.urls.begin(), plan.urls.end(), "");
-    status = RecordAll(*source, plan.streamClock ? static_cast<int>(inputs) : 1, segments, reporting);
+    status =
+        RecordAll(*source, plan.streamClock ? static_cast<int>(plan.inputs.size()) : 1, segments, reporting);
   }
 
   if (status == kRefused) return status;

@@ -8,6 +8,7 @@
 #include "SystemHelper.h"
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
+#include "apps/recorder/base/Units.h"
 #include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/disks/SetAside.h"
 #include "platform/host/imf/ImfCoverage.h"
@@ -38,9 +39,7 @@ uint32_t StartTimeOf(const std::string& path) {
   return name.startTime;
 }
 
-std::string Plural(int64_t count, const char* what) {
-  return std::to_string(count) + " recording" + (count == 1 ? " " : "s ") + what;
-}
+std::string Plural(int64_t count, const char* what) { return FormatCount(count, "recording") + " " + what; }
 
 // What speaks against a database that can be read; the rules are those by which it is rebuilt.
 std::string CompareRows(const std::vector<std::string>& names, const std::vector<TimeSearchRecording>& rows) {
