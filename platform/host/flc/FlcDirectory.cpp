@@ -263,12 +263,14 @@ void FlcDirectory::InsertBlock(size_t at) {
 
 // After a change of that block's files, or where a block was removed.
 void FlcDirectory::Changed(size_t block) {
-  if (block < mBlocks.size()) mBlocks[block].firstStart = mBlocks[block].files.front().startTime;
-  for (size_t i = block > 0 ? block - 1 : 0; i <= block && i < mBlocks.size(); ++i) {
-    // The last file of the block before may reach up to this one.
-    if (i < block && mBlocks[i].files.back().endTime != 0) continue;
-    Summarize(i);
-    JoinAbove(i);
+  if (block < mBlocks.size()) {
+    Summarize(block);
+    JoinAbove(block);
+  }
+  // The last file of the block before may reach up to this one.
+  if (block > 0 && mBlocks[block - 1].files.back().endTime == 0) {
+    Summarize(block - 1);
+    JoinAbove(block - 1);
   }
 }
 
