@@ -72,11 +72,13 @@ std::string Printable(const std::string& text) {
 void Print(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = Formatted(format, arguments);
+  std::string text = Formatted(format, arguments);
   va_end(arguments);
   const bool isWhole = !text.empty() && text.back() == '\n';
-  const std::string line = Printable(text.substr(0, text.size() - (isWhole ? 1 : 0))) + (isWhole ? "\n" : "");
-  std::fputs(line.c_str(), stdout);
+  if (isWhole) text.pop_back();
+  text = Printable(text);
+  if (isWhole) text += '\n';
+  std::fputs(text.c_str(), stdout);
 }
 
 void Complain(const char* format, ...) {

@@ -26,7 +26,7 @@ struct LiveHealth {
 // anything here.
 std::optional<LiveHealth> LookAtHealth(const std::string& root, const std::optional<std::string>& holder);
 
-// Lines of text, each with its end.
+// Lines of text, without their ends.
 std::vector<std::string> HealthText(const LiveHealth& live);
 nlohmann::ordered_json HealthJson(const LiveHealth& live);
 // What a scraper reads: the text format of Prometheus, version 0.0.4.
