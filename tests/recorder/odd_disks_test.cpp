@@ -105,6 +105,7 @@ const Odd kOdd[] = {
     {"FileAsDirectory", "/data_00000010", true, MakeEmpty},
     {"FileAsQuarantine", "/imf_error", true, MakeEmpty},
     {"NoRecordingsName", "/data_00000002/face.imf", true, MakeFile},
+    {"BesideItsRecording", "/data_00000002/6553f100_notes.imf", true, MakeFile},
     {"AheadOfTheClock", "/data_00000002/7ffffff0_7ffffff8_cm1.imf", true, MakeFile},
     {"AheadOfTheClockAndReal", "/data_00000002/7ffffff0_7ffffff8_cm1.imf", false, MakeAhead, 2},
     {"BehindAllTimes", "/data_00000002/ffffffff_ffffffff_cm1.imf", false, MakeFile},

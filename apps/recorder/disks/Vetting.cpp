@@ -44,11 +44,19 @@ bool IsOfPool(const Disk& disk, const std::string& path) {
   return DirectoryOf(path) == disk.path + "/imf_free/";
 }
 
+// The cache knows files by their starts. What it knows by this one's may be another file, a recording: that
+// stays.
 void DropFromCache(const Disk& disk, const std::string& path) {
   RecordName record{};
-  if (ParseRecordName(NameOf(path), &record)) {
-    FlcRemoveFile(disk.name.c_str(), IndexOf(DirectoryOf(path)), record.startTime);
+  if (!ParseRecordName(NameOf(path), &record)) return;
+  const int index = IndexOf(DirectoryOf(path));
+  flc_file_info_param_t known = FlcFileParam(nullptr, index, record.startTime);
+  if (FlcGetFileByTime(disk.name.c_str(), &known) == 0 && known.startTime == record.startTime) {
+    std::string name;
+    FmgrDataRepository::FlcFileInfoToFileName(name, known);
+    if (name != NameOf(path) && Exists(DirectoryOf(path) + name)) return;
   }
+  FlcRemoveFile(disk.name.c_str(), index, record.startTime);
 }
 
 // Takes the directories called so out of the group's list.
