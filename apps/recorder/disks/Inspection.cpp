@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +16,7 @@
 
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/disks/SetAside.h"
+#include "fmgr/FmgrDataRepository.h"
 #include "fmgr/FmgrRepository.h"
 #include "platform/host/imf/ImfRecord.h"
 #include "platform/host/imf/RecordName.h"
@@ -310,8 +310,8 @@ bool IsImmutable(const std::string& path) {
 
 bool IsForeignRecord(const std::string& path, const RecordName& name) {
   if (name.endTime != 0) return false;
-  char inProgress[32];
-  std::snprintf(inProgress, sizeof inProgress, "%" PRIx32 "_00000000.imf", name.startTime);
+  std::string inProgress;
+  FmgrDataRepository::FlcFileInfoToFileName(inProgress, FlcFileParam(nullptr, 0, name.startTime));
   return NameOf(path) != inProgress && !HoldsRecording(path, name);
 }
 
