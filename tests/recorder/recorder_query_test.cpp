@@ -188,7 +188,7 @@ TEST_F(RecorderQuery, RefusesInOneLine) {
       {"record --input x --on-event no-such-command", 2, "cannot run no-such-command"},
       {"record --input x --on-event " + sWork, 2, "Permission denied"},
       {"record --input x --camera-clock 0-1", 2, "channel 1 has no input"},
-      {"export --since someday --until now" + out, 2, "--since someday is not a time"},
+      {"--config /dev/null export --since someday --until now" + out, 2, "--since someday is not a time"},
       {"export" + Since(5, 4) + out, 2, "before it begins"},
       {"export --channel 2" + good + out, 2, "channel 2 was never recorded: there is 0-1"},
       {"export --channel 1" + Since(42, 50) + out, 1,

@@ -56,6 +56,7 @@ std::vector<std::string> ApplyConfig(CLI::App& app, Context& context) {
   const bool isDefault = context.config.empty();
   if (isDefault && !Exists(kDefaultPath)) return {};
   if (isDefault) context.config = kDefaultPath;
+  if (context.config == "/dev/null") return {};  // so that the default file is not taken
   const std::optional<std::string> text = ReadSmallFile(context.config, kSizeLimit, 0);
   if (!text) {
     return {"cannot read " + context.config + ": " +
