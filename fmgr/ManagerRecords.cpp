@@ -130,7 +130,7 @@ int FmgrFileManager::MoveRecordFileToErrorRepository(std::string path, int error
 int FmgrFileManager::RenameRecordFile(const std::string& path, int endTime, unsigned mask,
                                       std::string& newPath) {
   const fmgr::OneCall call;
-  FmgrDataRepository* owner = fmgr::FindFirstOwner(mGroups, path);
+  FmgrDataRepository* owner = fmgr::FindFirstOwner(ActiveGroups(), path);
   if (owner == nullptr) return FMGR_NO_DISK_OR_OWNER;
   owner->RenameRecordFile(path, endTime, mask, newPath);
   return FMGR_DONE;

@@ -160,9 +160,12 @@ TEST_F(FileManagerTest, EveryDiskIsPolled) {
 TEST_F(FileManagerTest, AlternativeDisks) {
   const std::string a = Add("a 1 1:10-15");
   mManager->mAltMode = 1;
-  Add("b 2 7:20-25 7:30-35");
+  const std::string b = Add("b 2 7:20-25 7:30-35");
   EXPECT_EQ("a ", Order());
-  EXPECT_EQ(a, fs::read_symlink("/tmp/curr_disk").string());
+  std::string renamed;
+  const std::string last = DataDir(b, 7) + Text("/%x_%x_cm1.imf", kT + 30, kT + 35);
+  EXPECT_EQ(FMGR_DONE, mManager->RenameRecordFile(last, kT + 38, 1, renamed));
+  EXPECT_TRUE(fs::exists(renamed) && !fs::exists(last));
   mManager->mAltMode = 0;
   int start = 0;
   int end = 0;
