@@ -201,7 +201,8 @@ int DriverRecordList::FilePath(int time, std::string& path, int mode, const File
   const flc_file_info_param_t newest = KnownNewest();
   const int newestStart = static_cast<int>(newest.startTime);
   const int newestEnd = static_cast<int>(newest.endTime);
-  // Opening a file is dear; these two refusals stand whatever its header says.
+  // Opening a file is dear. The first refusal stands whatever its header says; by the second, deliberately, a
+  // completed name's end goes for its header's.
   if (mode <= 0 && time < newestStart) return 0;
   if (mode >= 1 && newestEnd != 0 && newestEnd <= time) return 0;
 

@@ -93,6 +93,9 @@ TEST_P(Queries, FileForATime) {
   expectFile(kCache, kGrowingEnd - 1, 1, kGrowingEnd, kGrowing);
   expectFile(kCache, kGrowingEnd, 1, 0, kGrowing);  // refused, and the path stays written
   expectFile(kCache, kGrowingEnd + 100, 0, kGrowingEnd, kGrowing);
+  // Completed with less than its header has: the name's end holds, towards later times.
+  mRepository.RenameRecordFile(mPath + kGrowing, kGrowingEnd - 5, 1, mFound);
+  expectFile(kCache, kGrowingEnd - 3, 1, 0, "");
 }
 
 TEST_P(ListQueries, FindsByStartTime) {
