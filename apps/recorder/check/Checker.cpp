@@ -346,14 +346,15 @@ void DiskCheck::NoteOverlaps() {
 }
 
 void DiskCheck::JudgeCount() {
-  if (!mManifest) return;
+  if (!mManifest) return JudgePoolNumbers();
   const auto count = std::count_if(mFiles.begin(), mFiles.end(), [this](const auto& file) {
     return file.second.size == mReport.fileSize && IsLaidDown(file.second);
   });
-  if (count >= mManifest->files) return;
+  if (count >= mManifest->files) return;  // files that couldn't be moved in their turn leave gaps as well
   Find(Fault::kMissing, Join(mReport.path, kManifestName),
        std::to_string(mManifest->files - count) + " of the " + std::to_string(mManifest->files) +
            " files that were laid down are not there");
+  JudgePoolNumbers();
 }
 
 // What the recorder keeps beside its directories. The reserve may have any size, a record file's as well.
@@ -408,7 +409,6 @@ DiskReport DiskCheck::Run() {
 
   mReport.fileSize = UsualSize();
   for (const auto& [inode, file] : mFiles) JudgePlace(file);
-  JudgePoolNumbers();
   JudgeCount();
   for (const std::string& path : mSetAside)
     Find(Fault::kSetAside, path, "was set aside: it is of no use where it was");

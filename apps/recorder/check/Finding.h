@@ -11,7 +11,7 @@ enum class Fault {
   kLeftover,        // in the pre-allocation directory, as preparing that was cut off leaves it
   kOutside,         // a laid-down file in none of the three places, or there under a name that nobody looks for
   kSize,            // a record file of another size than the disk's others
-  kGap,             // the pool's numbers, which are given out in order, skip some
+  kGap,             // the pool's numbers skip some, and for all that is known the disk has lost files
   kPoolName,        // in the pool under a name that is not a number
   kNoRegularFile,   // a directory or link in the place of a file, or the other way round
   kDirectoryName,   // a data directory that is not called "data_" and eight digits
