@@ -2,6 +2,7 @@
 #include <sys/mount.h>
 
 #include "apps/recorder/base/Units.h"
+#include "apps/recorder/disks/DiskManifest.h"
 #include "apps/recorder/disks/PreparationPlan.h"
 #include "tests/support/RecorderProgram.h"
 
@@ -110,8 +111,11 @@ TEST_F(Preparation, WhatAnEarlierVersionLeftIsFinishedOrUndone) {
     for (int i = 0; i < 5; ++i) MakeTestFile(mDisk + Text("/imf_prealloc/%08d.imf", i), kMiB);
     MakeTestFile(mDisk + "/imf_prealloc/00000005.imf", 0);  // the disk was full
     WriteText(mDisk + "/imf_prealloc/notes", "mine");
+    ASSERT_EQ("", recorder::WriteManifest(mDisk, {40, kMiB}));
     EXPECT_EQ(1, Run("check"));
     EXPECT_TRUE(Has(mProgram.out, "prepare --disk a --resume"));
+    EXPECT_EQ(mProgram.out.find("next:"), mProgram.out.rfind("next:")) << mProgram.out;
+    fs::remove(mDisk + "/recorder.disk");
     EXPECT_EQ(1, Run("check --return-orphans")) << "names the command";
     EXPECT_EQ(2, Run("prepare --disk a --resume --count 4"));
     EXPECT_TRUE(Has(mProgram.err, "5 files are laid down"));

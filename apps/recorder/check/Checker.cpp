@@ -18,6 +18,7 @@
 #include "apps/recorder/disks/DirectoryLock.h"
 #include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/disks/Preparation.h"
+#include "apps/recorder/disks/PreparationLeft.h"
 #include "apps/recorder/disks/SetAside.h"
 #include "apps/recorder/recording/SearchIndex.h"
 #include "platform/host/imf/RecordName.h"
@@ -85,6 +86,7 @@ class DiskCheck {
   void Add(const std::string& path, const struct stat& info, Place place);
   uint64_t UsualSize() const;
   bool IsLaidDown(const File& file) const;
+  bool IsHalfPrepared() const;
   void JudgePlace(const File& file);
   void JudgePoolNumbers();
   void JudgeCount();
@@ -276,6 +278,14 @@ std::string DiskCheck::SizeText(uint64_t size) const {
   return "has " + std::to_string(size) + " bytes instead of " + std::to_string(mReport.fileSize);
 }
 
+// Finishing it or taking it back, which its leftovers lead to, is all there is to do: what preparing has not
+// come to is not missing.
+bool DiskCheck::IsHalfPrepared() const {
+  return !HoldsRecordings(mReport.path) &&
+         std::any_of(mReport.findings.begin(), mReport.findings.end(),
+                     [](const Finding& finding) { return finding.fault == Fault::kLeftover; });
+}
+
 void DiskCheck::JudgePlace(const File& file) {
   const FileName* home = file.Home();
   if (!IsLaidDown(file)) {
@@ -403,13 +413,15 @@ DiskReport DiskCheck::Run() {
       if (S_ISDIR(info.st_mode) && info.st_dev == mDevice) WalkElsewhere(path, 0);
     }
   }
-  if (std::find(names.begin(), names.end(), "imf_free") == names.end()) {
-    Find(Fault::kUnreadable, mReport.path + "/imf_free", "the pool is missing");
-  }
 
   mReport.fileSize = UsualSize();
   for (const auto& [inode, file] : mFiles) JudgePlace(file);
-  JudgeCount();
+  if (!IsHalfPrepared()) {
+    if (std::find(names.begin(), names.end(), "imf_free") == names.end()) {
+      Find(Fault::kUnreadable, mReport.path + "/imf_free", "the pool is missing");
+    }
+    JudgeCount();
+  }
   for (const std::string& path : mSetAside)
     Find(Fault::kSetAside, path, "was set aside: it is of no use where it was");
   const Blame blame = [this](Fault fault, const std::string& path, const std::string& what) {
