@@ -255,11 +255,13 @@ TEST_F(MountedDisk, CompletesRecordingsWhenTheyCanBeRenamed) {
   ASSERT_EQ(0, Shell("chattr +i " + unfinished));
   Disks disks;
   SearchIndex index;
-  Completion completion(index);
+  Completion completion(index), closed(index);
   ASSERT_FALSE(disks.Choose(mRoot.Path(), {}));
   const std::vector<Disk> all = disks.All();
   ASSERT_FALSE(disks.OpenForRecording({}));
   ASSERT_FALSE(disks.Add(all.at(0)));
+  EXPECT_TRUE(Has(StderrOf([&] { closed.AddUnnamed(unfinished, named, EPERM); }), "it is tried again"));
+  EXPECT_EQ("", StderrOf([&] { closed.TryAll(disks); })) << "said already";
   completion.AddUnfinished(unfinished);
   for (const bool fixed : {true, false}) {
     if (!fixed) Shell("chattr -i " + unfinished);

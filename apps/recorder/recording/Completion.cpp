@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "Flc.h"
 #include "ImfFile.h"
@@ -59,6 +60,18 @@ void Completion::TryAll(Disks& disks) {
   }
 }
 
+void Completion::AddUnnamed(const std::string& path, const std::string& target, int error) {
+  mPending.push_back({path, target, false});
+  if (error != 0) SayNotNamed(&mPending.back(), target, error);
+}
+
+void Completion::SayNotNamed(Pending* pending, const std::string& target, int error) {
+  if (!std::exchange(pending->isSaid, true)) {
+    Complain("cannot rename %s to %s: %s; it is tried again", pending->path.c_str(), target.c_str(),
+             std::strerror(error));
+  }
+}
+
 // True when there is nothing left to do.
 bool Completion::Try(Pending* pending, const Disk& disk, FmgrRepositoryGroup& group) {
   const bool wasUnfinished = pending->target.empty();
@@ -92,11 +105,7 @@ bool Completion::Try(Pending* pending, const Disk& disk, FmgrRepositoryGroup& gr
             path.c_str());
       return true;
     case Completed::Outcome::kNotNamed:
-      if (!pending->isSaid) {
-        Complain("cannot rename %s to %s: %s; it is tried again", path.c_str(), completed.path.c_str(),
-                 std::strerror(completed.error));
-      }
-      pending->isSaid = true;
+      SayNotNamed(pending, completed.path, completed.error);
       return false;
     case Completed::Outcome::kLeft:
       break;

@@ -34,10 +34,8 @@ class Completion {
   // A recording that nobody is writing, of which nothing is known but that it has no final name.
   void AddUnfinished(const std::string& path) { mPending.push_back({path, "", false}); }
   // A recording that is closed, and could not be renamed to `target`. The file manager goes by that name
-  // already.
-  void AddUnnamed(const std::string& path, const std::string& target) {
-    mPending.push_back({path, target, false});
-  }
+  // already. `error`, what kept it from that, is said now; 0: it isn't known, and is said when it is met again.
+  void AddUnnamed(const std::string& path, const std::string& target, int error);
   // Tries all that is pending once, on disks that are managed, one line for each that is settled and the first
   // time for each that isn't.
   void TryAll(Disks& disks);
@@ -49,6 +47,7 @@ class Completion {
     bool isSaid = false;
   };
 
+  static void SayNotNamed(Pending* pending, const std::string& target, int error);
   bool Try(Pending* pending, const Disk& disk, FmgrRepositoryGroup& group);
   bool Finish(const Pending& pending, const Disk& disk, bool wasUnfinished);
 

@@ -70,7 +70,7 @@ void Recovery::NotifyStage(int, int) {}  // what came of a stage is reported whe
 void Recovery::NotifyFileFixed(ImfFile&, const std::string& newName, unsigned videoChannelMask) {
   mFixed.insert(KeyOf(newName));
   // The file manager does not look whether it could rename the file.
-  if (!Exists(newName)) return mCompletion.AddUnnamed(KeyOf(newName) + "_00000000.imf", newName);
+  if (!Exists(newName)) return mCompletion.AddUnnamed(KeyOf(newName) + "_00000000.imf", newName, 0);
   mRepaired++;
   RecordName parsed{};
   ParseRecordName(NameOf(newName), &parsed);

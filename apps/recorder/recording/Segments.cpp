@@ -258,9 +258,7 @@ void Segments::Complete() {
   // The file manager does not look whether it could rename the file. Once more, for the error.
   if (!Exists(path) && !RenameToNew(mPath, path)) {
     const int error = errno;
-    Complain("cannot rename %s to %s: %s; it is tried again", mPath.c_str(), path.c_str(),
-             std::strerror(error));
-    mRecovery.Unfinished().AddUnnamed(mPath, path);
+    mRecovery.Unfinished().AddUnnamed(mPath, path, error);
     if (!IsDiskError(error) || ++mFailures < kFailureLimit) return;
     mFailures = 0;
     return mKeeper.SetAside(mPath, "cannot complete " + mPath, error);
