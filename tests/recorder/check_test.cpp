@@ -185,6 +185,11 @@ TEST_F(CheckTest, RepairsNames) {
 }
 
 TEST_F(CheckTest, RefusesWhatLooksMissingOrMostlyWrong) {
+  const std::string conf = "--config " + mRoot.Path() + "/conf ";
+  WriteText(mRoot.Path() + "/conf", "root = " + mRoot.Path() + "\ndisk = d\ndisk = named\n");
+  EXPECT_EQ(1, Run(conf + "check") + Run("check"));
+  ASSERT_EQ(0, Run(conf + "status --json"));
+  EXPECT_EQ("missing", mProgram.JsonLines().at(1)["state"]);
   ASSERT_TRUE(Shell("mkdir ../gone"));
   EXPECT_EQ(1, Check("")) << "one looks missing";
   EXPECT_EQ(2, Check("--repair-names")) << "and is not repaired";

@@ -187,7 +187,8 @@ TEST_F(DiskKeeperTest, ExpiresNothingByAClockThatNothingBearsOut) {
     GTEST_SKIP() << "the kernel says that the clock is synchronised";
   }
   Prepare("a", 20);
-  ASSERT_EQ(0, Record("2024-05-01T12:00:00Z")) << mProgram.err;
+  ASSERT_EQ(0, Record("2024-05-01T12:00:00Z", " --keep 24")) << mProgram.err;
+  EXPECT_TRUE(Recycled(mProgram.out).empty()) << "not made by the clock";
   const Names before = Recordings(mRoot.Path());
   ASSERT_EQ(0, Record("2024-05-02T12:00:00Z", " --keep 24"));
   EXPECT_TRUE(Has(mProgram.err, "nothing bears out"));

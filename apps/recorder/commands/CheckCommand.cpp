@@ -19,6 +19,7 @@
 #include "apps/recorder/check/Repairs.h"
 #include "apps/recorder/commands/Command.h"
 #include "apps/recorder/disks/DirectoryLock.h"
+#include "apps/recorder/disks/DiskState.h"
 #include "apps/recorder/disks/Disks.h"
 #include "apps/recorder/looking/JsonLine.h"
 
@@ -115,9 +116,23 @@ int Repair(const Options& options, const Disk& disk, DiskReport* report) {
   return kDone;
 }
 
-Refusal ChooseDisks(const Options& options, const std::string& root, std::vector<Disk>* disks) {
+// Without any named: all that there are, and those that are missed, by the configuration or by a recorder at
+// work.
+Refusal ChooseDisks(const Options& options, const std::string& root, const std::vector<std::string>& expected,
+                    std::vector<Disk>* disks) {
   int error = 0;
-  for (const std::string& name : options.disks.empty() ? ListDisks(root, &error) : options.disks) {
+  std::vector<std::string> names = options.disks;
+  if (names.empty()) {
+    names = ListDisks(root, &error);
+    std::vector<std::string> missed = expected;
+    if (HolderOf(root)) {
+      for (const DiskState& state : ReadState(root).disks) missed.push_back(state.disk.name);
+    }
+    for (const std::string& name : missed) {
+      if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+    }
+  }
+  for (const std::string& name : names) {
     disks->push_back({name, DiskPath(root, name)});
     // One that is named and not there is missing, like one that is there and holds nothing.
     const bool isDisk = !name.empty() && name.find('/') == std::string::npos;
@@ -165,11 +180,11 @@ bool ReadPackets(const Disk& disk, DiskReport* report) {
   return totals.recordings == totals.of;
 }
 
-int Check(const Options& options, std::string root) {
+int Check(const Options& options, std::string root, const std::vector<std::string>& expected) {
   std::vector<Disk> disks;
   LockSet locks("check");
   Refusal refusal = ResolveRoot(&root, true);
-  if (!refusal) refusal = ChooseDisks(options, root, &disks);
+  if (!refusal) refusal = ChooseDisks(options, root, expected, &disks);
   if (!refusal && options.Repairs()) refusal = TakeLocks(root, disks, &locks);
   if (refusal) {
     Complain("%s", refusal->c_str());
@@ -214,8 +229,9 @@ void AddCheckCommand(CLI::App& app, Context& context) {
   command->add_flag("--return-orphans", options->returnOrphans, "Put laid-down files back that lie outside");
   command->add_flag("--force", options->force, "Repair a disk of which more than half looks wrong");
   command->footer("No repair deletes a file. Exit status: 0 nothing is wrong, 1 something is, 2 refused.");
-  command->callback(
-      [options, &context] { context.run = [options, &context] { return Check(*options, context.root); }; });
+  command->callback([options, &context] {
+    context.run = [options, &context] { return Check(*options, context.root, context.disks); };
+  });
 }
 
 }  // namespace recorder

@@ -28,6 +28,7 @@ struct Context {
   std::vector<std::string> problems;      // what is wrong with it
   bool looksAtConfig = false;             // the command runs all the same
   ChannelNames names;                     // as configured
+  std::vector<std::string> disks;         // the same; empty: all there are
   std::shared_ptr<RecordOptions> record;  // the options of record, set by it
 };
 

@@ -76,9 +76,10 @@ std::vector<std::string> ApplyConfig(CLI::App& app, Context& context) {
       problems.push_back(context.config + ":" + std::to_string(each.line) + ": " + *refusal);
     }
   }
-  // Names are those of the channels below the root directory that the file is about.
+  // Names are those of the channels, and of the disks, below the root directory that the file is about.
   std::vector<InputSpec> inputs;
   const auto isSame = WithoutSlash(root) == WithoutSlash(context.root);
+  if (isSame) context.disks = record->get_option("--disk")->results();
   if (isSame && !ParseInputs(record->get_option("--input")->results(), IMF_CHANNEL_LIMIT, &inputs)) {
     context.names = NamesOf(inputs);
   }

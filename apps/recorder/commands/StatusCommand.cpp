@@ -100,10 +100,11 @@ void PrintHealth(const std::optional<LiveHealth>& live, Form form) {
   if (form == Form::kJson) PrintLine({{"recorder", HealthJson(*live)}});
 }
 
-int Status(std::string root, Form form) {
+int Status(std::string root, const std::vector<std::string>& expected, Form form) {
   Disks disks;
   Refusal refusal = ResolveRoot(&root, true);
   if (!refusal) refusal = disks.Choose(root, {});
+  disks.Expect(expected);
   const bool hasDisk = !refusal && !disks.All().empty();
   if (hasDisk) refusal = disks.OpenForLooking();
   if (refusal) {
@@ -157,8 +158,9 @@ void AddStatusCommand(CLI::App& app, Context& context) {
       "--json", [form] { *form = Form::kJson; }, "One JSON object a disk and line, then one of the recorder");
   command->add_flag_callback(
       "--prometheus", [form] { *form = Form::kMetrics; }, "As a scraper of Prometheus reads it");
-  command->callback(
-      [form, &context] { context.run = [form, &context] { return Status(context.root, *form); }; });
+  command->callback([form, &context] {
+    context.run = [form, &context] { return Status(context.root, context.disks, *form); };
+  });
 }
 
 }  // namespace recorder

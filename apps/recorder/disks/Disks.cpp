@@ -209,6 +209,15 @@ Refusal Disks::Choose(const std::string& root, const std::vector<std::string>& n
   return std::nullopt;
 }
 
+void Disks::Expect(const std::vector<std::string>& names) {
+  for (const std::string& name : names) {
+    const auto isIt = [&name](const Disk& each) { return each.name == name; };
+    if (std::any_of(mChosen.begin(), mChosen.end(), isIt) || RefuseDiskName(name, {})) continue;
+    mChosen.push_back({name, DiskPath(mRoot, name)});
+    mMissing.push_back(mChosen.back());
+  }
+}
+
 // The cache has to know a disk before the manager asks about it.
 Refusal Disks::Attach(const Disk& disk) {
   if (FlcAttachDisk(disk.name.c_str(), disk.path.c_str()) == 0) return std::nullopt;

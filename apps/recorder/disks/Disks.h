@@ -71,6 +71,8 @@ class Disks {
   // root directory that can be used; the others are left out, with a line. Of those chosen, the ones that hold
   // nothing are missing. `root` is absolute.
   Refusal Choose(const std::string& root, const std::vector<std::string>& names);
+  // Has those of `names` missing that were not chosen. Behind Choose().
+  void Expect(const std::vector<std::string>& names);
 
   // Makes the file manager ready to record, without any disk yet; whoever keeps the disks adds them.
   Refusal OpenForRecording(const Recording& recording);

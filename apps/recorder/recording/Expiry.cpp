@@ -54,9 +54,9 @@ void Expiry::Run(int rounds) {
   if (!IsClockBelievable()) {
     if (!mSaidDoubt) {
       Complain(
-          "the clock says %s, which nothing bears out: it is not synchronised, and the newest recording is "
-          "older "
-          "than %s; nothing is recycled for its age until it is (--trust-clock: at once)",
+          "the clock says %s, which nothing bears out: it is not synchronised, and no earlier recording is "
+          "less "
+          "than %s old; nothing is recycled for its age until it is (--trust-clock: at once)",
           FormatTime(std::time(nullptr)).c_str(), FormatDuration(kRecent).c_str());
     }
     mSaidDoubt = true;
@@ -83,7 +83,8 @@ bool Expiry::IsClockBelievable() {
     ForEachEnd(mDisks, [&](int64_t end) {
       if (end <= until) newest = std::max(newest, end);
     });
-    mIsRecent = newest == 0 || now - newest <= kRecent;  // without older ones, this clock made all there are
+    // Without older ones, this clock made all there are, if it makes any.
+    mIsRecent = newest == 0 ? mOptions.isWallClock : now - newest <= kRecent;
     mKeeper.DoubtClock(mIsRecent ? 0 : until);
   }
   if (mIsRecent && ClockOffset() > mClockOffset + kJump) {

@@ -16,6 +16,7 @@ class Expiry {
   struct Options {
     int64_t keepSeconds = 0;  // 0: no limit
     bool trustClock = false;
+    bool isWallClock = true;  // recordings are made at this machine's time of day
   };
 
   Expiry(Disks& disks, DiskKeeper& keeper, Recovery& recovery, Options options)

@@ -198,7 +198,7 @@ int Record(const RecordOptions& options, const std::string& root) {
   keeper.Start();
   // Each disk has been named. One that stumbled once is usable at the second asking.
   if (plan.streamClock && !keeper.HasDisk() && !keeper.AskAgain()) return kRefused;
-  Expiry expiry(disks, keeper, recovery, {plan.keepSeconds, options.trustClock});
+  Expiry expiry(disks, keeper, recovery, {plan.keepSeconds, options.trustClock, !plan.streamClock});
   // What is read from files can be read again; what a camera sends can't.
   Segments segments(disks, keeper, expiry, index, recovery,
                     {options.segment, options.checkpoint, !plan.streamClock});
