@@ -246,6 +246,15 @@ TEST_F(MountedDisk, PassesOverWhatCannotBeMoved) {
   EXPECT_EQ(0, Run("check")) << mProgram.out;
 }
 
+TEST_F(MountedDisk, GoesOnInAnotherFileWhenTheOpenOneCannotBeMoved) {
+  ASSERT_EQ(0, Shell("(sleep 2; chattr +i " + mDisk + "/data_*/*_00000000.imf) & ffmpeg -v error -re -t 4 -i " +
+                     mRoot.Path() + "/v.mp4 -c copy -f mpegts - | " RECORDER_PROGRAM " --root " + mRoot.Path() +
+                     " record --segment 60 --input -"));
+  EXPECT_TRUE(Has(mProgram.err, "_00000000.imf is immutable: it is passed over"));
+  EXPECT_TRUE(Has(mProgram.out, "recorded 1 segment,") && Has(mProgram.out, "dropped 0 packets"))
+      << mProgram.out;
+}
+
 // Not by the next start only: a recorder may run for years.
 TEST_F(MountedDisk, CompletesRecordingsWhenTheyCanBeRenamed) {
   Record();

@@ -7,6 +7,7 @@
 #include "apps/recorder/base/Files.h"
 #include "apps/recorder/base/Lines.h"
 #include "apps/recorder/base/Units.h"
+#include "apps/recorder/disks/Inspection.h"
 #include "apps/recorder/recording/ForeignFiles.h"
 #include "apps/recorder/recording/Reserve.h"
 #include "fmgr/FmgrFileManager.h"
@@ -296,6 +297,7 @@ void Segments::Quarantine(const char* what, int error) {
   const bool moved = mDisks.Manager()->MoveRecordFileToErrorRepository(mPath, 1) == 1;
   mRecovery.SetQuarantining(false);
   const bool quarantined = there && moved && !Exists(mPath);
+  const bool passedOver = !quarantined && IsImmutable(mPath);  // that is about the file, not about the disk
   if (quarantined) {
     Print("quarantined %s\n", mPath.c_str());
     mTotals.quarantined++;
@@ -303,8 +305,9 @@ void Segments::Quarantine(const char* what, int error) {
     Sync(DirectoryOf(mPath));
   } else {
     Complain("cannot move %s to quarantine", mPath.c_str());
+    if (passedOver) mDisks.PassOver(mPath, "is immutable");
   }
-  if (quarantined && ++mFailures < kFailureLimit) return;
+  if ((quarantined || passedOver) && ++mFailures < kFailureLimit) return;
   mFailures = 0;
   mKeeper.SetAside(mPath, std::string(what) + " " + mPath, error);
 }
